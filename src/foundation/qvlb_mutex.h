@@ -1,0 +1,43 @@
+// RAII over nested APR mutexes. Every lock in the agent is an apr_thread_mutex_t* created
+// APR_THREAD_MUTEX_NESTED; these wrappers make the standard guards work on them.
+#ifndef QVLB_MUTEX_H
+#define QVLB_MUTEX_H
+
+#include <apr_pools.h>
+#include <apr_thread_mutex.h>
+
+// BasicLockable view of an APR mutex, for std::lock_guard / std::unique_lock / std::scoped_lock.
+// A null mutex locks as a no-op (start-up order leaves some locks absent in tests).
+class QVMutexRef {
+public:
+    explicit QVMutexRef(apr_thread_mutex_t* m) : m_(m) {}
+    void lock() {
+        if (m_) apr_thread_mutex_lock(m_);
+    }
+    void unlock() {
+        if (m_) apr_thread_mutex_unlock(m_);
+    }
+    bool try_lock() { return m_ == nullptr || apr_thread_mutex_trylock(m_) == APR_SUCCESS; }
+
+private:
+    apr_thread_mutex_t* m_;
+};
+
+// Scoped lock of one APR mutex; nothing when the mutex is null.
+class QVLockGuard {
+public:
+    explicit QVLockGuard(apr_thread_mutex_t* m) : m_(m) { m_.lock(); }
+    ~QVLockGuard() { m_.unlock(); }
+    QVLockGuard(const QVLockGuard&) = delete;
+    QVLockGuard& operator=(const QVLockGuard&) = delete;
+
+private:
+    QVMutexRef m_;
+};
+
+// Creates a nested mutex into *m from pool if *m is still null. Safe to call from several
+// threads at once: exactly one mutex is created. A null pool uses the agent's control pool
+// (created on demand). Returns APR_SUCCESS or the APR error.
+apr_status_t qvlb_create_nested_mutex(apr_thread_mutex_t** m, apr_pool_t* pool);
+
+#endif

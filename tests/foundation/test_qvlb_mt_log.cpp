@@ -1,0 +1,188 @@
+// Trace log: record format, the 8192-byte cut, rollover between the two files, the exported
+// writers' level tests, and whole records under concurrent writers.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+#include <sys/stat.h>
+
+#include "foundation/qvlb_mt_log.h"
+
+namespace {
+
+const std::string kHeader =
+    "#TimeStamp|TestRun|Thread Name|Thread ID|Module Name|Src file name|Line "
+    "number|Function|Severity|Message\n";
+const std::string kHead = kHeader + "BUILD_7.1";
+
+std::vector<std::string> split(const std::string& s, char sep) {
+    std::vector<std::string> out(1);
+    for (char c : s) {
+        if (c == sep)
+            out.emplace_back();
+        else
+            out.back().push_back(c);
+    }
+    return out;
+}
+
+class TraceLogTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/qvlb_log_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        base_ = dir_ + "/trace.log";
+        qvlbTraceBindings = QVTraceLogBindings{&agent_, &ai_, &dd_, &max_size_, &build_, &test_run_};
+    }
+    void TearDown() override {
+        qvlb_trace_log_reset_for_test();
+        qvlbTraceBindings = QVTraceLogBindings{};
+        qv_mem_trace_level = 0;
+        ASSERT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
+    }
+    void open_global() {
+        trace_log_key = qvlb_init_mt_trace_log_ex(dir_.c_str(), "trace.log", 1, 10);
+        ASSERT_NE(trace_log_key, nullptr);
+    }
+    std::string file(int i) {
+        std::ifstream in(base_ + "_" + std::to_string(i), std::ios::binary);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+    bool exists(int i) {
+        struct stat st;
+        return stat((base_ + "_" + std::to_string(i)).c_str(), &st) == 0;
+    }
+
+    std::string dir_, base_;
+    int agent_ = 0, ai_ = 0, dd_ = 0, test_run_ = 0;
+    long long max_size_ = 10 * 1024 * 1024;
+    char build_text_[16] = "BUILD_7.1";
+    char* build_ = build_text_;
+};
+
+TEST_F(TraceLogTest, NoHandleWritesNothing) {
+    agent_ = ai_ = dd_ = 4;
+    qv_mem_trace_level = 2;
+    qvlb_mt_trace_log(nullptr, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
+    qvlb_mt_trace_log_win(0, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
+    qvlb_mt_trace_log_win_ai(0, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
+    qvlb_mt_trace_log_win_dd(0, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
+    qvlb_mt_trace_log_mem(0, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
+    EXPECT_EQ(qvlb_init_mt_trace_log_ex(dir_.c_str(), nullptr, 1, 10), nullptr);
+    open_global();  // creating the handle opens nothing either
+    EXPECT_EQ(std::string(trace_log_key->log_file[1]), base_ + "_1");
+    EXPECT_FALSE(exists(0));
+    EXPECT_FALSE(exists(1));
+}
+
+TEST_F(TraceLogTest, RecordFormatTestRunColumnAndCut) {
+    open_global();
+    qvlb_mt_trace_log(trace_log_key, nullptr, 77, "FLOWPATH", "Info", "a.cpp", 42, "startFP", "value=%d", 5);
+    test_run_ = 12;
+    qvlb_mt_trace_log(trace_log_key, "worker", 0, "BT_MON", "Error", "b.cpp", 7, "fn", "second");
+    const std::string content = file(0);
+    ASSERT_EQ(content.rfind(kHead + "\n", 0), 0u) << content;
+    const std::vector<std::string> lines = split(content.substr(kHead.size() + 1), '\n');
+    ASSERT_EQ(lines.size(), 2u);  // no newline after the last record
+    ASSERT_GT(lines[0].size(), 17u);
+    EXPECT_EQ(lines[0][2], '/');  // MM/DD/YY hh:mm:ss
+    EXPECT_EQ(lines[0].substr(17), "|******|(null)|77|FLOWPATH|a.cpp|42|startFP|Info|value=5");
+    EXPECT_EQ(lines[1].substr(17), "|TR12|worker|0|BT_MON|b.cpp|7|fn|Error|second");
+
+    // A message longer than the buffer is cut: the record is exactly 8192 bytes and ends in NUL.
+    const size_t before = content.size();
+    qvlb_mt_trace_log(trace_log_key, "t", 1, "M", "Info", "f.cpp", 1, "fn", "%s",
+                      std::string(10000, 'x').c_str());
+    const std::string cut = file(0).substr(before);
+    ASSERT_EQ(cut.size(), 8192u);
+    EXPECT_EQ(cut[0], '\n');
+    EXPECT_EQ(cut.substr(cut.size() - 2), std::string("x\0", 2));
+}
+
+TEST_F(TraceLogTest, RolloverAlternatesFilesWithHeaderEach) {
+    // An _1 left by an earlier process is appended to at the first rollover.
+    { std::ofstream(base_ + "_1") << "OLD"; }
+    max_size_ = 600;
+    open_global();
+    int written = 0;
+    auto record = [](int n) { return "record-" + std::to_string(n) + std::string(60, '-'); };
+    // Writes until the current file switches to idx; the record that causes the switch is then
+    // the only record of the new file, which starts with the header block.
+    auto switch_to = [&](int idx, const std::string& old_text) {
+        for (int i = 0; i < 100 && trace_log_key->cur_index != idx; ++i)
+            qvlb_mt_trace_log(trace_log_key, nullptr, 0, "M", "Info", "f.cpp", 1, "fn", "%s",
+                              record(written++).c_str());
+        ASSERT_EQ(trace_log_key->cur_index, idx);
+        const std::string content = file(idx);
+        EXPECT_EQ(content.rfind(old_text + kHead + "\n", 0), 0u) << content;
+        EXPECT_EQ(split(content, '\n').size(), 3u) << content;
+        EXPECT_NE(content.find(record(written - 1)), std::string::npos);
+        EXPECT_NE(file(1 - idx).find(record(written - 2)), std::string::npos);
+        EXPECT_GE(file(1 - idx).size(), 600u);
+    };
+    switch_to(1, "OLD");
+    switch_to(0, "");  // _0 was closed, deleted and started again
+    switch_to(1, "");  // and now _1, without the old text
+}
+
+TEST_F(TraceLogTest, ExportedWritersTestTheirOwnLevel) {
+    open_global();
+    agent_ = 2;
+    ai_ = 1;
+    qvlb_mt_trace_log_win(2, "t", 1, "M", "Info", "f.cpp", 1, "fn", "win-yes");
+    qvlb_mt_trace_log_win(3, "t", 1, "M", "Info", "f.cpp", 1, "fn", "win-no");
+    qvlb_mt_trace_log_win_ai(1, "t", 1, "M", "Info", "f.cpp", 1, "fn", "ai-yes");
+    qvlb_mt_trace_log_win_ai(2, "t", 1, "M", "Info", "f.cpp", 1, "fn", "ai-no");
+    qvlb_mt_trace_log_win_dd(0, "t", 1, "M", "Info", "f.cpp", 1, "fn", "dd-yes");
+    qvlb_mt_trace_log_win_dd(1, "t", 1, "M", "Info", "f.cpp", 1, "fn", "dd-no");
+    qvlb_mt_trace_log_mem(0, "t", 1, "M", "Info", "f.cpp", 1, "fn", "mem-off");
+    qv_mem_trace_level = 1;
+    qvlb_mt_trace_log_mem(99, "t", 1, "M", "Info", "f.cpp", 1, "fn", "mem-on");
+    EXPECT_EQ(qvlb_agent_trace_level(), 2);
+    qvlbTraceBindings.agentTraceLevel = nullptr;  // unbound reads as 0
+    qvlb_mt_trace_log_win(1, "t", 1, "M", "Info", "f.cpp", 1, "fn", "unbound-no");
+    const std::string content = file(0);
+    for (const char* yes : {"win-yes", "ai-yes", "dd-yes", "mem-on"})
+        EXPECT_NE(content.find(yes), std::string::npos) << yes;
+    for (const char* no : {"win-no", "ai-no", "dd-no", "mem-off", "unbound-no"})
+        EXPECT_EQ(content.find(no), std::string::npos) << no;
+}
+
+class TraceLogConcurrency : public TraceLogTest {};
+
+TEST_F(TraceLogConcurrency, ConcurrentWritersProduceWholeRecordsAcrossRollovers) {
+    max_size_ = 32 * 1024;  // dozens of rollovers while the threads write
+    open_global();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([t] {
+            const std::string name = "w" + std::to_string(t);
+            for (int i = 0; i < 3000; ++i)
+                qvlb_mt_trace_log_win(0, name.c_str(), t, "CONC", "Info", "c.cpp", i, "fn", "p-%d-%d-%0100d",
+                                      t, i, 0);
+        });
+    for (auto& th : threads) th.join();
+    int records = 0;
+    for (int i = 0; i < 2; ++i) {
+        const std::string content = file(i);
+        ASSERT_EQ(content.rfind(kHead + "\n", 0), 0u);
+        const std::vector<std::string> lines = split(content.substr(kHead.size() + 1), '\n');
+        for (const std::string& line : lines) {
+            const std::vector<std::string> f = split(line, '|');
+            ASSERT_EQ(f.size(), 10u) << line;
+            const std::string tail = "-" + f[6] + "-" + std::string(100, '0');
+            EXPECT_EQ(f[9], "p-" + f[2].substr(1) + tail) << line;
+            ++records;
+        }
+    }
+    EXPECT_GT(records, 0);
+}
+
+}  // namespace

@@ -1,0 +1,173 @@
+// Client sockets against real loopback (and Unix-domain) listeners made here.
+#include <gtest/gtest.h>
+
+#include <apr_network_io.h>
+
+#include <string>
+#include <thread>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "foundation/qvlb_fault.h"
+#include "foundation/qvlb_sock.h"
+#include "foundation/qvlb_util.h"
+
+namespace {
+
+class SockTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        qvlb_apr_init();
+        ASSERT_EQ(apr_pool_create(&pool_, nullptr), APR_SUCCESS);
+        apr_sockaddr_t* sa = nullptr;
+        ASSERT_EQ(apr_sockaddr_info_get(&sa, "127.0.0.1", APR_INET, 0, 0, pool_), APR_SUCCESS);
+        ASSERT_EQ(apr_socket_create(&listener_, APR_INET, SOCK_STREAM, APR_PROTO_TCP, pool_), APR_SUCCESS);
+        ASSERT_EQ(apr_socket_bind(listener_, sa), APR_SUCCESS);
+        ASSERT_EQ(apr_socket_listen(listener_, 8), APR_SUCCESS);
+        ASSERT_EQ(apr_socket_addr_get(&sa, APR_LOCAL, listener_), APR_SUCCESS);
+        port_ = sa->port;
+    }
+    void TearDown() override {
+        qvlb_fault_reset();
+        apr_pool_destroy(pool_);
+    }
+    // Connects a client and accepts its server end.
+    void connect_pair() {
+        client_ = qvlb_create_client_con("127.0.0.1", port_, err_, sizeof(err_), pool_);
+        ASSERT_NE(client_, nullptr) << err_;
+        ASSERT_EQ(apr_socket_accept(&server_, listener_, pool_), APR_SUCCESS);
+    }
+
+    apr_pool_t* pool_ = nullptr;
+    apr_socket_t *listener_ = nullptr, *client_ = nullptr, *server_ = nullptr;
+    int port_ = 0;
+    char err_[256] = "";
+};
+
+TEST_F(SockTest, SendsLargePayloadWholeAndKnowsEndpoints) {
+    connect_pair();
+    std::string payload(8 * 1024 * 1024 + 17, '\0');
+    for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>('a' + i % 26);
+    std::string received(payload.size(), '\0');
+    int got = 0;
+    std::thread reader([&] {
+        got = qvlb_read_n_bytes(server_, received.data(), static_cast<int>(received.size()), nullptr, 0);
+    });
+    EXPECT_EQ(
+        qvlb_send_n_bytes(client_, payload.data(), static_cast<int>(payload.size()), err_, sizeof(err_)), 0);
+    reader.join();
+    EXPECT_EQ(got, static_cast<int>(payload.size()));
+    EXPECT_TRUE(received == payload);
+    EXPECT_EQ(qvlb_send_n_bytes(client_, nullptr, 1, err_, sizeof(err_)), -2);
+
+    char ip[64];
+    int port = 0, peer_port = 0;
+    ASSERT_EQ(get_dst_addr(client_, ip, sizeof(ip), &port), 0);
+    EXPECT_STREQ(ip, "127.0.0.1");
+    EXPECT_EQ(port, port_);
+    ASSERT_EQ(get_src_addr(client_, ip, sizeof(ip), &port), 0);
+    EXPECT_STREQ(ip, "127.0.0.1");
+    ASSERT_EQ(get_dst_addr(server_, ip, sizeof(ip), &peer_port), 0);
+    EXPECT_EQ(port, peer_port);
+    EXPECT_EQ(get_src_addr(nullptr, ip, sizeof(ip), &port), -1);
+    EXPECT_STREQ(ip, "");
+}
+
+TEST_F(SockTest, PeerCloseGivesMinusTwoWithoutSigpipe) {
+    connect_pair();
+    apr_socket_close(server_);
+    char buf[16];
+    EXPECT_EQ(qvlb_read_bytes(client_, buf, sizeof(buf), err_, sizeof(err_)), -2);
+    // The first sends may still be buffered; once the reset arrives send fails with EPIPE, which
+    // must come back as -2 instead of a SIGPIPE killing this process.
+    const std::string chunk(64 * 1024, 'z');
+    int rc = 0;
+    for (int i = 0; i < 200 && rc == 0; ++i)
+        rc = qvlb_send_n_bytes(client_, chunk.data(), static_cast<int>(chunk.size()), err_, sizeof(err_));
+    EXPECT_EQ(rc, -2);
+}
+
+TEST_F(SockTest, ReadLineReadNAndReadBytes) {
+    connect_pair();
+    const char text[] = "hello\nABCDEFGHtoolongline\n";
+    ASSERT_EQ(qvlb_send_n_bytes(server_, text, sizeof(text) - 1, nullptr, 0), 0);
+    char buf[64];
+    EXPECT_EQ(qvlb_read_line(client_, buf, sizeof(buf), err_, sizeof(err_)), 6);
+    EXPECT_STREQ(buf, "hello\n");
+    EXPECT_EQ(qvlb_read_n_bytes(client_, buf, 8, err_, sizeof(err_)), 8);
+    EXPECT_EQ(std::string(buf, 8), "ABCDEFGH");
+    // A line longer than the buffer fills it and reports -1; the rest stays readable.
+    EXPECT_EQ(qvlb_read_line(client_, buf, 5, err_, sizeof(err_)), -1);
+    EXPECT_STREQ(buf, "tool");
+    EXPECT_EQ(qvlb_read_line(client_, buf, sizeof(buf), err_, sizeof(err_)), 8);
+    EXPECT_STREQ(buf, "ongline\n");
+
+    // Nothing pending on a socket with a timeout: -1, not an error.
+    apr_socket_timeout_set(client_, 20000);
+    EXPECT_EQ(qvlb_read_bytes(client_, buf, sizeof(buf), err_, sizeof(err_)), -1);
+    apr_socket_timeout_set(client_, -1);
+
+    ASSERT_EQ(qvlb_send_n_bytes(server_, "tail", 4, nullptr, 0), 0);
+    apr_socket_close(server_);
+    EXPECT_EQ(qvlb_read_bytes(client_, buf, sizeof(buf), err_, sizeof(err_)), 4);
+    EXPECT_EQ(qvlb_read_bytes(client_, buf, sizeof(buf), err_, sizeof(err_)), -2);
+    EXPECT_EQ(qvlb_read_line(client_, buf, sizeof(buf), err_, sizeof(err_)), -2);
+    EXPECT_EQ(qvlb_read_n_bytes(client_, buf, 3, err_, sizeof(err_)), -2);
+}
+
+TEST_F(SockTest, ConnectFailuresAndFaultPoints) {
+    qvlb_fault_arm(QV_FAULT_CONNECT, 0, 1);
+    EXPECT_EQ(qvlb_create_client_con("127.0.0.1", port_, err_, sizeof(err_), pool_), nullptr);
+    EXPECT_NE(std::string(err_).find("Injected"), std::string::npos);
+    connect_pair();  // the point disarmed itself after one failure
+    qvlb_fault_arm(QV_FAULT_SEND, 0, 1);
+    EXPECT_EQ(qvlb_send_n_bytes(client_, "a\n", 2, err_, sizeof(err_)), -2);
+    ASSERT_EQ(qvlb_send_n_bytes(server_, "b\n", 2, nullptr, 0), 0);
+    char buf[8];
+    qvlb_fault_arm(QV_FAULT_RECV, 0, 2);
+    EXPECT_EQ(qvlb_read_bytes(client_, buf, sizeof(buf), err_, sizeof(err_)), -2);
+    EXPECT_EQ(qvlb_read_line(client_, buf, sizeof(buf), err_, sizeof(err_)), -2);
+    EXPECT_EQ(qvlb_read_line(client_, buf, sizeof(buf), err_, sizeof(err_)), 2);
+
+    apr_socket_close(listener_);  // nobody listens on the port any more
+    err_[0] = '\0';
+    EXPECT_EQ(qvlb_create_client_con("127.0.0.1", port_, err_, sizeof(err_), pool_), nullptr);
+    EXPECT_NE(err_[0], '\0');
+    EXPECT_EQ(qvlb_create_client_con(nullptr, port_, err_, sizeof(err_), pool_), nullptr);
+    EXPECT_EQ(qvlb_create_client_con("127.0.0.1", 70000, err_, sizeof(err_), pool_), nullptr);
+    EXPECT_EQ(qvlb_create_client_con("127.0.0.1", port_, nullptr, 0, nullptr), nullptr);
+    EXPECT_EQ(qvlb_create_client_con("127.0.0.1", 0, err_, sizeof(err_), pool_, "/nonexistent/qv.sock"),
+              nullptr);
+}
+
+TEST_F(SockTest, UnixDomainConnection) {
+    char dir[] = "/tmp/qvlb_sock_XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    snprintf(sa.sun_path, sizeof(sa.sun_path), "%s/proxy.sock", dir);
+    const int lfd = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(bind(lfd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)), 0);
+    ASSERT_EQ(listen(lfd, 1), 0);
+
+    apr_socket_t* client = qvlb_create_client_con("ignored", 1, err_, sizeof(err_), pool_, sa.sun_path);
+    ASSERT_NE(client, nullptr) << err_;
+    const int sfd = accept(lfd, nullptr, nullptr);
+    ASSERT_EQ(qvlb_send_n_bytes(client, "ping\n", 5, err_, sizeof(err_)), 0);
+    char buf[16] = "";
+    ASSERT_EQ(read(sfd, buf, 5), 5);
+    EXPECT_EQ(std::string(buf, 5), "ping\n");
+    ASSERT_EQ(write(sfd, "pong\n", 5), 5);
+    EXPECT_EQ(qvlb_read_line(client, buf, sizeof(buf), err_, sizeof(err_)), 5);
+    EXPECT_STREQ(buf, "pong\n");
+    int port = 1;
+    EXPECT_EQ(get_dst_addr(client, buf, sizeof(buf), &port), -1);  // not an IPv4 endpoint
+    apr_socket_close(client);
+    close(sfd);
+    close(lfd);
+    unlink(sa.sun_path);
+    rmdir(dir);
+}
+
+}  // namespace

@@ -1,0 +1,83 @@
+// Utilities: clock, environment, date text, directories, threads and interruptible sleep.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cctype>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <sys/stat.h>
+
+#include "foundation/qvlb_fault.h"
+#include "foundation/qvlb_util.h"
+
+namespace {
+
+TEST(Util, ClockEnvDateBasename) {
+    EXPECT_LE(std::llabs(my_gettimeofday() / 1000 - static_cast<long long>(time(nullptr))), 2);
+
+    char buf[8] = "keep";
+    unsetenv("QVLB_TEST_VAR");
+    EXPECT_EQ(qvlb_get_env_var_value("QVLB_TEST_VAR", buf, sizeof(buf)), nullptr);
+    EXPECT_STREQ(buf, "keep");
+    setenv("QVLB_TEST_VAR", "/opt/quovix/home", 1);
+    EXPECT_STREQ(qvlb_get_env_var_value("QVLB_TEST_VAR", buf, sizeof(buf)), "/opt/qu");  // cut to the buffer
+    EXPECT_EQ(qvlb_get_env_var_value(nullptr, buf, sizeof(buf)), nullptr);
+
+    char date[32];
+    const std::string d = qvlb_get_cur_date_time(date, sizeof(date));
+    ASSERT_EQ(d.size(), 14u);
+    for (char c : d) EXPECT_TRUE(isdigit(static_cast<unsigned char>(c)));
+
+    EXPECT_STREQ(qvlb_basename("/a/b/c.cpp"), "c.cpp");
+    EXPECT_STREQ(qvlb_basename("c.cpp"), "c.cpp");
+    EXPECT_STREQ(qvlb_basename(nullptr), "");
+}
+
+TEST(Util, MkdirCreatesParents) {
+    char tmpl[] = "/tmp/qvlb_util_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    const std::string root = tmpl, deep = root + "/x/y/z/";
+    EXPECT_EQ(qvlb_mkdir_p(deep.c_str()), 0);
+    struct stat st;
+    ASSERT_EQ(stat(deep.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(qvlb_mkdir_p(deep.c_str()), 0);  // already there
+    FILE* f = fopen((root + "/f").c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    fclose(f);
+    EXPECT_EQ(qvlb_mkdir_p((root + "/f/sub").c_str()), -1);
+    EXPECT_EQ(qvlb_mkdir_p((root + "/f").c_str()), -1);
+    EXPECT_EQ(qvlb_mkdir_p(""), -1);
+    EXPECT_EQ(qvlb_mkdir_p(std::string(5000, 'a').c_str()), -1);
+    ASSERT_EQ(system(("rm -rf '" + root + "'").c_str()), 0);
+}
+
+void* APR_THREAD_FUNC set_flag(apr_thread_t* t, void* data) {
+    static_cast<std::atomic<int>*>(data)->store(1);
+    apr_thread_exit(t, APR_SUCCESS);
+    return nullptr;
+}
+
+TEST(Util, ThreadCreateSleepAndFault) {
+    std::atomic<int> flag{0};
+    apr_thread_t* t = nullptr;
+    char err[128] = "";
+    ASSERT_EQ(qvlb_thread_create(&t, set_flag, &flag, nullptr, err, sizeof(err)), APR_SUCCESS) << err;
+    apr_status_t rv;
+    apr_thread_join(&rv, t);
+    EXPECT_EQ(flag.load(), 1);
+    qvlb_fault_arm(QV_FAULT_THREAD_CREATE, 0, 1);
+    EXPECT_NE(qvlb_thread_create(&t, set_flag, &flag, nullptr, err, sizeof(err)), APR_SUCCESS);
+    EXPECT_EQ(t, nullptr);
+    EXPECT_NE(err[0], '\0');
+    qvlb_fault_reset();
+
+    int stop = 1;
+    EXPECT_TRUE(qvlb_sleep_ms_interruptible(600000, &stop));  // would hang the test if not interrupted
+    stop = 0;
+    EXPECT_FALSE(qvlb_sleep_ms_interruptible(30, &stop));
+    EXPECT_FALSE(qvlb_sleep_ms_interruptible(-1, nullptr));
+}
+
+}  // namespace
