@@ -1,0 +1,269 @@
+// Configuration files: the settings file and its corpus of bad input, the collector list and
+// backups, the change test, processes.conf and proxysetting.conf.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+#include <string>
+
+#include "core/QVBCISettings.h"
+#include "core/QVConfig.h"
+#include "core/QVSys.h"
+#include "core/qv_agent.h"
+#include "foundation/qvlb_mem.h"
+#include "support/temp_home.h"
+
+namespace {
+
+class QVConfigTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        agent_init("pool", 1, "proc", nullptr);
+        qvApplication->QVSys.controlTraceLevel = 1;
+    }
+    void TearDown() override { qv_agent_reset_for_test(); }
+
+    // Fresh identity and collector list, then read content as the settings file.
+    int readSettings(const std::string& content) {
+        QVBCISettingInit();
+        qvconfig_reset();
+        home_.write("config/qvsettings.conf", content);
+        return read_conf_file();
+    }
+    std::string logs() const { return home_.traceLogs(); }
+    bool logged(const std::string& text) const { return logs().find(text) != std::string::npos; }
+
+    TempAgentHome home_;
+};
+
+}  // namespace
+
+TEST_F(QVConfigTest, ReadsIdentityAndPrimaryCollector) {
+    ASSERT_EQ(readSettings("# settings\ntier=T1\nserver=S1\ninstance=I1\nqvcHost=h\nqvcPort=7000\n"
+                           "agentTraceLevel=2\ninstrumentSleep=3\nproxyMode=1\nproxyIP=10.0.0.1\n"),
+              0);
+    EXPECT_STREQ(getTierName(), "T1");
+    EXPECT_STREQ(getAppServerName(), "S1");
+    EXPECT_STREQ(getAppName(), "I1");
+    const QVBCISetting_t& b = qvApplication->QVBCISetting;
+    EXPECT_STREQ(b.qvcHost, "h");
+    EXPECT_EQ(b.qvcPort, 7000);
+    EXPECT_EQ(b.num_qvc_config, 1);
+    ASSERT_NE(qvc_server_arr, nullptr);
+    EXPECT_EQ(server_arr_size, 5);
+    EXPECT_STREQ(qvc_server_arr[0].qvc_host, "h");
+    EXPECT_EQ(qvc_server_arr[0].qvc_port, 7000u);
+    EXPECT_EQ(qvc_server_arr[0].state, 1);
+    EXPECT_EQ(qv_dr_state, 0);
+    EXPECT_EQ(qvApplication->QVSys.agentTraceLevel, 2);
+    EXPECT_EQ(instrumentSleep, 3);
+    EXPECT_EQ(qvApplication->QVSys.proxyMode, 1);
+    EXPECT_STREQ(qvApplication->QVSys.proxyIP, "10.0.0.1");
+
+    // A re-read rebuilds the list instead of adding to it.
+    ASSERT_EQ(read_conf_file(), 0);
+    EXPECT_EQ(b.num_qvc_config, 1);
+    EXPECT_STREQ(qvc_server_arr[0].qvc_host, "h");
+}
+
+TEST_F(QVConfigTest, CorpusOfBadInput) {
+    // Empty file.
+    EXPECT_EQ(readSettings(""), 1);
+    EXPECT_TRUE(logged("qvsettings.conf was of 0 size"));
+
+    // Missing file.
+    home_.remove("config/qvsettings.conf");
+    EXPECT_EQ(read_conf_file(), 1);
+    EXPECT_TRUE(logged("qvsettings.conf is not present, so returning"));
+
+    // Binary content, NUL bytes included.
+    std::string binary;
+    for (int i = 0; i < 3000; i++) binary.push_back(static_cast<char>((i * 131 + 7) & 0xff));
+    EXPECT_EQ(readSettings(binary), 1);
+    EXPECT_TRUE(logged("qvchost and qvcport fields are mandatory.Please check..."));
+
+    // A line longer than the buffer is dropped whole: its tail, which looks like a key, is not read.
+    std::string longLine = "x=" + std::string(1021, 'a') + "qvcHost=evil\n";
+    EXPECT_EQ(readSettings(longLine + "qvcPort=7000\n"), 1);
+    EXPECT_EQ(qvApplication->QVBCISetting.qvcHost, nullptr);
+    EXPECT_TRUE(logged("Line longer than 1023 bytes in file"));
+    // A line of exactly 1023 bytes still counts.
+    std::string fits = "qvcHost=" + std::string(1015, 'h') + "\n";
+    EXPECT_EQ(readSettings(fits + "qvcPort=7000\n"), 0);
+    EXPECT_EQ(strlen(qvApplication->QVBCISetting.qvcHost), 1015u);
+
+    // Lines without '='.
+    EXPECT_EQ(readSettings("qvcHost h\nqvcPort 7000\n"), 1);
+
+    // Out-of-range numbers saturate.
+    EXPECT_EQ(readSettings("qvcHost=h\nqvcPort=99999999999999999999\nagentTraceLevel=-99999999999999\n"), 0);
+    EXPECT_EQ(qvApplication->QVBCISetting.qvcPort, INT_MAX);
+    EXPECT_EQ(qvApplication->QVSys.agentTraceLevel, INT_MIN);
+    qvApplication->QVSys.agentTraceLevel = 0;
+
+    // CR LF line ends are cut.
+    EXPECT_EQ(readSettings("tier=T\r\nqvcHost=h\r\nqvcPort=7000\r\n"), 0);
+    EXPECT_STREQ(getTierName(), "T");
+    EXPECT_STREQ(qvApplication->QVBCISetting.qvcHost, "h");
+
+    // A blank before the key makes the line a comment, and the mandatory test fails.
+    EXPECT_EQ(readSettings(" qvcHost=h\nqvcPort=7000\n"), 1);
+    EXPECT_EQ(qvApplication->QVBCISetting.qvcHost, nullptr);
+
+    // key= with nothing after it is ignored; tier= gives the default tier.
+    EXPECT_EQ(readSettings("tier=\nqvcHost=\nqvcPort=7000\n"), 1);
+    EXPECT_STREQ(getTierName(), "Default");
+    EXPECT_NE(getAppServerName(), nullptr);  // the host name
+
+    // The key "tier" matches tierName= by prefix.
+    EXPECT_EQ(readSettings("tierName=abc\nqvcHost=h\nqvcPort=1\n"), 0);
+    EXPECT_STREQ(getTierName(), "abc");
+}
+
+TEST_F(QVConfigTest, BackupsGrowTheListAndSetDrState) {
+    std::string content = "qvcHost=h\nqvcPort=1\n";
+    for (int i = 1; i <= 7; i++)
+        content += std::string("backupQvcHostName=b") + std::to_string(i) + "\nbackupQvcPort=" + std::to_string(100 + i) + "\n";
+    ASSERT_EQ(readSettings(content), 0);
+    EXPECT_EQ(qv_dr_state, 1);
+    EXPECT_EQ(server_arr_size, 10);
+    EXPECT_TRUE(logged("Going to realloc qvc_server_arr with size = 10"));
+    EXPECT_EQ(qvApplication->QVBCISetting.num_qvc_config, 8);
+    for (int i = 1; i <= 7; i++) {
+        char host[16];
+        snprintf(host, sizeof host, "b%d", i);
+        EXPECT_STREQ(qvc_server_arr[i].qvc_host, host);
+        EXPECT_EQ(qvc_server_arr[i].qvc_port, static_cast<unsigned>(100 + i));
+    }
+
+    // A backup host without a port is not a usable backup.
+    ASSERT_EQ(readSettings("qvcHost=h\nqvcPort=1\nbackupQvcHostName=b1\n"), 0);
+    EXPECT_EQ(qv_dr_state, 0);
+}
+
+TEST_F(QVConfigTest, AppNameFollowsAutoScalingMode) {
+    const std::string base = "qvcHost=h\nqvcPort=1\nautoScalingMode=";
+    ASSERT_EQ(readSettings(base + "0\n"), 0);
+    EXPECT_STREQ(getAppName(), "pool*");
+    ASSERT_EQ(readSettings(base + "1\n"), 0);
+    EXPECT_EQ(std::string(getAppName()), "pool_" + std::to_string(getpid()));
+    ASSERT_EQ(readSettings(base + "3\n"), 0);
+    EXPECT_STREQ(getAppName(), "pool");
+    ASSERT_EQ(readSettings(base + "2\n"), 0);
+    EXPECT_EQ(getAppName(), nullptr);
+    // An instance line wins over the rule.
+    ASSERT_EQ(readSettings("instance=I\n" + base + "0\n"), 0);
+    EXPECT_STREQ(getAppName(), "I");
+    // Without a pool name the process name is used.
+    qvlb_free(pool_name, "pool_name", -1);
+    pool_name = nullptr;
+    ASSERT_EQ(readSettings(base + "0\n"), 0);
+    EXPECT_STREQ(getAppName(), "proc");
+}
+
+TEST_F(QVConfigTest, ChangeTestFlags) {
+    QVBCISetting_t& b = qvApplication->QVBCISetting;
+    Server_t& srv = qvApplication->Server;
+    home_.remove("config/qvsettings.conf");
+    EXPECT_EQ(check_file_size_of_qvsetting_files(1), 1);
+    EXPECT_EQ(check_file_size_of_qvsetting_files(0), 1);
+
+    home_.write("config/qvsettings.conf", "qvcHost=h\n");
+    EXPECT_EQ(check_file_size_of_qvsetting_files(1), 1);  // never stored yet
+    srv.testRunRunning = 1;
+    b.data_thread_running = 1;
+    srv.retryForDataConn = 1;
+    b.autoSensor_thread_running = 1;
+    srv.retryForAutoSensorConn = 1;
+    EXPECT_EQ(check_file_size_of_qvsetting_files(0), 0);
+    EXPECT_EQ(srv.testRunRunning, 0);
+    EXPECT_EQ(srv.retryForDataConn, 0);
+    EXPECT_EQ(srv.retryForAutoSensorConn, 0);
+    EXPECT_EQ(b.data_thread_running, 1);  // the thread flag itself is left alone
+    EXPECT_TRUE(logged("QV settings file changed and test run running flag is set, So resetting ..."));
+    EXPECT_TRUE(logged("QV settings file changed and data thread running flag is set, So resetting ..."));
+    EXPECT_TRUE(
+        logged("QV settings file changed and auto sensor thread running flag is set, So resetting ..."));
+    EXPECT_EQ(b.prevFileSize, 10);
+    EXPECT_EQ(check_file_size_of_qvsetting_files(1), 0);
+
+    home_.write("config/qvsettings.conf", "qvcHost=host\n");
+    EXPECT_EQ(check_file_size_of_qvsetting_files(1), 1);
+    EXPECT_EQ(check_file_size_of_qvsetting_files(1), 1);  // the test updates nothing
+    EXPECT_EQ(check_file_size_of_qvsetting_files(0), 0);
+    EXPECT_EQ(check_file_size_of_qvsetting_files(1), 0);
+    EXPECT_EQ(std::string(conf_file), home_.path() + "/config/qvsettings.conf");
+}
+
+TEST_F(QVConfigTest, ProcessesConf) {
+    readProcessConfFile();
+    EXPECT_TRUE(logged("processes.conf is not present, so returning"));
+    EXPECT_EQ(total_process_entries, 0);
+
+    std::string content = "php-fpm.conf|1\n#comment|1\nnobar\nhttpd|0\n";
+    for (int i = 0; i < 60; i++)
+        content += "worker" + std::to_string(i) + ".x|" + std::to_string(i + 2) + "\n";
+    home_.write("config/processes.conf", content);
+    readProcessConfFile();
+    ASSERT_EQ(total_process_entries, 62);
+    EXPECT_STREQ(processInfoStruct[0].processName, "php-fpm");
+    EXPECT_STREQ(processInfoStruct[61].processName, "worker59");
+    EXPECT_EQ(checkProcessNameInfo("PHP"), 1);  // case-insensitive prefix
+    EXPECT_EQ(checkProcessNameInfo("httpd"), 0);
+    EXPECT_EQ(checkProcessNameInfo("worker1"), 3);  // first row that begins so
+    EXPECT_EQ(checkProcessNameInfo("worker59"), 61);
+    EXPECT_EQ(checkProcessNameInfo("php-fpm-long-name"), 0);
+    EXPECT_EQ(checkProcessNameInfo(nullptr), 0);
+
+    home_.write("config/processes.conf", "a|5\n");  // a re-read replaces the table
+    readProcessConfFile();
+    EXPECT_EQ(total_process_entries, 1);
+    EXPECT_EQ(checkProcessNameInfo("a"), 5);
+}
+
+TEST_F(QVConfigTest, ProxySettingsConf) {
+    EXPECT_EQ(readQVProxyConfig(), -1);
+    EXPECT_TRUE(logged("proxysetting.conf is not present, so returning."));
+
+    home_.write("config/proxysetting.conf",
+                "proxyConType=1\nproxyPort=9000\nfoo=bar\nqvcHost=ph\nqvcPort=7001\ntier=pt\nserver="
+                "ps\ninstance=pi\n");
+    EXPECT_EQ(readQVProxyConfig(), 0);
+    EXPECT_EQ(QVProxy.proxyConType, 1);
+    EXPECT_EQ(QVProxy.proxyPort, 9000);
+    EXPECT_STREQ(QVProxy.proxyHost, "0.0.0.0");
+    EXPECT_STREQ(QVProxy.qvcHost, "ph");
+    EXPECT_EQ(QVProxy.qvcPort, 7001);
+    EXPECT_STREQ(QVProxy.tierName, "pt");
+    EXPECT_STREQ(QVProxy.appServerName, "ps");
+    EXPECT_STREQ(QVProxy.appName, "pi");
+    ASSERT_NE(qvc_server_arr, nullptr);
+    EXPECT_STREQ(qvc_server_arr[0].qvc_host, "ph");
+    EXPECT_EQ(qvc_server_arr[0].qvc_port, 7001u);
+    EXPECT_TRUE(logged("Found unknown keyword<foo=bar>. Ignored :D :P"));
+}
+
+TEST(QVConfigParsing, SearchKeywordAndSplit) {
+    char line[] = "TierName=abc=d";
+    EXPECT_STREQ(search_keyword(line, "tier"), "abc=d");
+    char noValue[] = "tier=";
+    EXPECT_EQ(search_keyword(noValue, "tier"), nullptr);
+    char noEq[] = "tier abc";
+    EXPECT_EQ(search_keyword(noEq, "tier"), nullptr);
+    EXPECT_EQ(search_keyword(nullptr, "tier"), nullptr);
+    char other[] = "server=s";
+    EXPECT_EQ(search_keyword(other, "tier"), nullptr);
+
+    char field[] = "abcdefgh=1";
+    char kw[4] = {'z', 'z', 'z', 'z'};
+    EXPECT_STREQ(split_key_value(field, kw, sizeof(kw)), "1");
+    EXPECT_STREQ(kw, "abc");
+    char bare[] = "abc";
+    char kw2[8] = "keep";
+    EXPECT_EQ(split_key_value(bare, kw2, sizeof(kw2)), nullptr);
+    EXPECT_STREQ(kw2, "keep");
+    char empty[] = "=v";
+    EXPECT_STREQ(split_key_value(empty, kw2, sizeof(kw2)), "v");
+    EXPECT_STREQ(kw2, "");
+}

@@ -1,0 +1,186 @@
+// Agent start-up: connect 0 and 1 in a temporary home, the trace-log file, the upward hooks,
+// the control thread and the test reset.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "core/QVBCISettings.h"
+#include "core/QVConfig.h"
+#include "core/qv_agent.h"
+#include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_fault.h"
+#include "foundation/qvlb_mt_log.h"
+#include "foundation/qvlb_util.h"
+#include "support/temp_home.h"
+
+namespace {
+
+class AgentTest : public ::testing::Test {
+  protected:
+    void TearDown() override {
+        qvAgentHooks = QVAgentHooks{};
+        qvlb_fault_reset();
+        qv_agent_reset_for_test();
+    }
+    bool logged(const std::string& text) const { return home_.traceLogs().find(text) != std::string::npos; }
+    TempAgentHome home_;
+};
+
+std::vector<std::string> calls;
+void hookFpi() {
+    calls.push_back("fpi");
+}
+void hookModelMap() {
+    calls.push_back("modelMap");
+}
+void hookTlsPool() {
+    calls.push_back("tlsPool");
+}
+void hookTId() {
+    calls.push_back("tid");
+}
+void hookSockBuf() {
+    calls.push_back("sockBuf");
+}
+
+int controlThreadRan = 0;
+void* APR_THREAD_FUNC controlBody(apr_thread_t*, void*) {
+    qv_store(controlThreadRan, 1);
+    while (!qvlb_sleep_ms_interruptible(1000, &qvAgentStopping)) {
+    }
+    return nullptr;
+}
+
+void installHooks() {
+    calls.clear();
+    qvAgentHooks.createFpiToTLS = hookFpi;
+    qvAgentHooks.initThreadBasedModelMap = hookModelMap;
+    qvAgentHooks.createTlsPool = hookTlsPool;
+    qvAgentHooks.initQVManageTIdToTLocal = hookTId;
+    qvAgentHooks.controlSockBufInit = hookSockBuf;
+}
+
+}  // namespace
+
+TEST_F(AgentTest, ConnectZeroOpensTraceLogOnly) {
+    home_.write("config/qvsettings.conf", "qvcHost=h\nqvcPort=1\nagentTraceLevel=3\n");
+    agent_init("pool", 0, "proc", nullptr);
+    ASSERT_NE(qvApplication, nullptr);
+    EXPECT_EQ(QVProxyInstance, qvApplication);
+    ASSERT_NE(trace_log_key, nullptr);
+    std::string expected =
+        home_.path() + "logs/+qv_trace_proc_pool_[0-9]{14}_" + std::to_string(getpid()) + "\\.log_0";
+    EXPECT_TRUE(std::regex_match(std::string(trace_log_key->log_file[0]), std::regex(expected)))
+        << trace_log_key->log_file[0];
+
+    // Nothing after the trace log: no settings read, no locks, no pool name, no BCI defaults.
+    EXPECT_EQ(qvApplication->QVSys.agentTraceLevel, 0);
+    EXPECT_EQ(controlThreadTmpLock, nullptr);
+    EXPECT_EQ(methodEntryLock, nullptr);
+    EXPECT_EQ(pool_name, nullptr);
+    EXPECT_EQ(qvApplication->QVBCISetting.agentType, nullptr);
+    EXPECT_EQ(control_thread_id, nullptr);
+
+    // The log file itself appears with the first record, header and build first.
+    qvApplication->QVSys.agentTraceLevel = 1;
+    QV_TRACE_IF(true, "CONTROL_THREAD", "Info", "first record");
+    ASSERT_EQ(home_.traceLogFiles().size(), 1u);
+    std::string text = home_.traceLogs();
+    EXPECT_EQ(text.rfind("#TimeStamp|TestRun|", 0), 0u);
+    EXPECT_NE(text.find("5.1.0 build 42"), std::string::npos);
+    EXPECT_NE(text.find("|CONTROL_THREAD|"), std::string::npos);
+}
+
+TEST_F(AgentTest, ConnectOneReadsSettingsAndStartsNoThreadWithoutEntry) {
+    home_.write("config/qvsettings.conf", "qvcHost=h\nqvcPort=7000\nagentTraceLevel=1\n");
+    agent_init("pool", 1, "proc", nullptr);
+    ASSERT_NE(qvApplication, nullptr);
+    EXPECT_EQ(qvApplication->QVSys.agentTraceLevel, 1);  // the settings file was read
+    EXPECT_NE(controlThreadTmpLock, nullptr);
+    EXPECT_NE(methodEntryLock, nullptr);
+    EXPECT_EQ(qvTDHashMap, nullptr);  // enableProxyServer is 0
+    EXPECT_STREQ(pool_name, "pool");
+    EXPECT_STREQ(proc_name, "proc");
+    EXPECT_STREQ(qvApplication->agentName, "pool");
+    EXPECT_STREQ(qvApplication->QVBCISetting.agentType, "PHP");
+    EXPECT_EQ(qvApplication->QVBCISetting.btErrorArray[404], 'F');
+    EXPECT_EQ(getPID(), static_cast<long long>(getpid()));
+    EXPECT_EQ(control_thread_id, nullptr);
+    EXPECT_TRUE(logged("Going to create hashMap of flowpath instance to TLS"));
+    EXPECT_TRUE(logged("Going to start control thread ..."));
+    EXPECT_TRUE(logged("No control thread installed; the agent will not connect to the collector."));
+    qv_agent_shutdown();  // nothing to join
+    EXPECT_EQ(qv_load(qvAgentStopping), 1);
+}
+
+TEST_F(AgentTest, SecondCallHasNoEffect) {
+    agent_init("pool", 1, "proc", "skd");
+    QVProxyInstance_t* first = qvApplication;
+    EXPECT_STREQ(qvApplication->QVBCISetting.agentType, "skd");
+    agent_init("other", 1, "proc2", "x");
+    EXPECT_EQ(qvApplication, first);
+    EXPECT_STREQ(pool_name, "pool");
+    EXPECT_STREQ(qvApplication->QVBCISetting.agentType, "skd");
+
+    // After a test reset start-up runs again.
+    qv_agent_reset_for_test();
+    EXPECT_EQ(qvApplication, nullptr);
+    EXPECT_EQ(trace_log_key, nullptr);
+    agent_init(nullptr, 0, "proc", nullptr);
+    ASSERT_NE(trace_log_key, nullptr);
+    std::string expected =
+        home_.path() + "logs/+qv_trace_proc_[0-9]{14}_" + std::to_string(getpid()) + "\\.log_0";
+    EXPECT_TRUE(std::regex_match(std::string(trace_log_key->log_file[0]), std::regex(expected)))
+        << trace_log_key->log_file[0];
+}
+
+TEST_F(AgentTest, HooksRunInOrderAndProxyModeSkipsTheMapSteps) {
+    installHooks();
+    home_.write("config/qvsettings.conf", "qvcHost=h\nqvcPort=7000\n");
+    agent_init("pool", 1, "proc", nullptr);
+    EXPECT_EQ(calls, (std::vector<std::string>{"sockBuf", "fpi", "modelMap", "tlsPool", "tid"}));
+
+    qv_agent_reset_for_test();
+    installHooks();
+    home_.write("config/qvsettings.conf", "qvcHost=h\nqvcPort=7000\nproxyMode=1\n");
+    agent_init("pool", 1, "proc", nullptr);
+    EXPECT_EQ(calls, (std::vector<std::string>{"sockBuf", "tlsPool"}));
+}
+
+TEST_F(AgentTest, ControlThreadCreationFailureIsLogged) {
+    qvAgentHooks.controlThreadEntry = controlBody;
+    home_.write("config/qvsettings.conf", "qvcHost=h\nqvcPort=7000\nagentTraceLevel=1\n");
+    qvlb_fault_arm(QV_FAULT_THREAD_CREATE, 0, 1);
+    agent_init("pool", 1, "proc", nullptr);
+    EXPECT_EQ(control_thread_id, nullptr);
+    EXPECT_TRUE(logged("Error in creating control thread... '"));
+}
+
+TEST_F(AgentTest, ProxyStructDefaults) {
+    initializeProxyStruct();
+    EXPECT_EQ(QVProxy.proxyServerFlag, 0);
+    EXPECT_EQ(QVProxy.proxyPort, 7892);
+    EXPECT_EQ(QVProxy.qvcPort, 0);
+    EXPECT_EQ(QVProxy.qvHomePath, nullptr);
+    EXPECT_STREQ(QVProxy.proxyHost, "127.0.0.1");
+    setProxyQVHome();
+    EXPECT_STREQ(QVProxy.qvHomePath, home_.path().c_str());
+}
+
+TEST(AgentStartupConcurrency, ControlThreadStartsAndStops) {
+    TempAgentHome home;
+    home.write("config/qvsettings.conf", "qvcHost=h\nqvcPort=7000\nagentTraceLevel=1\n");
+    qvAgentHooks = QVAgentHooks{};
+    qvAgentHooks.controlThreadEntry = controlBody;
+    agent_init("pool", 1, "proc", nullptr);
+    ASSERT_NE(control_thread_id, nullptr);
+    qv_agent_shutdown();
+    EXPECT_EQ(control_thread_id, nullptr);
+    EXPECT_EQ(qv_load(controlThreadRan), 1);
+    EXPECT_NE(home.traceLogs().find("Control thread created successfully... '"), std::string::npos);
+    qvAgentHooks = QVAgentHooks{};
+    qv_agent_reset_for_test();
+}
