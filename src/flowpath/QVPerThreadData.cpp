@@ -1,0 +1,409 @@
+// The pool of per-transaction records: block carving, take and give back, resets, and the
+// test-stop walk over running flowpaths.
+#include "flowpath/QVPerThreadData.h"
+
+#include <climits>
+#include <cstring>
+
+#include "collector/QVDataDispatcher.h"
+#include "core/QVSys.h"
+#include "core/qv_agent.h"
+#include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_hashmap.h"
+#include "foundation/qvlb_mem.h"
+#include "foundation/qvlb_mt_log.h"
+#include "foundation/qvlb_mutex.h"
+#include "foundation/qvlb_util.h"
+
+// The memory trace reports these block and row sizes; a layout change must be deliberate.
+static_assert(sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK == 1170432, "record layout changed");
+static_assert(sizeof(TLSDataStruct) * QV_TLS_POOL_BLOCK == 1536, "hotspot row layout changed");
+
+QVPerThreadData_t* gFreeTLSHead = nullptr;
+QVPerThreadData_t* gFreeTLSTail = nullptr;
+QVPerThreadData_t* gBusyTLSHead = nullptr;
+QVPerThreadData_t* gBusyTLSTail = nullptr;
+int gFreeTLSCnt = 0;
+int gBusyTLSCnt = 0;
+int g_tlsidx = 0;
+int size_array = 0;
+std::atomic<TLSDataStruct*> tlsdatastruct{nullptr};
+apr_thread_mutex_t* tlsMutex = nullptr;
+qvlb_hashmap_t* fpiToTLS = nullptr;
+QVFlowpathPoolHooks qvFlowpathPoolHooks = {};
+
+namespace {
+
+const char* const kModule = "FLOWPATH";
+const char* const kHotspotPurpose = "Create tls data structure for hotspot";
+const char* const kPoolPurpose = "Create TLS pool of QVPerThreadData_t";
+const char* const kReallocPurpose = "Reallocating tlsdata";
+
+// Rows allocated in the hotspot table; under tlsMutex (qv_load for lock-free readers).
+int hotspotRows = 0;
+
+// Every block ever carved, so the test reset can free them; production never frees a block.
+QVPerThreadData_t** blocks = nullptr;
+int blockCount = 0;
+int blockCap = 0;
+
+int fpLevel() {
+    return qvApplication ? qv_load(qvApplication->QVSys.fpTraceLevel) : 0;
+}
+
+bool hotspotOn() {
+    return qvApplication != nullptr && getEnableTxHotspot() == 1;
+}
+
+int proxyModeSetting() {
+    return qvApplication ? qv_load(qvApplication->QVSys.proxyMode) : 0;
+}
+
+// The mutex may be needed before start-up created it (tests, or an SDK call without connect);
+// qvlb_create_nested_mutex makes concurrent first use create exactly one.
+apr_thread_mutex_t* poolMutex() {
+    apr_thread_mutex_t* m = qv_load_acquire(tlsMutex);
+    if (m == nullptr) {
+        qvlb_create_nested_mutex(&tlsMutex, nullptr);
+        m = qv_load_acquire(tlsMutex);
+    }
+    return m;
+}
+
+void logMemset(const char* purpose, const void* p, size_t bytes) {
+    QV_TRACE_IF(qv_load(qv_mem_trace_level) > 0, "MEMORY", "Info",
+                "QVLB_MEMSET'ed (%s) done. ptr = $%p$, size = %d for index %u", purpose, p,
+                static_cast<int>(bytes), static_cast<unsigned>(-1));
+}
+
+void rememberBlock(QVPerThreadData_t* block) {
+    if (blockCount == blockCap) {
+        int cap = blockCap == 0 ? 16 : blockCap * 2;
+        void* p = qvlb_realloc(blocks, sizeof(QVPerThreadData_t*) * static_cast<size_t>(cap),
+                               "TLS pool block list", -1);
+        // Losing track of a block only matters to the test reset, which would then leak it.
+        if (p == nullptr) return;
+        blocks = static_cast<QVPerThreadData_t**>(p);
+        blockCap = cap;
+    }
+    blocks[blockCount++] = block;
+}
+
+// Grows the hotspot table to rows entries, zeroing the new ones. Caller holds tlsMutex.
+void growHotspotTable(int rows) {
+    TLSDataStruct* table = tlsdatastruct.load();
+    if (rows <= hotspotRows && table != nullptr) return;
+    size_t bytes = sizeof(TLSDataStruct) * static_cast<size_t>(rows);
+    if (table == nullptr) {
+        void* p = qvlb_calloc(bytes, kHotspotPurpose, -1);
+        if (p == nullptr) return;
+        logMemset(kHotspotPurpose, p, bytes);
+        tlsdatastruct.store(static_cast<TLSDataStruct*>(p));
+        qv_store(hotspotRows, rows);
+        return;
+    }
+    void* p = qvlb_realloc(table, bytes, kReallocPurpose, -1);
+    if (p == nullptr) return;  // the old table stays valid and in use
+    auto* grown = static_cast<TLSDataStruct*>(p);
+    size_t newBytes = sizeof(TLSDataStruct) * static_cast<size_t>(rows - hotspotRows);
+    memset(grown + hotspotRows, 0, newBytes);
+    logMemset(kReallocPurpose, grown + hotspotRows, newBytes);
+    tlsdatastruct.store(grown);
+    qv_store(hotspotRows, rows);
+}
+
+// A record is busy exactly when it heads the busy list or has a predecessor there.
+bool isBusyLocked(const QVPerThreadData_t* tls) {
+    return tls == gBusyTLSHead || tls->busy_prev != nullptr;
+}
+
+// Body of free_tls_slot; caller holds tlsMutex. A record that dumpFpFromBusyList has already
+// detached from the busy list is not busy any more but must still be given back.
+void releaseLocked(QVPerThreadData_t* tls, bool detached) {
+    if (!detached && !isBusyLocked(tls)) {
+        QV_TRACE_IF(fpLevel() > 0, kModule, "Error", "Record %p is not on the busy list, hence returning",
+                    static_cast<void*>(tls));
+        return;
+    }
+    qv_store(gFreeTLSCnt, gFreeTLSCnt + 1);
+    qv_store(gBusyTLSCnt, gBusyTLSCnt - 1);
+
+    // Deliberately only the tail moves: see free_tls_slot's contract.
+    if (gFreeTLSTail != nullptr) gFreeTLSTail->free_next = tls;
+    tls->free_prev = gFreeTLSTail;
+    tls->free_next = nullptr;
+    gFreeTLSTail = tls;
+
+    if (gBusyTLSHead == tls) gBusyTLSHead = tls->busy_next;
+    if (gBusyTLSTail == tls) gBusyTLSTail = tls->busy_prev;
+    if (tls->busy_prev != nullptr) tls->busy_prev->busy_next = tls->busy_next;
+    if (tls->busy_next != nullptr) tls->busy_next->busy_prev = tls->busy_prev;
+    tls->busy_next = nullptr;
+    tls->busy_prev = nullptr;
+}
+
+}  // namespace
+
+QVPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt) {
+    QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method called,  num of slots = %d\n", QV_TLS_POOL_BLOCK);
+    QVLockGuard guard(poolMutex());
+
+    if (tlsdatastruct.load() == nullptr && hotspotOn()) growHotspotTable(QV_TLS_POOL_BLOCK);
+
+    if (g_tlsidx > INT_MAX - QV_TLS_POOL_BLOCK) {
+        QV_TRACE_IF(fpLevel() > 0, kModule, "Error", "Record index space exhausted, g_tlsidx = %d", g_tlsidx);
+        return nullptr;
+    }
+
+    QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "Going to allocte the new thread pool\n");
+    auto* pool = static_cast<QVPerThreadData_t*>(
+        qvlb_calloc(sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK, kPoolPurpose, -1));
+    if (pool == nullptr) return nullptr;
+    logMemset(kPoolPurpose, pool, sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK);
+    rememberBlock(pool);
+
+    int proxyMode = proxyModeSetting();
+    bool forwardsOnly = proxyMode == 1 && qv_load(QVProxy.proxyServerFlag) == 0;
+    for (int i = 0; i < QV_TLS_POOL_BLOCK; i++) {
+        QVPerThreadData_t* slot = &pool[i];
+        slot->tlsIdx = g_tlsidx;
+        qv_store(g_tlsidx, g_tlsidx + 1);
+        if (!forwardsOnly) {
+            if (slot->sequenceBlobLock == nullptr) qvlb_create_nested_mutex(&slot->sequenceBlobLock, nullptr);
+            if (slot->updateBTLock == nullptr) qvlb_create_nested_mutex(&slot->updateBTLock, nullptr);
+        }
+        if (i + 1 < QV_TLS_POOL_BLOCK) {
+            slot->free_next = &pool[i + 1];
+        } else {
+            slot->free_next = nullptr;
+            gFreeTLSTail = slot;
+            QV_TRACE_IF(fpLevel() > 2, kModule, "Info",
+                        "Idx to last slot of pool = %d, its free_next is set to NULL", i);
+        }
+        slot->tlThreadId = static_cast<long long>(loc_BusyTLSCnt) + i + 1;
+        if (proxyMode != 1 && qvFlowpathPoolHooks.initQVMonitorDataModel != nullptr)
+            qvFlowpathPoolHooks.initQVMonitorDataModel(slot);
+        slot->busy_next = nullptr;
+        slot->busy_prev = nullptr;
+    }
+
+    qv_store(gFreeTLSCnt, gFreeTLSCnt + QV_TLS_POOL_BLOCK);
+    QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "After updating gBusyTLSCnt = %d", gBusyTLSCnt);
+    QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method Exit, gFreeTLSCnt=%d, tls_pool=%p", gFreeTLSCnt,
+                static_cast<void*>(pool));
+    return pool;
+}
+
+QVPerThreadData_t* get_free_tls_slot() {
+    QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method called");
+    QVPerThreadData_t* tls = nullptr;
+    {
+        QVLockGuard guard(poolMutex());
+        int oldSize = g_tlsidx;
+        if (gFreeTLSHead == nullptr) {
+            QV_TRACE_IF(true, kModule, "Info", "TLS pool found to NULL allocating pool again; gBusyTLSCnt=%d",
+                        gBusyTLSCnt);
+            gFreeTLSHead = create_tls_pool(gBusyTLSCnt);
+            if (gFreeTLSHead != nullptr && hotspotOn()) growHotspotTable(oldSize + QV_TLS_POOL_BLOCK);
+            QV_TRACE_IF(fpLevel() > 2, kModule, "Info",
+                        "After updating gBusyTLSCnt = %d and new size=%d and g_tlsidx=%d", gBusyTLSCnt,
+                        oldSize + QV_TLS_POOL_BLOCK, g_tlsidx);
+        }
+        tls = gFreeTLSHead;
+        if (tls == nullptr) return nullptr;
+
+        gFreeTLSHead = tls->free_next;
+        tls->free_next = nullptr;
+        tls->free_prev = nullptr;
+        qv_store(gFreeTLSCnt, gFreeTLSCnt - 1);
+
+        if (gBusyTLSTail != nullptr) {
+            gBusyTLSTail->busy_next = tls;
+            tls->busy_prev = gBusyTLSTail;
+            tls->busy_next = nullptr;
+            gBusyTLSTail = tls;
+        } else {
+            gBusyTLSHead = tls;
+            gBusyTLSTail = tls;
+            tls->busy_next = nullptr;
+            tls->busy_prev = nullptr;
+            QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "gBusyTLSHead and gBusyTLSTail is pointing to same");
+        }
+        qv_store(gBusyTLSCnt, gBusyTLSCnt + 1);
+        // Under the lock rather than after it: another thread may be growing g_tlsidx.
+        qv_store(size_array, g_tlsidx);
+    }
+    QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method exit, tls = %p", static_cast<void*>(tls));
+    return tls;
+}
+
+void free_tls_slot(QVPerThreadData_t* tls) {
+    QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method called");
+    if (tls == nullptr) {
+        QV_TRACE_IF(fpLevel() > 0, kModule, "Error", "Null argument is passed, hence returning");
+        return;
+    }
+    {
+        QVLockGuard guard(poolMutex());
+        releaseLocked(tls, false);
+    }
+    QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method exit");
+}
+
+void resetAllThreadLocals(QVPerThreadData_t* qvTD, TLSDataStruct* hotspotTable) {
+    if (qvTD == nullptr) return;
+
+    qvTD->tlTierBackendName = nullptr;
+    qvTD->tlIsFPCaptured = 0;
+    qvTD->tlIsBTExcluded = 0;
+    qvTD->tlIsForceDump = 0;
+    qvTD->prevTierSeq = nullptr;
+    qvTD->seqPfx = nullptr;
+    qvTD->tlFPInstanceForFPHdr = nullptr;
+    qvTD->reqURI = nullptr;
+    qvTD->backendMetaRecord = nullptr;
+    qvTD->trxId = nullptr;
+    qvTD->methodRecord = nullptr;
+    qvTD->tlCorrelationIdHeader[0] = '\0';
+    qvTD->tlLogHttpConditionFlowpath = 0;
+    qvTD->tlFirstTierFPID = nullptr;
+    qvTD->tlLogCompleteFlowPath = 0;
+    qvTD->currThreadSeq = nullptr;
+    qvTD->tlThreadFromPool = 0;
+    qvTD->sequenceBlob[0] = '\0';
+    qvTD->tlIsFPHeaderDumped = 0;
+    qvTD->tlCategory = 0;
+    qvTD->isHttpCallOut = 0;
+    qvTD->tlCassandraSQL = nullptr;
+    qvTD->tlCassandraAdd = nullptr;
+    qvTD->tlFPSeqBlockRecordBuffer = nullptr;
+    qvTD->tlURL[0] = '\0';
+    qvTD->tlURLParameters[0] = '\0';
+    qvTD->tlUnCaughtExceptionCount = 0;
+    qvTD->tlExceptionCount = 0;
+    qvTD->tlTierBackendType = 0;
+    qvTD->tlStatusCode = 200;
+    qvTD->byteArray = 0;
+    qvTD->tlServiceMethodDepth = 0;
+    qvTD->tlServiceMethodId = 0;
+    qvTD->tlServiceMethodCount = 0;
+    qvTD->sequenceBlobLen = 0;
+    qvTD->tlNonServiceMethodCount = 0;
+    qvTD->tlSyntheticMonitor = 0;
+    qvTD->tlTargetDepth = 0;
+    qvTD->httpCallOutDepth = 0;
+    qvTD->flowpathInstanceStr[0] = '\0';
+    qvTD->flowpathInstance = 0;
+    qvTD->seqNum = 0;
+    qvTD->tlTestRunNumber = 0;
+    qvTD->tlSeqNumberForTierCallOut = 0;
+    qvTD->tlFlowPathTimeStampInMS = 0;
+    qvTD->tlFpCPUTime = 0;
+    qvTD->tlDuration = 0;
+    qvTD->firstFlowpathInstance = 0;
+    qvTD->prevFlowpathInstance = 0;
+    qvTD->tlBackendSubType = 0;
+    qvTD->tlTierStartTime = 0;
+    qvTD->tlBTObj = nullptr;
+    qvTD->tlSQLObj.DBCallDepth = 0;
+    qvTD->setEndFPFlag = 0;
+    qvTD->tlFlowpathType = 0;
+    qvTD->agentThreadID = 0;
+    qvTD->syncTime = 0;
+    qvTD->waitTime = 0;
+    qvTD->qTimeInMS = -1;
+    qvTD->bitFlags = 0;
+
+    if (hotspotTable == nullptr) return;
+    // The caller's pointer may predate a growth that moved the table: use the current one.
+    QVLockGuard guard(poolMutex());
+    TLSDataStruct* table = tlsdatastruct.load();
+    if (table == nullptr || qvTD->tlsIdx < 0 || qvTD->tlsIdx >= hotspotRows) return;
+    TLSDataStruct& row = table[qvTD->tlsIdx];
+    row.threadId = 0;
+    row.timestamp = 0;
+    row.Tlsdata = nullptr;
+}
+
+void resetMonitorDataModel(QVPerThreadData_t* qvTD) {
+    if (qvTD == nullptr) return;
+    if (qvTD->tlMonitorDataModel == nullptr) {
+        QV_TRACE_IF(fpLevel() > 0, kModule, "Info", "In reset tlsslot, tlMonitorDataModel is NULL");
+        return;
+    }
+    if (qvFlowpathPoolHooks.resetMonitorDataModelArrays != nullptr)
+        qvFlowpathPoolHooks.resetMonitorDataModelArrays(qvTD->tlMonitorDataModel);
+}
+
+void dumpFpFromBusyList() {
+    QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method called");
+    bool empty;
+    {
+        QVLockGuard guard(poolMutex());
+        empty = gBusyTLSHead == nullptr;
+    }
+    if (empty) {
+        QV_TRACE_IF(fpLevel() > 0, kModule, "Info", "gBusyTLSHead is null. Hence returning.");
+        return;
+    }
+    for (;;) {
+        QVPerThreadData_t* record;
+        {
+            QVLockGuard guard(poolMutex());
+            record = gBusyTLSHead;
+            if (record == nullptr) break;
+            // Fully detached, not just skipped: the unlocked dump below must leave a consistent
+            // busy list to threads that take or give back records meanwhile.
+            gBusyTLSHead = record->busy_next;
+            if (gBusyTLSHead != nullptr) gBusyTLSHead->busy_prev = nullptr;
+            if (gBusyTLSTail == record) gBusyTLSTail = nullptr;
+            record->busy_next = nullptr;
+            record->busy_prev = nullptr;
+        }
+        if (qvFlowpathPoolHooks.dumpIncompleteFPAtTestStop != nullptr)
+            qvFlowpathPoolHooks.dumpIncompleteFPAtTestStop(record);
+        resetAllThreadLocals(record, tlsdatastruct);
+        QVLockGuard guard(poolMutex());
+        releaseLocked(record, true);
+    }
+    flushData();
+    QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method exit");
+}
+
+void resetMonitorDataModelFromTLS() {
+    QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method called");
+    // Walking links that other threads relink is a data race, so the walks hold the pool lock.
+    QVLockGuard guard(poolMutex());
+    if (gFreeTLSHead == nullptr) QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "Free TLS link list is empty.");
+    for (QVPerThreadData_t* p = gFreeTLSHead; p != nullptr; p = p->free_next) resetMonitorDataModel(p);
+    if (gBusyTLSHead == nullptr) QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "Busy TLS link list is empty.");
+    for (QVPerThreadData_t* p = gBusyTLSHead; p != nullptr; p = p->busy_next) resetMonitorDataModel(p);
+    QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method exit");
+}
+
+int getTlsHotspotTableRows() {
+    return qv_load(hotspotRows);
+}
+
+void qv_flowpath_pool_reset_for_test() {
+    for (int b = 0; b < blockCount; b++) {
+        for (int i = 0; i < QV_TLS_POOL_BLOCK; i++) {
+            QVPerThreadData_t* slot = &blocks[b][i];
+            if (slot->sequenceBlobLock != nullptr) apr_thread_mutex_destroy(slot->sequenceBlobLock);
+            if (slot->updateBTLock != nullptr) apr_thread_mutex_destroy(slot->updateBTLock);
+        }
+        qvlb_free(blocks[b], kPoolPurpose, -1);
+    }
+    qvlb_free(blocks, "TLS pool block list", -1);
+    blocks = nullptr;
+    blockCount = 0;
+    blockCap = 0;
+    qvlb_free(tlsdatastruct.exchange(nullptr), kHotspotPurpose, -1);
+    hotspotRows = 0;
+    destroy_hashmap(fpiToTLS);
+    fpiToTLS = nullptr;
+    gFreeTLSHead = gFreeTLSTail = gBusyTLSHead = gBusyTLSTail = nullptr;
+    gFreeTLSCnt = gBusyTLSCnt = g_tlsidx = size_array = 0;
+    qvFlowpathPoolHooks = {};
+    // tlsMutex stays: it lives in the control pool and is reused by the next start.
+}

@@ -1,0 +1,30 @@
+// Start-up and test-stop steps of the flowpath layer, handed to core and the data dispatcher.
+#include "flowpath/flowpath_module.h"
+
+#include "collector/QVDataDispatcher.h"
+#include "core/qv_agent.h"
+#include "flowpath/QVPerThreadData.h"
+#include "foundation/qvlb_hashmap.h"
+#include "foundation/qvlb_mutex.h"
+#include "foundation/qvlb_util.h"
+
+namespace {
+
+void createFpiToTLS() {
+    if (fpiToTLS == nullptr) fpiToTLS = create_hashmap(control_pool);
+}
+
+void createTlsPool() {
+    // Under the pool lock so the head store is ordered before any thread that takes a record.
+    qvlb_create_nested_mutex(&tlsMutex, nullptr);
+    QVLockGuard guard(tlsMutex);
+    gFreeTLSHead = create_tls_pool(gBusyTLSCnt);
+}
+
+}  // namespace
+
+void qv_flowpath_register_hooks() {
+    qvAgentHooks.createFpiToTLS = createFpiToTLS;
+    qvAgentHooks.createTlsPool = createTlsPool;
+    qvDispatcherHooks.dumpFpFromBusyList = dumpFpFromBusyList;
+}

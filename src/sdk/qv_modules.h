@@ -1,0 +1,9 @@
+// Wiring of the layers: fills the hook tables through which lower layers reach higher ones.
+#ifndef QV_MODULES_H
+#define QV_MODULES_H
+
+// Installs every layer's hooks (start-up steps, data-thread stop steps). Idempotent and cheap;
+// call it before agent_init. The SDK's initialisation does so itself.
+void qvlb_register_modules();
+
+#endif

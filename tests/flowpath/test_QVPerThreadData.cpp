@@ -1,0 +1,327 @@
+// Tests of the per-transaction record pool: block growth, the lost-record rule, resets, the
+// test-stop walk, the hotspot table and concurrent take/give back.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "collector/QVDataDispatcher.h"
+#include "core/qv_agent.h"
+#include "flowpath/QVPerThreadData.h"
+#include "flowpath/flowpath_module.h"
+#include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_fault.h"
+#include "foundation/qvlb_mutex.h"
+#include "support/temp_home.h"
+
+namespace {
+
+class PoolTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        home_ = std::make_unique<TempAgentHome>();
+        agent_init("fptest", 0, "fptest", nullptr);
+        ASSERT_NE(qvApplication, nullptr);
+        qv_flowpath_register_hooks();
+    }
+    void TearDown() override {
+        qvlb_fault_reset();
+        qv_flowpath_pool_reset_for_test();
+        qv_agent_reset_for_test();
+        home_.reset();
+    }
+    // The start-up step, as core runs it.
+    void startPool() {
+        ASSERT_NE(qvAgentHooks.createTlsPool, nullptr);
+        qvAgentHooks.createTlsPool();
+        ASSERT_NE(gFreeTLSHead, nullptr);
+    }
+    QVPerThreadData_t* take() {
+        QVPerThreadData_t* r = get_free_tls_slot();
+        resetAllThreadLocals(r, tlsdatastruct);
+        return r;
+    }
+    std::unique_ptr<TempAgentHome> home_;
+};
+
+int countFreeReachable() {
+    int n = 0;
+    for (QVPerThreadData_t* p = gFreeTLSHead; p != nullptr; p = p->free_next) n++;
+    return n;
+}
+
+TEST_F(PoolTest, SixtyFifthTakeCarvesSecondBlockAndGrowsHotspotTableZeroed) {
+    startPool();
+    ASSERT_NE(tlsdatastruct.load(), nullptr);
+    EXPECT_EQ(getTlsHotspotTableRows(), 64);
+    for (int i = 0; i < 64; i++) {
+        QVPerThreadData_t* r = take();
+        ASSERT_EQ(r->tlsIdx, i);
+        tlsdatastruct.load()[r->tlsIdx] = TLSDataStruct{r, 7, 9};
+    }
+    QVPerThreadData_t* r65 = get_free_tls_slot();
+    ASSERT_NE(r65, nullptr);
+    EXPECT_EQ(g_tlsidx, 128);
+    EXPECT_EQ(size_array, 128);
+    EXPECT_EQ(r65->tlsIdx, 64);
+    EXPECT_EQ(r65->tlThreadId, 65);  // the busy count at carving time, plus slot + 1
+    EXPECT_EQ(gFreeTLSCnt, 63);
+    EXPECT_EQ(gBusyTLSCnt, 65);
+    ASSERT_EQ(getTlsHotspotTableRows(), 128);
+    TLSDataStruct* table = tlsdatastruct.load();
+    for (int i = 0; i < 64; i++) EXPECT_EQ(table[i].threadId, 7) << i;  // kept by the growth
+    for (int i = 64; i < 128; i++)
+        EXPECT_TRUE(table[i].Tlsdata == nullptr && table[i].threadId == 0 && table[i].timestamp == 0) << i;
+}
+
+TEST_F(PoolTest, RecordReturnedAfterFreeListEmptiedIsLost) {
+    startPool();
+    std::vector<QVPerThreadData_t*> held;
+    for (int i = 0; i < 64; i++) held.push_back(take());
+    QVPerThreadData_t* returned = held[10];
+    resetAllThreadLocals(returned, tlsdatastruct);
+    free_tls_slot(returned);
+    EXPECT_EQ(gFreeTLSCnt, 1);
+    EXPECT_EQ(gBusyTLSCnt, 63);
+    EXPECT_EQ(gFreeTLSHead, nullptr);
+
+    QVPerThreadData_t* next = take();
+    ASSERT_NE(next, nullptr);
+    EXPECT_NE(next, returned);
+    EXPECT_EQ(next->tlsIdx, 64);
+    EXPECT_EQ(next->tlThreadId, 64);
+    for (QVPerThreadData_t* p = gFreeTLSHead; p != nullptr; p = p->free_next) EXPECT_NE(p, returned);
+}
+
+TEST_F(PoolTest, ReusedRecordIsClearedButKeepsItsIdentity) {
+    startPool();
+    QVPerThreadData_t* a = take();
+    apr_thread_mutex_t* blobLock = a->sequenceBlobLock;
+    ASSERT_NE(blobLock, nullptr);
+    long long idx = a->tlsIdx;
+    a->tlStatusCode = 500;
+    a->qTimeInMS = 12;
+    a->sequenceBlobLen = 100;
+    strcpy(a->flowpathInstanceStr, "4611686018427387904");
+    a->tlSQLObj.DBCallDepth = 3;
+    a->tlSQLObj.sqlId = 41;
+    a->qvSessionId = 99;
+    tlsdatastruct.load()[idx] = TLSDataStruct{a, 1234, 5678};
+    resetAllThreadLocals(a, tlsdatastruct);
+    free_tls_slot(a);
+
+    // a went behind the 63 untouched records.
+    for (int i = 0; i < 63; i++) ASSERT_NE(take(), a);
+    QVPerThreadData_t* again = take();
+    ASSERT_EQ(again, a);
+    EXPECT_EQ(a->tlStatusCode, 200);
+    EXPECT_EQ(a->qTimeInMS, -1);
+    EXPECT_EQ(a->sequenceBlobLen, 0);
+    EXPECT_STREQ(a->flowpathInstanceStr, "");
+    EXPECT_EQ(a->tlSQLObj.DBCallDepth, 0);
+    EXPECT_EQ(a->tlSQLObj.sqlId, 41);
+    EXPECT_EQ(a->qvSessionId, 99);
+    EXPECT_EQ(a->tlsIdx, idx);
+    EXPECT_EQ(a->tlThreadId, 1);
+    EXPECT_EQ(a->sequenceBlobLock, blobLock);
+    TLSDataStruct row = tlsdatastruct.load()[idx];
+    EXPECT_TRUE(row.Tlsdata == nullptr && row.threadId == 0 && row.timestamp == 0);
+}
+
+TEST_F(PoolTest, FreeingKeepsListsAndCountsConsistent) {
+    qv_store(qvApplication->QVSys.fpTraceLevel, 1);
+    startPool();
+    QVPerThreadData_t* only = take();
+    EXPECT_EQ(gBusyTLSHead, only);
+    EXPECT_EQ(gBusyTLSTail, only);
+    free_tls_slot(only);
+    EXPECT_EQ(gBusyTLSHead, nullptr);
+    EXPECT_EQ(gBusyTLSTail, nullptr);
+
+    // Null and a second give-back of the same record change nothing.
+    free_tls_slot(nullptr);
+    free_tls_slot(only);
+    EXPECT_EQ(gFreeTLSCnt, 64);
+    EXPECT_EQ(gBusyTLSCnt, 0);
+    EXPECT_EQ(countFreeReachable(), 64);
+    EXPECT_NE(home_->traceLogs().find("|Error|Null argument is passed, hence returning"), std::string::npos);
+}
+
+std::vector<QVPerThreadData_t*> dumped;
+QVPerThreadData_t* takenDuringDump = nullptr;
+
+void recordDump(QVPerThreadData_t* r) {
+    dumped.push_back(r);
+    // The walk must leave a consistent list while a flowpath is written.
+    EXPECT_TRUE(gBusyTLSHead == nullptr || gBusyTLSHead->busy_prev == nullptr);
+    EXPECT_NE(r, gBusyTLSHead);
+    EXPECT_NE(r, gBusyTLSTail);
+}
+
+// A transaction starting while test stop writes out the last running one.
+void recordDumpAndTake(QVPerThreadData_t* r) {
+    recordDump(r);
+    if (takenDuringDump == nullptr) takenDuringDump = get_free_tls_slot();
+}
+
+TEST_F(PoolTest, DumpFromBusyListWritesAndReturnsEveryRecord) {
+    startPool();
+    dumped.clear();
+    qvFlowpathPoolHooks.dumpIncompleteFPAtTestStop = recordDump;
+    dumpFpFromBusyList();  // empty: nothing to do
+    EXPECT_TRUE(dumped.empty());
+
+    std::vector<QVPerThreadData_t*> busy;
+    for (int i = 0; i < 5; i++) {
+        busy.push_back(take());
+        busy.back()->tlStatusCode = 500;
+    }
+    dumpFpFromBusyList();
+    EXPECT_EQ(dumped, busy);
+    for (QVPerThreadData_t* r : busy) EXPECT_EQ(r->tlStatusCode, 200);
+    EXPECT_EQ(gFreeTLSCnt, 64);
+
+    // A record taken while the only busy one is being written is still reached.
+    dumped.clear();
+    takenDuringDump = nullptr;
+    qvFlowpathPoolHooks.dumpIncompleteFPAtTestStop = recordDumpAndTake;
+    QVPerThreadData_t* last = take();
+    dumpFpFromBusyList();
+    ASSERT_NE(takenDuringDump, nullptr);
+    EXPECT_EQ(dumped, (std::vector<QVPerThreadData_t*>{last, takenDuringDump}));
+    EXPECT_EQ(gBusyTLSHead, nullptr);
+    EXPECT_EQ(gBusyTLSTail, nullptr);
+    EXPECT_EQ(gBusyTLSCnt, 0);
+    EXPECT_EQ(qvDispatcherHooks.dumpFpFromBusyList, dumpFpFromBusyList);
+    qvAgentHooks.createFpiToTLS();
+    EXPECT_NE(fpiToTLS, nullptr);
+}
+
+TEST_F(PoolTest, HotspotOffMeansNoTable) {
+    qv_store(qvApplication->QVSys.qvEnableTxHotspot, 0);
+    startPool();
+    EXPECT_EQ(tlsdatastruct.load(), nullptr);
+    for (int i = 0; i < 65; i++) ASSERT_NE(take(), nullptr);
+    EXPECT_EQ(tlsdatastruct.load(), nullptr);
+    EXPECT_EQ(getTlsHotspotTableRows(), 0);
+
+    // Switched on later: a directly carved block gets a 64-row table its records lie beyond.
+    qv_store(qvApplication->QVSys.qvEnableTxHotspot, 1);
+    QVPerThreadData_t* block = create_tls_pool(0);
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(getTlsHotspotTableRows(), 64);
+    EXPECT_EQ(block->tlsIdx, 128);
+    resetAllThreadLocals(&block[63], tlsdatastruct);  // must not write past the table
+    EXPECT_EQ(block[63].qTimeInMS, -1);
+}
+
+int modelsCreated = 0;
+int modelsReset = 0;
+char fakeModel;
+void fakeInitModel(QVPerThreadData_t* r) {
+    modelsCreated++;
+    r->tlMonitorDataModel = reinterpret_cast<QVMonitorDataModel*>(&fakeModel);
+}
+void countModelReset(QVMonitorDataModel* m) {
+    EXPECT_EQ(m, reinterpret_cast<QVMonitorDataModel*>(&fakeModel));
+    modelsReset++;
+}
+
+TEST_F(PoolTest, MonitorModelsAndLocksFollowTheProxyMode) {
+    modelsCreated = modelsReset = 0;
+    qvFlowpathPoolHooks.initQVMonitorDataModel = fakeInitModel;
+    qvFlowpathPoolHooks.resetMonitorDataModelArrays = countModelReset;
+    startPool();
+    EXPECT_EQ(modelsCreated, 64);
+    for (int i = 0; i < 3; i++) take();
+    resetMonitorDataModelFromTLS();  // 61 free plus 3 busy
+    EXPECT_EQ(modelsReset, 64);
+
+    // A process that only forwards to a proxy gets records without locks or models.
+    qv_store(qvApplication->QVSys.proxyMode, 1);
+    QVPerThreadData_t* block = create_tls_pool(0);
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(modelsCreated, 64);
+    EXPECT_EQ(block[0].sequenceBlobLock, nullptr);
+    EXPECT_EQ(block[0].updateBTLock, nullptr);
+    resetMonitorDataModel(&block[0]);  // no model: logged, not reset
+    EXPECT_EQ(modelsReset, 64);
+}
+
+TEST_F(PoolTest, FailedBlockAllocationReturnsNullAndRecovers) {
+#ifdef QV_FAULT_POINTS
+    startPool();
+    for (int i = 0; i < 64; i++) take();
+    qvlb_fault_arm(QV_FAULT_MALLOC, 0, 1);
+    EXPECT_EQ(get_free_tls_slot(), nullptr);
+    qvlb_fault_reset();
+    EXPECT_EQ(g_tlsidx, 64);
+    EXPECT_EQ(gFreeTLSCnt, 0);
+    EXPECT_EQ(gBusyTLSCnt, 64);
+    EXPECT_NE(take(), nullptr);
+    EXPECT_EQ(g_tlsidx, 128);
+#else
+    GTEST_SKIP() << "fault points compiled out";
+#endif
+}
+
+class PoolConcurrency : public PoolTest {};
+
+TEST_F(PoolConcurrency, TakeAndGiveBackFromManyThreads) {
+    startPool();
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 300;
+    constexpr int kHold = 24;  // 40 to 96 held at once: the first block overflows now and then
+    std::atomic<int> errors{0};
+    std::atomic<int> ready{0};
+    std::atomic<bool> done{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; t++) {
+        threads.emplace_back([&, t] {
+            ready++;
+            while (ready.load() < kThreads) std::this_thread::yield();
+            QVPerThreadData_t* held[kHold];
+            for (int round = 0; round < kRounds; round++) {
+                int n = 10 + (round * 7 + t * 5) % 15;
+                for (int i = 0; i < n; i++) {
+                    held[i] = take();
+                    if (held[i] == nullptr || held[i]->agentThreadID != 0) errors++;
+                    if (held[i] != nullptr) held[i]->agentThreadID = t + 1;
+                }
+                std::this_thread::yield();
+                for (int i = 0; i < n; i++) {
+                    if (held[i] == nullptr) continue;
+                    if (held[i]->agentThreadID != t + 1) errors++;
+                    resetAllThreadLocals(held[i], tlsdatastruct);
+                    free_tls_slot(held[i]);
+                }
+            }
+        });
+    }
+    // Reads the hotspot table the way the sensor must: under tlsMutex, while it grows.
+    std::thread sensor([&] {
+        while (!done.load()) {
+            QVLockGuard guard(tlsMutex);
+            TLSDataStruct* table = tlsdatastruct.load();
+            for (int i = 0; table != nullptr && i < getTlsHotspotTableRows(); i++)
+                if (table[i].Tlsdata != nullptr) errors++;
+        }
+    });
+    for (auto& th : threads) th.join();
+    done = true;
+    sensor.join();
+    EXPECT_EQ(errors.load(), 0);
+    EXPECT_EQ(gBusyTLSCnt, 0);
+    EXPECT_EQ(gBusyTLSHead, nullptr);
+    EXPECT_EQ(gBusyTLSTail, nullptr);
+    EXPECT_EQ(gFreeTLSCnt, g_tlsidx);  // lost records are still counted as free
+    EXPECT_EQ(g_tlsidx % 64, 0);
+    EXPECT_EQ(getTlsHotspotTableRows(), g_tlsidx);
+    EXPECT_LE(countFreeReachable(), gFreeTLSCnt);
+}
+
+}  // namespace

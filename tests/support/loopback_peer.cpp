@@ -1,0 +1,130 @@
+// A real TCP peer on 127.0.0.1 for the collector tests.
+#include "support/loopback_peer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+
+bool LoopbackPeer::start() {
+    listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    if (listen_fd_ < 0) return false;
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = 0;
+    socklen_t len = sizeof(addr);
+    if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
+        listen(listen_fd_, 16) != 0 ||
+        getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+        close(listen_fd_);
+        listen_fd_ = -1;
+        return false;
+    }
+    port_ = ntohs(addr.sin_port);
+    stop_ = false;
+    thread_ = std::thread([this] { run(); });
+    return true;
+}
+
+void LoopbackPeer::stop() {
+    stop_ = true;
+    if (thread_.joinable()) thread_.join();
+    std::lock_guard<std::mutex> lock(mu_);
+    for (Conn& c : conns_) {
+        if (c.fd >= 0) close(c.fd);
+        c.fd = -1;
+    }
+    if (listen_fd_ >= 0) close(listen_fd_);
+    listen_fd_ = -1;
+}
+
+int LoopbackPeer::connectionCount() const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return static_cast<int>(conns_.size());
+}
+
+std::string LoopbackPeer::bytes(int conn) const {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (conn < 0 || conn >= static_cast<int>(conns_.size())) return {};
+    return conns_[static_cast<size_t>(conn)].data;
+}
+
+void LoopbackPeer::dropConnection(int conn) {
+    std::unique_lock<std::mutex> lock(mu_);
+    if (conn < 0 || conn >= static_cast<int>(conns_.size()) || conns_[static_cast<size_t>(conn)].fd < 0)
+        return;
+    drop_request_ = conn;
+    cv_.wait_for(lock, std::chrono::seconds(10), [&] { return drop_request_ < 0; });
+}
+
+bool LoopbackPeer::waitFor(const std::function<bool()>& pred, int timeout_ms) const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    for (;;) {
+        if (pred()) return true;
+        if (std::chrono::steady_clock::now() >= deadline) return pred();
+        // Woken by each arrival; the short bound also catches conditions outside the peer.
+        std::unique_lock<std::mutex> lock(mu_);
+        cv_.wait_for(lock, std::chrono::milliseconds(10));
+    }
+}
+
+bool LoopbackPeer::waitForContains(int conn, std::string_view needle, int timeout_ms) {
+    return waitFor([&] { return bytes(conn).find(needle) != std::string::npos; }, timeout_ms);
+}
+
+void LoopbackPeer::run() {
+    std::vector<pollfd> fds;
+    std::vector<int> index;  // conns_ index of fds[i] (-1: the listener)
+    char buf[65536];
+    while (!stop_) {
+        fds.clear();
+        index.clear();
+        {
+            std::lock_guard<std::mutex> lock(mu_);
+            if (drop_request_ >= 0) {
+                Conn& c = conns_[static_cast<size_t>(drop_request_)];
+                if (c.fd >= 0) {
+                    linger lg{1, 0};
+                    setsockopt(c.fd, SOL_SOCKET, SO_LINGER, &lg, sizeof(lg));
+                    close(c.fd);
+                    c.fd = -1;
+                }
+                drop_request_ = -1;
+                cv_.notify_all();
+            }
+            fds.push_back({listen_fd_, POLLIN, 0});
+            index.push_back(-1);
+            for (size_t i = 0; i < conns_.size(); ++i) {
+                if (conns_[i].fd < 0) continue;
+                fds.push_back({conns_[i].fd, POLLIN, 0});
+                index.push_back(static_cast<int>(i));
+            }
+        }
+        if (poll(fds.data(), fds.size(), 20) <= 0) continue;
+        for (size_t i = 0; i < fds.size(); ++i) {
+            if ((fds[i].revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
+            if (index[i] < 0) {
+                const int fd = accept(listen_fd_, nullptr, nullptr);
+                if (fd < 0) continue;
+                std::lock_guard<std::mutex> lock(mu_);
+                conns_.push_back({fd, {}});
+                cv_.notify_all();
+                continue;
+            }
+            const ssize_t n = read(fds[i].fd, buf, sizeof(buf));
+            std::lock_guard<std::mutex> lock(mu_);
+            Conn& c = conns_[static_cast<size_t>(index[i])];
+            if (n > 0) {
+                c.data.append(buf, static_cast<size_t>(n));
+            } else {
+                close(c.fd);
+                c.fd = -1;
+            }
+            cv_.notify_all();
+        }
+    }
+}

@@ -1,0 +1,59 @@
+// A real TCP peer on 127.0.0.1 for the collector tests: accepts connections on its own thread
+// and records every byte received, per connection, in arrival order.
+#ifndef LOOPBACK_PEER_H
+#define LOOPBACK_PEER_H
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+class LoopbackPeer {
+  public:
+    LoopbackPeer() = default;
+    ~LoopbackPeer() { stop(); }
+    LoopbackPeer(const LoopbackPeer&) = delete;
+    LoopbackPeer& operator=(const LoopbackPeer&) = delete;
+
+    // Binds 127.0.0.1 on a free port, listens and starts the accept/read thread. False on a
+    // socket error.
+    bool start();
+    // Closes every socket and joins the thread. Safe to call twice.
+    void stop();
+    int port() const { return port_; }
+
+    // Connections accepted so far (dropped ones included).
+    int connectionCount() const;
+    // Copy of the bytes received on connection conn (0-based; empty if unknown).
+    std::string bytes(int conn) const;
+    // Resets connection conn (close with linger 0, so the sender sees a reset) and waits until
+    // it is closed. The bytes received stay readable.
+    void dropConnection(int conn);
+
+    // Waits until pred() holds or timeout_ms passes; returns pred()'s last value. pred runs
+    // without the peer's lock (it may call the accessors) after each arrival or every 10 ms.
+    bool waitFor(const std::function<bool()>& pred, int timeout_ms) const;
+    bool waitForContains(int conn, std::string_view needle, int timeout_ms);
+
+  private:
+    struct Conn {
+        int fd;
+        std::string data;
+    };
+    void run();
+
+    int listen_fd_ = -1;
+    int port_ = 0;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+    mutable std::mutex mu_;
+    mutable std::condition_variable cv_;
+    std::vector<Conn> conns_;  // guarded by mu_
+    int drop_request_ = -1;    // guarded by mu_
+};
+
+#endif
