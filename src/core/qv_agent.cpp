@@ -202,6 +202,9 @@ void agent_init(const char* poolName, int connect, const char* processName, cons
     }
     QVBCISettingInit();
     setAgentType(agentType ? agentType : "PHP");
+    // The method registry needs methodEntryLock; the BT subsystem reads its rule files from the home.
+    if (qvAgentHooks.initMethodRegistry) qvAgentHooks.initMethodRegistry();
+    if (qvAgentHooks.initBTSubsystem) qvAgentHooks.initBTSubsystem();
 
     QVAGENT_TRACE(0, "Info", "Going to start control thread ...");
     if (qvAgentHooks.controlThreadEntry == nullptr) {

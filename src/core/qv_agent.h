@@ -147,6 +147,8 @@ struct QVAgentHooks {
     void* (*controlThreadEntry)(apr_thread_t*, void*);  // body of the control thread
     void (*controlSockBufInit)();                       // control connection's receive buffer (QVSysInit)
     void (*stopDataThread)();                           // ends and joins the data thread (shutdown)
+    void (*initMethodRegistry)();                       // first generation and DefaultMethod
+    void (*initBTSubsystem)();                          // QVBTConfigModelInit: maps, monitor, rule files
 };
 extern QVAgentHooks qvAgentHooks;
 
