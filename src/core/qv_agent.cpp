@@ -205,6 +205,7 @@ void agent_init(const char* poolName, int connect, const char* processName, cons
     // The method registry needs methodEntryLock; the BT subsystem reads its rule files from the home.
     if (qvAgentHooks.initMethodRegistry) qvAgentHooks.initMethodRegistry();
     if (qvAgentHooks.initBTSubsystem) qvAgentHooks.initBTSubsystem();
+    if (qvAgentHooks.initMonitors) qvAgentHooks.initMonitors();
 
     QVAGENT_TRACE(0, "Info", "Going to start control thread ...");
     if (qvAgentHooks.controlThreadEntry == nullptr) {

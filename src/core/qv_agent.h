@@ -149,6 +149,7 @@ struct QVAgentHooks {
     void (*stopDataThread)();                           // ends and joins the data thread (shutdown)
     void (*initMethodRegistry)();                       // first generation and DefaultMethod
     void (*initBTSubsystem)();                          // QVBTConfigModelInit: maps, monitor, rule files
+    void (*initMonitors)();                             // method and backend monitors
 };
 extern QVAgentHooks qvAgentHooks;
 

@@ -3,6 +3,7 @@
 
 #include "collector/QVDataDispatcher.h"
 #include "core/qv_agent.h"
+#include "flowpath/QVMethodHashMap.h"
 #include "flowpath/QVPerThreadData.h"
 #include "foundation/qvlb_hashmap.h"
 #include "foundation/qvlb_mutex.h"
@@ -21,10 +22,15 @@ void createTlsPool() {
     gFreeTLSHead = create_tls_pool(gBusyTLSCnt);
 }
 
+void initMethodRegistryHook() {
+    initMethodRegistry();
+}
+
 }  // namespace
 
 void qv_flowpath_register_hooks() {
     qvAgentHooks.createFpiToTLS = createFpiToTLS;
     qvAgentHooks.createTlsPool = createTlsPool;
+    qvAgentHooks.initMethodRegistry = initMethodRegistryHook;
     qvDispatcherHooks.dumpFpFromBusyList = dumpFpFromBusyList;
 }

@@ -1,0 +1,153 @@
+// Business-transaction objects, the config and manager maps, and the lookups over them.
+#include "qvbt/qvbt_bt_object.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "core/qv_agent.h"
+#include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_lfmap.h"
+#include "foundation/qvlb_mem.h"
+#include "foundation/qvlb_mt_log.h"
+#include "foundation/qvlb_mutex.h"
+
+QVBTConfigModel config;
+QVBTManager manager;
+
+namespace {
+
+int bt_level() {
+    return qvApplication ? qv_load(qvApplication->QVSys.btMonitorTraceLevel) : 0;
+}
+
+const char kObjPurpose[] = "BTObject";
+
+// Serialises find-or-make in the config map, so two threads (or a reader and a request) that meet
+// the same new name make one object.
+apr_thread_mutex_t* config_lock = nullptr;
+
+// Maps of earlier initialisations: their objects may still be referenced, so they live on until
+// the test reset.
+struct RetiredMaps {
+    qvlb_lfmap_t* cfg;
+    qvlb_lfmap_t* mgr;
+    RetiredMaps* next;
+};
+RetiredMaps* retired_maps = nullptr;
+
+void free_obj(const char*, void* value, void*) {
+    qvlb_free(value, kObjPurpose, -1);
+}
+
+void destroy_maps(qvlb_lfmap_t* cfg, qvlb_lfmap_t* mgr) {
+    // Every object ever made is in a config map; the manager map only shares them.
+    qvlb_lfmap_foreach(cfg, free_obj, nullptr);
+    qvlb_lfmap_destroy(mgr);
+    qvlb_lfmap_destroy(cfg);
+}
+
+}  // namespace
+
+int qvbt_bt_maps_init() {
+    QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Method called");
+    if (qvlb_create_nested_mutex(&config_lock, nullptr) != APR_SUCCESS) return -1;
+    QVLockGuard guard(config_lock);
+    apr_thread_mutex_t* old_lock = qv_load_acquire(manager.bt_obj_map_lock);
+    if (config.bt_obj_map.hash != nullptr || manager.bt_obj_map.hash != nullptr) {
+        auto* r = static_cast<RetiredMaps*>(qvlb_malloc(sizeof(RetiredMaps), "retired BT maps", -1));
+        if (r != nullptr) {
+            *r = {config.bt_obj_map.hash, manager.bt_obj_map.hash, retired_maps};
+            retired_maps = r;
+        }
+    }
+    memset(&config, 0, sizeof(config));
+    memset(&manager, 0, sizeof(manager));
+    qv_store(config.max_bt_count, 256);
+    qv_store(config.total_bt_count, 1);
+    qvlb_lfmap_t* cfg = qvlb_lfmap_create(512);
+    qvlb_lfmap_t* mgr = qvlb_lfmap_create(512);
+    qv_store_release(config.bt_obj_map.hash, cfg);
+    qv_store_release(manager.bt_obj_map.hash, mgr);
+    // A lock made by an earlier initialisation is reused: a thread may still be waiting on it.
+    if (old_lock != nullptr)
+        qv_store_release(manager.bt_obj_map_lock, old_lock);
+    else if (qvlb_create_nested_mutex(&manager.bt_obj_map_lock, nullptr) != APR_SUCCESS)
+        return -1;
+    QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Method exit");
+    return (cfg != nullptr && mgr != nullptr) ? 0 : -1;
+}
+
+BTObject* make_new_bt_obj(const char* name, int id, int slow, int very_slow) {
+    QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Method called");
+    auto* obj = static_cast<BTObject*>(qvlb_calloc(sizeof(BTObject), kObjPurpose, id));
+    if (obj == nullptr) return nullptr;
+    if (name != nullptr) {
+        strncpy(obj->bt_name, name, 128);
+        obj->bt_name[128] = '\0';
+    }
+    if (id > 0) obj->bt_id = id;
+    obj->bt_threshold.slow = slow;
+    obj->bt_threshold.very_slow = very_slow;
+    QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info",
+                "New BT object made, name = %s, id = %d, slow = %d, very slow = %d", obj->bt_name, id, slow,
+                very_slow);
+    return obj;
+}
+
+int insert_in_hasmap(const char* key, BTObject* obj, BTObjectMap* map) {
+    if (key == nullptr || obj == nullptr || map == nullptr) return -1;
+    qvlb_lfmap_t* hash = qv_load_acquire(map->hash);
+    if (hash == nullptr) return -1;
+    char purpose[192];
+    snprintf(purpose, sizeof(purpose), "Key '%.128s' for qvbt hash", key);
+    if (qvlb_lfmap_put(hash, key, obj, purpose) != 0) {
+        QV_TRACE_IF(bt_level() > 0, "BT_MON", "Error", "Could not store BT '%s' in its map", key);
+        return -1;
+    }
+    return 0;
+}
+
+BTObject* find_bt_obj_in_manager_map(const char* name) {
+    return static_cast<BTObject*>(qvlb_lfmap_get(qv_load_acquire(manager.bt_obj_map.hash), name));
+}
+
+BTObject* find_bt_obj_in_config_map(const char* name, int id, int slow, int very_slow) {
+    QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Method called");
+    if (name == nullptr) return nullptr;
+    // Map keys are the stored names, which are cut at 128 characters.
+    char key[129];
+    strncpy(key, name, 128);
+    key[128] = '\0';
+    QVLockGuard guard(qv_load_acquire(config_lock));
+    auto* obj = static_cast<BTObject*>(qvlb_lfmap_get(qv_load_acquire(config.bt_obj_map.hash), key));
+    if (obj == nullptr) {
+        obj = make_new_bt_obj(key, id, slow, very_slow);
+        if (obj == nullptr) return nullptr;
+        if (insert_in_hasmap(key, obj, &config.bt_obj_map) != 0) {
+            // Not reachable through any map: nothing else can hold it yet.
+            qvlb_free(obj, kObjPurpose, id);
+            return nullptr;
+        }
+    }
+    if (id > 0) {
+        qv_store(obj->bt_id, id);
+        insert_in_hasmap(key, obj, &manager.bt_obj_map);
+    }
+    QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Method exit");
+    return obj;
+}
+
+void qvbt_bt_object_reset_for_test() {
+    destroy_maps(qv_load(config.bt_obj_map.hash), qv_load(manager.bt_obj_map.hash));
+    while (retired_maps != nullptr) {
+        RetiredMaps* next = retired_maps->next;
+        destroy_maps(retired_maps->cfg, retired_maps->mgr);
+        qvlb_free(retired_maps, "retired BT maps", -1);
+        retired_maps = next;
+    }
+    apr_thread_mutex_t* lock = manager.bt_obj_map_lock;
+    memset(&config, 0, sizeof(config));
+    memset(&manager, 0, sizeof(manager));
+    // Locks live in the control pool; keep them for the next initialisation.
+    manager.bt_obj_map_lock = lock;
+}

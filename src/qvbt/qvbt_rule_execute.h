@@ -1,0 +1,89 @@
+// The BT naming rules in force (global URL rule, header rule, pattern automaton, custom rule)
+// and the functions that apply them to a request.
+#ifndef QVBT_RULE_EXECUTE_H
+#define QVBT_RULE_EXECUTE_H
+
+#include <apr_thread_mutex.h>
+
+#include "qvbt/qvlb_state_machine.h"
+
+// The URL naming rule (rule-file type 1).
+struct QVBTGlobalRule {
+    int rule_mode;   // 1 whole URL, 2 segment cut, 3 whole URL + extra part, 4 segment cut + extra part
+    int match_type;  // not read by the naming
+    char parameter[65];
+    char parameter_at_start[65];  // "<parameter>="
+    int parameter_at_start_len;
+    char parameter_at_end[65];  // "&<parameter>="
+    int parameter_at_end_len;
+    char header[257];
+    int include_uri_in_name_order;    // 1 FromFirst, 2 FromLast
+    int include_uri_in_name_segment;  // '/'-segments kept by the segment cut
+    int seg_type;             // 3 URI segment numbers, 4 request method, 5 parameter value, 6 request header
+    int uri_seg_no_list[32];  // 1-based segment numbers
+    int uri_seg_no_list_length;
+};
+
+// Header-based naming: the name is the request header headerName, active only while headerValue
+// is not empty.
+struct QVBTHeaderBasedRule {
+    char headerName[256];
+    char headerValue[256];
+};
+
+// bt_rule values.
+constexpr int QVBT_RULE_NONE = 0;
+constexpr int QVBT_RULE_GLOBAL = 1;
+constexpr int QVBT_RULE_PATTERN = 7;
+
+// Rules in force. The pointers are published with a release store once their record is complete
+// and read with qv_load_acquire; a replaced record is retired (kept valid) until the reset, so a
+// request may finish with the rule it started with. Ints are read and written with qv_load/qv_store.
+extern QVBTGlobalRule* global_rule;       // null until a global rule was parsed
+extern QVBTHeaderBasedRule* header_rule;  // null unless parse_header_rule ran
+extern qvlbStateMachine* stateMachine;    // pattern automaton; null without pattern rules
+extern int bt_rule;                       // QVBT_RULE_*
+extern int maxStates;                     // initial automaton size (default 128)
+extern int skipCount;                     // leading pattern characters ignored (default 0)
+extern int allSlow;                       // default thresholds (3000 / 5000 ms)
+extern int allVerySlow;
+
+// Serialises the writers of the rule globals (the rule and threshold readers). Nested; created on
+// first use. Never taken by requests.
+apr_thread_mutex_t* qvbt_rule_lock();
+
+// Keeps ptr alive until the reset, then releases it with fn. Call with qvbt_rule_lock() held.
+// Null ptr: nothing. When memory is short the pointer is kept forever (a small leak, never a
+// use-after-free).
+void qvbt_retire(void* ptr, void (*fn)(void*));
+// Release functions for qvbt_retire: a rule record allocated with qvlb_calloc, and a heap
+// qvlbStateMachine with its rows.
+void qvbt_free_rule_record(void* p);
+void qvbt_free_state_machine(void* p);
+
+// Applies the global rule to the request: the name goes into out (outSize bytes, always
+// NUL-terminated when outSize > 0) and out is returned. Without a global rule the name is
+// "Others". Returns null (out empty) for an unknown rule mode or extra-part kind, or a null/empty
+// out. Modes 3 and 4 build at most 255 characters. url, query, method, header may be null.
+// Any thread; no allocation.
+char* qvbt_execute_global_rule(const char* url, const char* query, const char* method, const char* header,
+                               char* out, int outSize);
+
+// Names the request by the custom-rule automaton in force: the first matching rule's BT name, or
+// "others" when none matches (or no automaton). Returns out (null for a null/empty out).
+char* qvbt_execute_custom_rule(const char* url, const char* query, const char* method, char* out,
+                               int outSize);
+
+// Copies the header rule's headerValue into out (empty without a header rule). Returns out.
+char* qvbt_execute_header_rule(const char* url, char* out, int outSize);
+
+// Pattern rules are applied by the BT manager itself; this only satisfies the rule interface.
+// Returns out unchanged.
+char* qvbt_execute_pattern_rule(const char* url, const char* query, const char* method, const char* header,
+                                char* out, int outSize);
+
+// Resets every rule global to its default and frees current and retired rules, automatons and
+// custom rule. Tests only: no request may be naming.
+void qvbt_rule_execute_reset_for_test();
+
+#endif

@@ -1,0 +1,261 @@
+// BT manager: identifiers and the Others overflow with its metadata, default naming, threshold-file
+// BTs, pattern naming, the header rule fallback, and many threads naming overlapping URL sets.
+#include "bt/QVBTManager.h"
+
+#include <gtest/gtest.h>
+
+#include <apr_pools.h>
+#include <apr_thread_mutex.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bt/QVBTMonitor.h"
+#include "bt/QVBTMonitorDataCounters.h"
+#include "bt/QVBTRuleReader.h"
+#include "collector/QVDataDispatcher.h"
+#include "core/QVBCISettings.h"
+#include "core/QVSettingRecords.h"
+#include "core/qv_agent.h"
+#include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_mem.h"
+#include "foundation/qvlb_mt_log.h"
+#include "foundation/qvlb_util.h"
+#include "qvbt/qvbt_rule_execute.h"
+#include "qvbt/qvbt_utils.h"
+#include "support/temp_home.h"
+
+namespace {
+
+class BTManager : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        memset(&app_, 0, sizeof(app_));
+        qvApplication = &app_;
+        homePath_ = home_.path();
+        app_.QVSys.qvHomePath = homePath_.data();
+        app_.QVSys.btMonitorTraceLevel = 1;
+        app_.QVSys.controlTraceLevel = 1;
+        app_.QVSys.dataBuffMaxCount = 4;
+        app_.QVSys.bciDataBufferMaxSize = 1 << 20;
+        QVBTErrorArrayInit();
+        trace_log_key = qvlb_init_mt_trace_log_ex(home_.path().c_str(), "bt", 1, 10);
+        ASSERT_EQ(buff_list_init(), 0);
+    }
+    void TearDown() override {
+        qvbt_manager_reset_for_test();
+        qv_data_dispatcher_reset_for_test();
+        initQVDynamicSettings();
+        qvlb_trace_log_reset_for_test();
+        qvApplication = nullptr;
+    }
+    // Records queued for the data connection so far.
+    std::string records() const {
+        std::string all;
+        for (nioSettings_t* n = readList; n != nullptr; n = n->next) all.append(n->buff, n->use_len);
+        if (QVBCIAgentBB != nullptr) all.append(QVBCIAgentBB->buff, QVBCIAgentBB->use_len);
+        return all;
+    }
+    static int countOf(const std::string& hay, const std::string& needle) {
+        int n = 0;
+        for (size_t p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + 1)) ++n;
+        return n;
+    }
+    BTObject* name(const char* url, const char* query = nullptr, const char* hdr = nullptr) {
+        return get_obj_from_bt_name(url, query, hdr, nullptr);
+    }
+    void fileMode() { app_.QVBCISetting.fileBasedKeywordMode = '1'; }
+
+    TempAgentHome home_;
+    std::string homePath_;
+    QVProxyInstance_t app_;
+};
+
+class BTConcurrency : public BTManager {};
+
+}  // namespace
+
+TEST_F(BTManager, IdentifiersAndOthersOverflowWithOneMetadataRecord) {
+    QVBTConfigModelInit();
+    EXPECT_EQ(config.max_bt_count, 256);
+    EXPECT_EQ(config.total_bt_count, 1);
+    std::set<int> ids;
+    for (int i = 0; i < 255; ++i) {
+        char buf[129];
+        snprintf(buf, sizeof(buf), "/u%d", i);
+        BTObject* o = updateBTObject(buf);
+        ASSERT_NE(o, nullptr);
+        EXPECT_EQ(o->bt_id, i + 2);
+        EXPECT_EQ(o->is_meta_data_dumped, 1);
+        ids.insert(o->bt_id);
+    }
+    EXPECT_EQ(ids.size(), 255u);
+    EXPECT_EQ(config.total_bt_count, 256);
+    char next[129] = "/u255";
+    BTObject* others = updateBTObject(next);
+    ASSERT_NE(others, nullptr);
+    EXPECT_STREQ(next, "Others");  // the caller's buffer is overwritten
+    EXPECT_EQ(others->bt_id, 1);
+    char later[129] = "/u256";
+    EXPECT_EQ(updateBTObject(later), others);
+    EXPECT_EQ(config.total_bt_count, 256);
+    char known[129] = "/u7";
+    EXPECT_EQ(updateBTObject(known)->bt_id, 9);
+    EXPECT_EQ(updateBTObject(nullptr), nullptr);
+
+    const std::string recs = records();
+    EXPECT_EQ(countOf(recs, "7,1,Others\n"), 1);
+    EXPECT_EQ(countOf(recs, "\n7,"), 255);  // one record per BT, Others included
+    EXPECT_EQ(recs.rfind("7,2,/u0\n", 0), 0u);
+    EXPECT_EQ(countOf(recs, "7,256,/u254\n"), 1);
+    EXPECT_EQ(QVBTMonitor.aggBTDataArr[256].tlBTObj, find_bt_obj_in_manager_map("/u254"));
+}
+
+TEST_F(BTManager, DefaultRuleNamesByTwoSegmentsAndStampsDiagnostics) {
+    QVBTConfigModelInit();
+    EXPECT_EQ(bt_rule, 0);
+    BTObject* ab = name("/a/b/c", "x=1");
+    ASSERT_NE(ab, nullptr);
+    EXPECT_STREQ(ab->bt_name, "/a/b");
+    EXPECT_EQ(ab->bt_threshold.slow, 3000);
+    EXPECT_EQ(ab->bt_threshold.very_slow, 5000);
+    EXPECT_STREQ(name("/a")->bt_name, "/a");
+    EXPECT_EQ(name("/a/b/d"), ab);
+    EXPECT_EQ(ab->AIFlag, 0);
+
+    qv_store(QVDynamicSettings.enableDDAI, 1);
+    qv_store(QVDynamicSettings.ddAIInterval, 30);
+    EXPECT_EQ(name("/a/b/x"), ab);
+    EXPECT_EQ(ab->AIFlag, 1);
+    EXPECT_EQ(ab->bt_endTime - ab->bt_startTime, 30);
+    EXPECT_EQ(ab->dd_IntervalTime, 30);
+    EXPECT_NE(home_.read("bt_0").find("Setting defult BT rule = 1|2|Default|"), std::string::npos);
+}
+
+TEST_F(BTManager, ThresholdFileBTsKeepTheirThresholds) {
+    fileMode();
+    home_.write("BTThresholdFile.txt", "# thresholds\nALL|100|200\n/t/x|7|9\n");
+    QVBTConfigModelInit();
+    BTObject* t = name("/t/x/y");
+    ASSERT_NE(t, nullptr);
+    EXPECT_EQ(t->bt_id, 2);
+    EXPECT_EQ(t->bt_threshold.slow, 7);
+    EXPECT_EQ(t->bt_threshold.very_slow, 9);
+    BTObject* other = name("/o/p");
+    EXPECT_EQ(other->bt_threshold.slow, 100);
+    EXPECT_EQ(other->bt_threshold.very_slow, 200);
+}
+
+TEST_F(BTManager, StartUpReadsTheHomeFilesAsFilesWhateverTheKeywordMode) {
+    // fileBasedKeywordMode stays 0: start-up still reads the two files of the agent home.
+    home_.write("BTThresholdFile.txt", "/shop|11|22\n");
+    home_.write("BTRuleFile.txt", "1|2|Shop|d|FromFirst|1|-|-|-\n");
+    QVBTConfigModelInit();
+    EXPECT_EQ(bt_rule, 1);
+    BTObject* shop = name("/shop/cart/add");
+    ASSERT_NE(shop, nullptr);
+    EXPECT_STREQ(shop->bt_name, "/shop");
+    EXPECT_EQ(shop->bt_threshold.slow, 11);
+    EXPECT_EQ(shop->bt_threshold.very_slow, 22);
+
+    // A source delivered later in this mode is rule text, not a path.
+    char text[] = "1|2|Two|d|FromFirst|2|-|-|-\n";
+    qvbt_read_rule_file(text);
+    EXPECT_STREQ(name("/x/y/z")->bt_name, "/x/y");
+}
+
+TEST_F(BTManager, PatternNamingExclusionAndIdsPastTheMonitorArray) {
+    fileMode();
+    home_.write("BTRuleFile.txt",
+                "7|Cart|5|0|/cart|0\n7|Static|6|1|/static|1\n7|Api|7|1|/api/*/v|0\n7|Big|500|1|/big|0\n"
+                "7|CartAgain|8|0|/cart|0\n");
+    QVBTConfigModelInit();
+    ASSERT_EQ(bt_rule, 7);
+    EXPECT_EQ(QVBTMonitor.aggDataArraySize, 128);
+    BTObject* cart = name("/cart", "a=b");
+    ASSERT_NE(cart, nullptr);
+    EXPECT_STREQ(cart->bt_name, "Cart");
+    EXPECT_EQ(cart->bt_id, 5);
+    EXPECT_EQ(QVBTMonitor.aggBTDataArr[5].tlBTObj, cart);
+    EXPECT_EQ(name("/cart", ""), cart);         // first rule for a pattern wins
+    EXPECT_EQ(name("/static/x.css"), nullptr);  // excluded
+    EXPECT_STREQ(name("/api/x/v")->bt_name, "Api");
+    EXPECT_EQ(name("/big/x"), nullptr);  // id 500 is past the array: no object
+    EXPECT_EQ(QVBTMonitor.aggDataArraySize, 128);
+    BTObject* others = name("/nothing");
+    ASSERT_NE(others, nullptr);
+    EXPECT_STREQ(others->bt_name, "Others");
+    EXPECT_EQ(others->bt_id, 1);
+    EXPECT_EQ(name("/cart\x01"), others);  // non-printable: Others
+    // Pattern BTs get no metadata record here.
+    EXPECT_EQ(countOf(records(), "7,5,"), 0);
+}
+
+TEST_F(BTManager, HeaderRuleFallsBackToGlobalRuleWithoutHeaderValue) {
+    QVBTConfigModelInit();
+    char line[] = "10|X-BT-Name";
+    ASSERT_EQ(parse_header_rule(line), 0);
+    char noBar[] = "nobar";
+    EXPECT_EQ(parse_header_rule(noBar), -1);
+    EXPECT_STREQ(getBTHeaderName(), "X-BT-Name");
+    EXPECT_STREQ(name("/h/i/j", nullptr, "hv")->bt_name, "/h/i");  // no headerValue: inactive
+    snprintf(header_rule->headerValue, sizeof(header_rule->headerValue), "on");
+    EXPECT_STREQ(name("/h/i/j", nullptr, "hv")->bt_name, "hv");
+    EXPECT_STREQ(name("/k/l/m", nullptr, nullptr)->bt_name, "/k/l");
+}
+
+// Many threads name overlapping URL sets (more names than identifiers): every name maps to one
+// object with one identifier, identifiers are unique and in 2..max, one metadata record each.
+TEST_F(BTConcurrency, OverlappingNamesGetOneObjectAndOneId) {
+    QVBTConfigModelInit();
+    constexpr int kThreads = 8;
+    constexpr int kUrls = 300;
+    std::vector<std::map<std::string, BTObject*>> seen(kThreads);
+    std::vector<std::thread> ts;
+    apr_pool_t* pool = nullptr;
+    ASSERT_EQ(apr_pool_create(&pool, nullptr), APR_SUCCESS);
+    std::vector<apr_thread_mutex_t*> locks(kThreads);
+    for (auto& l : locks) ASSERT_EQ(apr_thread_mutex_create(&l, APR_THREAD_MUTEX_NESTED, pool), APR_SUCCESS);
+    for (int t = 0; t < kThreads; ++t) {
+        ts.emplace_back([&, t] {
+            for (int round = 0; round < 3; ++round) {
+                for (int k = 0; k < kUrls; ++k) {
+                    const int u = (k * 7 + t * 37 + round * 11) % kUrls;
+                    const std::string url = "/c" + std::to_string(u) + "/p/q";
+                    BTObject* o = get_obj_from_bt_name(url.c_str(), "q=1", nullptr, locks[t]);
+                    ASSERT_NE(o, nullptr);
+                    auto [it, fresh] = seen[t].emplace(url, o);
+                    if (!fresh) {
+                        ASSERT_EQ(it->second, o);
+                    }
+                }
+            }
+        });
+    }
+    for (auto& th : ts) th.join();
+
+    std::map<int, std::string> byId;
+    int othersUrls = 0;
+    for (const auto& [url, o] : seen[0]) {
+        for (int t = 1; t < kThreads; ++t) ASSERT_EQ(seen[t].at(url), o) << url;
+        if (o->bt_id == 1) {
+            ++othersUrls;
+            continue;
+        }
+        EXPECT_GE(o->bt_id, 2);
+        EXPECT_LE(o->bt_id, 256);
+        EXPECT_EQ(url.substr(0, url.size() - 2), o->bt_name);
+        EXPECT_TRUE(byId.emplace(o->bt_id, o->bt_name).second) << "id " << o->bt_id << " given twice";
+        EXPECT_EQ(find_bt_obj_in_manager_map(o->bt_name), o);
+    }
+    EXPECT_EQ(byId.size(), 255u);
+    EXPECT_EQ(othersUrls, kUrls - 255);
+    const std::string recs = records();
+    EXPECT_EQ(countOf(recs, "7,1,Others\n"), 1);
+    for (const auto& [id, n] : byId)
+        EXPECT_EQ(countOf(recs, "7," + std::to_string(id) + "," + n + "\n"), 1) << n;
+    apr_pool_destroy(pool);
+}

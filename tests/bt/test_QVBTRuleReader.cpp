@@ -1,0 +1,265 @@
+// BT rule and threshold readers: the three passes, field rules, limits and messages, bad input,
+// and requests named by custom rules.
+#include "bt/QVBTRuleReader.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "bt/QVBTManager.h"
+#include "bt/QVBTMonitor.h"
+#include "collector/QVDataDispatcher.h"
+#include "core/QVBCISettings.h"
+#include "core/qv_agent.h"
+#include "foundation/qvlb_mt_log.h"
+#include "qvbt/qvbt_custom_rule.h"
+#include "qvbt/qvbt_rule_execute.h"
+#include "support/temp_home.h"
+
+namespace {
+
+class RuleReader : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        memset(&app_, 0, sizeof(app_));
+        qvApplication = &app_;
+        homePath_ = home_.path();
+        app_.QVSys.qvHomePath = homePath_.data();
+        app_.QVSys.btMonitorTraceLevel = 1;
+        app_.QVSys.controlTraceLevel = 1;
+        trace_log_key = qvlb_init_mt_trace_log_ex(home_.path().c_str(), "bt", 1, 10);
+        qvbt_bt_maps_init();
+        QVBTMonitorInit();
+    }
+    void TearDown() override {
+        qvbt_manager_reset_for_test();
+        qv_data_dispatcher_reset_for_test();
+        qvlb_trace_log_reset_for_test();
+        qvApplication = nullptr;
+    }
+    int readRules(std::string text) { return qvbt_read_rule_file(text.data()); }
+    int readThresholds(std::string text) { return qvbt_read_threshold_file(text.data()); }
+    std::string log() const { return home_.read("bt_0"); }
+    std::string btName(const char* url, const char* query = nullptr) {
+        BTObject* o = get_obj_from_bt_name(url, query, nullptr, nullptr);
+        return o ? o->bt_name : "(excluded)";
+    }
+
+    TempAgentHome home_;
+    std::string homePath_;
+    QVProxyInstance_t app_;
+};
+
+}  // namespace
+
+TEST_F(RuleReader, CommentsOnlySourceFallsBackToDefaultRule) {
+    app_.QVBCISetting.fileBasedKeywordMode = '1';
+    home_.write("BTRuleFile.txt", "# rules\n#1|1|x|y|FromFirst|1|-|-|-\n\n");
+    QVBTConfigModelInit();
+    EXPECT_EQ(bt_rule, 0);
+    EXPECT_EQ(btName("/a/b/c"), "/a/b");
+    EXPECT_NE(log().find("After btrule file parsing, applicable bt rule = 0."), std::string::npos);
+}
+
+TEST_F(RuleReader, PassesSizeBeforePatternsAndPatternsWinOverGlobalRule) {
+    // The size line comes after the patterns and still sizes the automaton.
+    readRules("7|P1|5|0|/p1|0\n1|2|n|d|FromFirst|1|-|-|-\n5|300\n4|-3\n3|whatever\n8|m|x\n11|body\n");
+    EXPECT_EQ(bt_rule, 7);
+    ASSERT_NE(stateMachine, nullptr);
+    EXPECT_EQ(stateMachine->max_state, 300);
+    EXPECT_EQ(global_rule, nullptr);  // pass 3 does not run
+    EXPECT_EQ(skipCount, 0);          // negative skip taken as 0
+    EXPECT_EQ(btName("/p1"), "P1");
+    EXPECT_NE(log().find("BT rule type 8 is not supported"), std::string::npos);
+    EXPECT_NE(log().find("BT rule type 11 is not supported"), std::string::npos);
+
+    // A later read without patterns replaces them; the first "1|" line is the one parsed.
+    readRules("1|2|n|d|FromLast|1|-|-|-\n1|1|n|d|FromFirst|1|-|-|-\n");
+    EXPECT_EQ(bt_rule, 1);
+    EXPECT_EQ(btName("/a/b/c"), "/c");  // FromLast, 1 segment: the last segment with its '/'
+}
+
+TEST_F(RuleReader, GlobalRuleFieldsAndShortLine) {
+    char shortLine[] = "1|1|n|d|FromFirst|1|-|-";
+    EXPECT_EQ(parse_global_rule(shortLine), 0);
+    ASSERT_NE(global_rule, nullptr);
+    EXPECT_EQ(global_rule->rule_mode, 4);  // the default line: two segments + request header
+    EXPECT_EQ(global_rule->seg_type, 6);
+    EXPECT_STREQ(global_rule->header, "CustomeHeader");
+    EXPECT_EQ(global_rule->include_uri_in_name_segment, 2);
+    EXPECT_NE(
+        log().find(
+            "Number of fields in BTRule File for Global rule is less than 8, Hence applying Default rule"),
+        std::string::npos);
+
+    char param[] = "1|2|n|d|FromFirst|1|Request-Parameter-Value|id|-|extra|more";
+    parse_global_rule(param);
+    EXPECT_EQ(global_rule->rule_mode, 4);
+    EXPECT_EQ(global_rule->seg_type, 5);
+    EXPECT_STREQ(global_rule->parameter_at_start, "id=");
+    EXPECT_STREQ(global_rule->parameter_at_end, "&id=");
+    EXPECT_EQ(global_rule->parameter_at_end_len, 4);
+
+    char segs[] = "1|1|n|d|neither|-|Request-URI-Segments-Numbers|2,x,,1|-";
+    parse_global_rule(segs);
+    EXPECT_EQ(global_rule->rule_mode, 3);
+    EXPECT_EQ(global_rule->include_uri_in_name_order, 0);
+    EXPECT_EQ(global_rule->include_uri_in_name_segment, 0);
+    ASSERT_EQ(global_rule->uri_seg_no_list_length, 3);
+    EXPECT_EQ(global_rule->uri_seg_no_list[0], 2);
+    EXPECT_EQ(global_rule->uri_seg_no_list[1], 0);
+    EXPECT_EQ(global_rule->uri_seg_no_list[2], 1);
+}
+
+TEST_F(RuleReader, PatternLineErrors) {
+    int first = 1;
+    char few[] = "7|a|3|0|/a";
+    EXPECT_EQ(parse_pattern_rule(few, &first), -1);
+    EXPECT_NE(log().find("Number of fields in BTRule File for pattern based is  < 6, hence BTname = others"),
+              std::string::npos);
+    char comment[] = "#7|a|3|0|/a|0";
+    EXPECT_EQ(parse_pattern_rule(comment, &first), -1);
+    char mode3[] = "7|a|3|0|/a|0|3|p=1";
+    EXPECT_EQ(parse_pattern_rule(mode3, &first), -1);
+    EXPECT_NE(log().find("num_fields = 8 is equal to 8 but less than 9"), std::string::npos);
+    EXPECT_EQ(first, 1);
+    // Bad patterns do not put pattern naming in force.
+    readRules("7|a|3|0|/a\x01|0\n7|b|4|0\n");
+    EXPECT_EQ(bt_rule, 0);
+    EXPECT_EQ(stateMachine, nullptr);
+    // Parameter mode: URL, anything, parameter text, anything.
+    readRules("7|Q|9|0|/q|0|1|mode=x|-\n");
+    EXPECT_EQ(bt_rule, 7);
+    EXPECT_EQ(btName("/q", "a=1&mode=x&b=2"), "Q");
+    EXPECT_EQ(btName("/q", "a=1"), "Others");
+}
+
+TEST_F(RuleReader, ThresholdLines) {
+    EXPECT_EQ(qvbt_read_threshold_file(nullptr), -1);
+    EXPECT_EQ(readThresholds(""), -1);
+    readThresholds("ALL|100|100\r\nALL|0|50\nx|1\n#ALL|1|2\n/ok|5|6\r\n/bad|9|8\n/neg|-1|5\nall|70|90\r\n");
+    EXPECT_EQ(allSlow, 70);
+    EXPECT_EQ(allVerySlow, 90);
+    const std::string l = log();
+    EXPECT_NE(l.find("Invalid values: slow '100' >= very slow '100'"), std::string::npos);
+    EXPECT_NE(l.find("Invalid value(s): slow '0', very slow '50'"), std::string::npos);
+    EXPECT_NE(l.find("Invalid threshold line = 'x|1', num_fields = 2"), std::string::npos);
+    BTObject* ok = find_bt_obj_in_config_map("/ok", -1, 1, 2);
+    EXPECT_EQ(ok->bt_threshold.slow, 5);
+    EXPECT_EQ(ok->bt_threshold.very_slow, 6);
+    EXPECT_EQ(ok->bt_id, 0);
+    EXPECT_EQ(find_bt_obj_in_manager_map("/ok"), nullptr);
+    EXPECT_EQ(find_bt_obj_in_config_map("/bad", -1, 1, 2)->bt_threshold.slow, 1);  // made only now
+}
+
+TEST_F(RuleReader, LineAndFileLimits) {
+    std::string text = std::string(1023, 'a') + "\n" + std::string(1030, 'b') + "\r\nlast";
+    char* cur = text.data();
+    char line[1024];
+    ASSERT_NE(getNextLine(line, sizeof(line), &cur), nullptr);
+    EXPECT_EQ(std::string(line), std::string(1023, 'a'));
+    ASSERT_NE(getNextLine(line, sizeof(line), &cur), nullptr);
+    EXPECT_EQ(std::string(line), std::string(1023, 'b'));  // cut; the rest of the line is skipped
+    ASSERT_NE(getNextLine(line, sizeof(line), &cur), nullptr);
+    EXPECT_STREQ(line, "last");
+    EXPECT_EQ(getNextLine(line, sizeof(line), &cur), nullptr);
+    char small[4];
+    cur = text.data();
+    ASSERT_NE(getNextLine(small, sizeof(small), &cur), nullptr);
+    EXPECT_STREQ(small, "aaa");
+    EXPECT_EQ(getNextLine(nullptr, 4, &cur), nullptr);
+
+    char buf[1024];
+    home_.write("fits.txt", std::string(1022, 'x') + "\n");
+    EXPECT_EQ(getLineFromFile(home_.file("fits.txt").c_str(), buf), 0);
+    EXPECT_EQ(strlen(buf), 1023u);
+    home_.write("big.txt", std::string(1024, 'x'));
+    EXPECT_EQ(getLineFromFile(home_.file("big.txt").c_str(), buf), -1);
+    EXPECT_STREQ(buf, "");
+    EXPECT_NE(log().find("Error in opening file " + home_.file("big.txt")), std::string::npos);
+    EXPECT_EQ(getLineFromFile(home_.file("missing.txt").c_str(), buf), -1);
+    EXPECT_EQ(getLineFromFile(nullptr, buf), -1);
+
+    // A refused rule file reads as a source without lines.
+    app_.QVBCISetting.fileBasedKeywordMode = '1';
+    home_.write("BTRuleFile.txt", "1|1|n|d|FromFirst|1|-|-|-\n" + std::string(1100, '#'));
+    EXPECT_EQ(qvbt_read_rule_file(const_cast<char*>(home_.file("BTRuleFile.txt").c_str())), 0);
+    EXPECT_EQ(bt_rule, 0);
+    app_.QVBCISetting.fileBasedKeywordMode = '0';  // the character '0' means text mode
+    readRules("1|1|n|d|FromFirst|1|-|-|-\n");
+    EXPECT_EQ(bt_rule, 1);
+}
+
+TEST_F(RuleReader, CustomRulesNameRequests) {
+    readRules(
+        "2|2|r1|CheckoutBT|d|1|5|[input1=startswith&&input2=/checkout]|-\n"
+        "2|3|r2|ParamBT|d|1|1|[input1=checkForValue&&input2=id&&input3=EQUALS&&input4=7],[input1="
+        "checkForExistance"
+        "&&input2=debug]|-\n"
+        "2|1|r3|Posts|d|1|9|POST|-\n"
+        "2|2|r4|NotApi|d|1|8|[input1=startswith && input2=/api && input3=ActivateReverseCondition]|-\n"
+        "2|2|r5|Disabled|d|0|0|[input1=contains&&input2=/]|-\n"
+        "2|2|r6|Bad|d|1|0|[input1=contains&&input9=/]|-\n"
+        "2|2|r7|Short|d|1|0|[input1=contains]\n"
+        "2|4|r8|Mode|d|1|0|x|-\n"
+        "2|1|r9|Patch|d|1|0|PATCH|-\n"
+        "2|2|r10|NoCrit|d|1|0|-|-\n");
+    EXPECT_EQ(bt_rule, 0);
+    ASSERT_NE(trie_node, nullptr);
+    EXPECT_EQ(btName("/checkout/pay"), "CheckoutBT");
+    EXPECT_EQ(btName("/api/x", "id=7&debug"), "ParamBT");
+    EXPECT_EQ(btName("/api/x", "id=7"), "others");  // both criteria must hold
+    EXPECT_EQ(btName("/api/x"), "others");
+    EXPECT_EQ(btName("/x"), "NotApi");
+    char out[129];
+    EXPECT_STREQ(qvbt_execute_custom_rule("/api/x", nullptr, "post", out, sizeof(out)), "Posts");
+    EXPECT_STREQ(qvbt_execute_custom_rule("/api/x", nullptr, "PATCH", out, sizeof(out)), "others");
+    const std::string l = log();
+    EXPECT_NE(l.find("Number of fields in BTRule File for custom rule is != 9, Hence applying Default rule"),
+              std::string::npos);
+    EXPECT_NE(l.find("Invalid rule mode given in field 1 = 4"), std::string::npos);
+    EXPECT_NE(l.find("Match criteria not found returning in field[7] = PATCH"), std::string::npos);
+    EXPECT_NE(l.find("Match criteria not found returning in field[7] = -"), std::string::npos);
+
+    // With a pattern rule in force the custom automaton is not built.
+    readRules("2|1|r3|Posts|d|1|9|POST|-\n7|P|5|0|/p|0\n");
+    EXPECT_EQ(trie_node, nullptr);
+    EXPECT_EQ(bt_rule, 7);
+}
+
+// Bad sources: no crash (ASan/UBSan run), messages and fallbacks; naming keeps working.
+TEST_F(RuleReader, BadInputCorpus) {
+    std::string longPattern = "7|Long|3|0|/" + std::string(900, 'p') + "|0\n";
+    std::string manySegs = "1|2|n|d|FromFirst|2|Request-URI-Segments-Numbers|";
+    for (int i = 0; i < 40; ++i) manySegs += std::to_string(i % 5) + ",";
+    manySegs += "|-\n";
+    const std::string corpus[] = {
+        "",
+        "\n\n\r\n",
+        "\x01\x02|\xff\n\x7f",
+        "7|Neg|-5|0|/neg|0\n7|Huge|99999999999|0|/huge|0\n7|Max|2147483647|1|/max|0\n",
+        "5|-1\n7|A|3|0|/a|0\n",
+        "5|99999999999\n7|A|3|0|/a|0\n",
+        "5|1\n" + longPattern,
+        "4|9999\n7|A|3|0|/a|0\n",
+        "1|||||\n2|\n3\n4\n5\n7|\n",
+        "1|2|n|d|FromFirst|99999999999|-|-|-\r\n",
+        manySegs,
+        "2|3|r|N|d|1|1|[input1=checkForValue&&input2=a&&input3=bogus&&input4=1]|-\n",
+        "2|2|r|N|d|1|1|[input1=contains&&input2=|-\n",
+        "2|3|r|N|d|1|1|" + std::string(900, '[') + "|-\n",
+    };
+    for (const std::string& text : corpus) {
+        readRules(text);
+        readThresholds(text);
+        EXPECT_NE(get_obj_from_bt_name("/a/b/c", "x=1", nullptr, nullptr), nullptr) << text.substr(0, 40);
+        get_obj_from_bt_name("/neg", nullptr, nullptr, nullptr);
+        get_obj_from_bt_name(nullptr, nullptr, nullptr, nullptr);
+    }
+    readRules("7|Neg|-5|0|/neg|0\n");
+    EXPECT_EQ(btName("/neg"), "Others");  // an id below 1 counts as Others
+    readRules("5|1\n" + longPattern);
+    // Pattern and lookup text are both cut at 255 characters; the automaton grew past its 1 state.
+    EXPECT_EQ(btName(("/" + std::string(900, 'p')).c_str()), "Long");
+    EXPECT_EQ(skipCount, 0);  // each read starts from the defaults
+}

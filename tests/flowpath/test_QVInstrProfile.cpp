@@ -1,0 +1,282 @@
+// Tests of the instrumentation profile grammar and its loading into new registry generations:
+// kinds and fields, malformed lines, bad files, monitor hooks, and the start-up files.
+#include "flowpath/QVInstrProfile.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/qv_agent.h"
+#include "flowpath/QVMethodHashMap.h"
+#include "flowpath/QVPerThreadData.h"
+#include "flowpath/flowpath_module.h"
+#include "support/temp_home.h"
+
+namespace {
+
+struct Parsed {
+    int rc;
+    QVInstrProfEntry e;
+    std::string reason;
+};
+
+// The entry's views point into line, so the caller keeps it alive.
+Parsed parse(std::string_view line) {
+    Parsed p{};
+    const char* reason = nullptr;
+    p.rc = parseInstrProfLine(line, &p.e, &reason);
+    if (reason) p.reason = reason;
+    return p;
+}
+
+TEST(InstrProfGrammar, KindsFieldsAndComments) {
+    Parsed p = parse(" entry + monitor | App::handle | Handle \r");
+    ASSERT_EQ(p.rc, 1);
+    EXPECT_EQ(p.e.kinds, QV_PROF_ENTRY | QV_PROF_MONITOR);
+    EXPECT_EQ(p.e.methodName, "App::handle");
+    EXPECT_EQ(p.e.alias, "Handle");
+    EXPECT_TRUE(p.e.target.empty());
+
+    p = parse("custom|Cache::get||Redis");
+    ASSERT_EQ(p.rc, 1);
+    EXPECT_EQ(p.e.kinds, QV_PROF_CUSTOM);
+    EXPECT_TRUE(p.e.alias.empty());
+    EXPECT_EQ(p.e.target, "Redis");
+
+    p = parse("db+forceexit+db|PDO::query");
+    ASSERT_EQ(p.rc, 1);
+    EXPECT_EQ(p.e.kinds, QV_PROF_DB | QV_PROF_FORCE_EXIT);
+
+    EXPECT_EQ(parse("").rc, 0);
+    EXPECT_EQ(parse(" \t ").rc, 0);
+    EXPECT_EQ(parse("  # entry|X").rc, 0);
+    EXPECT_EQ(parse("\r").rc, 0);
+}
+
+TEST(InstrProfGrammar, MalformedLinesGiveTheirReason) {
+    const std::vector<std::pair<std::string, std::string>> bad = {
+        {"entry", "missing method name"},
+        {"entry|", "empty method name"},
+        {"entry|  |Alias", "empty method name"},
+        {"|App::x", "empty kind"},
+        {"entry+|App::x", "empty kind"},
+        {"Entry|App::x", "unknown kind"},
+        {"service|App::x", "unknown kind"},
+        {"http+db|App::x", "http and db on one method"},
+        {"forceentry+forceexit|App::x", "forceentry and forceexit on one method"},
+        {"custom|App::x", "custom callout without target"},
+        {"custom|App::x|Alias|", "custom callout without target"},
+        {"entry|App::x|Alias|Target", "target given without custom"},
+        {"custom|App::x|Alias|Target|more", "too many fields"},
+        {"entry|App::x\x01", "non-printable character"},
+        {std::string("entry|App::\0x", 13), "non-printable character"},
+        {"entry|App::x\x7f", "non-printable character"},
+        {"entry|App::x\r\r", "non-printable character"},
+        {"entry|" + std::string(QV_INSTR_PROF_MAX_LINE, 'm'), "line too long"},
+    };
+    for (const auto& [line, reason] : bad) {
+        Parsed p = parse(line);
+        EXPECT_EQ(p.rc, -1) << line;
+        EXPECT_EQ(p.reason, reason) << line;
+    }
+    // The longest allowed line is accepted.
+    EXPECT_EQ(parse("entry|" + std::string(QV_INSTR_PROF_MAX_LINE - 6, 'm')).rc, 1);
+    QVInstrProfEntry e{};
+    const char* reason = nullptr;
+    EXPECT_EQ(parseInstrProfLine("entry|x", nullptr, &reason), -1);
+    EXPECT_EQ(parseInstrProfLine("entry|x", &e, nullptr), -1);
+}
+
+// Monitor hooks as the monitors would install them.
+struct Hooks {
+    static inline std::vector<std::string> monitored;
+    static inline std::vector<std::string> backends;
+    static inline int counter = 0;
+    static inline int max = 100;
+    static void method(methodPropProperties* m) { monitored.push_back(m->methodName); }
+    static void backend(methodPropProperties* m) { backends.push_back(m->methodName); }
+    static void increment() { counter++; }
+    static int limit(int* m, int* c) {
+        *m = max;
+        *c = counter;
+        return counter >= max;
+    }
+    static void install() {
+        monitored.clear();
+        backends.clear();
+        counter = 0;
+        qvMethodRegistryHooks.checkAndIncrementAggrMethodDataArray = method;
+        qvMethodRegistryHooks.checkAndIncrementAggrBackendDataArray = backend;
+        qvMethodRegistryHooks.incrementBackendCounter = increment;
+        qvMethodRegistryHooks.backendLimitReached = limit;
+    }
+};
+
+class ProfileLoad : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        home_ = std::make_unique<TempAgentHome>();
+        agent_init("proftest", 0, "proftest", nullptr);
+        ASSERT_NE(qvApplication, nullptr);
+        qvApplication->QVSys.fpTraceLevel = 1;
+        ASSERT_EQ(initMethodRegistry(), 0);
+        Hooks::install();
+        Hooks::max = 100;
+    }
+    void TearDown() override {
+        qvMethodRegistryResetForTest();
+        qv_agent_reset_for_test();
+        home_.reset();
+    }
+    static methodPropProperties* find(const char* n) { return getMethodPropFromMethodName(n, nullptr); }
+    std::unique_ptr<TempAgentHome> home_;
+};
+
+TEST_F(ProfileLoad, FileLoadsIntoNewGenerationAndSkipsMalformedLines) {
+    home_->write("prof.conf",
+                 "# instrumentation profile\r\n"
+                 "entry+monitor|App::handle|Handle\r\n"
+                 "http|Curl::exec\n"
+                 "bogus|App::x\n"
+                 "db+forceentry|PDO::query|Query\n"
+                 "\n"
+                 "custom+monitor|Cache::get|CacheGet|RedisCache\n"
+                 "custom|App::x\n"
+                 "entry|App::last");  // no final newline
+    auto fp = std::make_unique<QVPerThreadData_t>();
+    saveNodeAndIncrementMethodRefCount(fp.get());  // a running flowpath holds the first generation
+    node_t* before = methodHashMapNode;
+
+    EXPECT_EQ(readInstrProfFile(home_->file("prof.conf").c_str()), 5);
+    ASSERT_NE(methodHashMapNode, before);
+    EXPECT_EQ(getRetiredMethodHashMapCount(), 1);  // held, so not swept
+
+    methodPropProperties* handle = find("App::handle");
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(handle->isEntryPoint, QV_EP_SERVICE | QV_EP_MONITORED);
+    EXPECT_STREQ(handle->aliasMethodName, "Handle");
+    methodPropProperties* curl = find("Curl::exec");
+    ASSERT_NE(curl, nullptr);
+    EXPECT_EQ(curl->isEntryPoint, QV_EP_CALLOUT);
+    EXPECT_EQ(curl->type, 1);
+    EXPECT_EQ(curl->aliasMethodName, nullptr);
+    methodPropProperties* pdo = find("PDO::query");
+    ASSERT_NE(pdo, nullptr);
+    EXPECT_EQ(pdo->type, 2);
+    EXPECT_EQ(pdo->callOutValue, 1);
+    methodPropProperties* cache = find("Cache::get");
+    ASSERT_NE(cache, nullptr);
+    EXPECT_EQ(cache->isEntryPoint, QV_EP_CUSTOM_CALLOUT | QV_EP_MONITORED);
+    ASSERT_NE(cache->customCalloutptr, nullptr);
+    EXPECT_STREQ(cache->customCalloutptr->methodName, "RedisCache");
+    EXPECT_STREQ(cache->customCalloutName, "RedisCache");
+    EXPECT_EQ(find("RedisCache"), cache->customCalloutptr);
+    EXPECT_EQ(find("App::x"), nullptr);
+    ASSERT_NE(find("App::last"), nullptr);
+    // Profile methods are in the new generation's profile map; the old generation lacks them.
+    EXPECT_NE(apr_hash_get(methodHashMapNode->ptr, "PDO::query", APR_HASH_KEY_STRING), nullptr);
+    EXPECT_EQ(getMethodPropFromMethodName("PDO::query", before), nullptr);
+
+    EXPECT_EQ(Hooks::monitored, (std::vector<std::string>{"App::handle", "Cache::get"}));
+    // The custom target is counted once as a new backend; callouts and target get room after the load.
+    EXPECT_EQ(Hooks::counter, 1);
+    EXPECT_EQ(Hooks::backends, (std::vector<std::string>{"Curl::exec", "PDO::query", "RedisCache"}));
+
+    const std::string log = home_->traceLogs();
+    EXPECT_NE(log.find("Malformed line 4 of '" + home_->file("prof.conf") + "': unknown kind; line skipped"),
+              std::string::npos);
+    EXPECT_NE(log.find("Malformed line 8 of"), std::string::npos);
+    EXPECT_NE(log.find("custom callout without target"), std::string::npos);
+
+    // Once the flowpath lets go, the next load sweeps its generation.
+    qvDecrementMethodRefCount(fp->hasMapNodePtr);
+    EXPECT_EQ(readInstrProfFileRTC("entry|App::more\n", 16), 1);
+    EXPECT_EQ(getRetiredMethodHashMapCount(), 0);
+    EXPECT_EQ(find("App::more")->isEntryPoint, QV_EP_SERVICE);
+}
+
+TEST_F(ProfileLoad, ReloadIsAdditiveAndReplacesAliases) {
+    ASSERT_EQ(readInstrProfFileRTC("entry|App::h|Old\n", 17), 1);
+    methodPropProperties* h = find("App::h");
+    const char* oldAlias = h->aliasMethodName;
+    const int id = h->methodId;
+    ASSERT_EQ(readingEntryPointfile(nullptr), -1);
+    home_->write("ep.conf", "monitor|App::h|New\nmonitor|App::h\n");
+    ASSERT_EQ(readingEntryPointfile(home_->file("ep.conf").c_str()), 2);
+    EXPECT_EQ(find("App::h"), h);
+    EXPECT_EQ(h->methodId, id);
+    EXPECT_EQ(h->isEntryPoint, QV_EP_SERVICE | QV_EP_MONITORED);
+    EXPECT_STREQ(h->aliasMethodName, "New");
+    // A reader that still held the old alias may go on using it.
+    EXPECT_STREQ(oldAlias, "Old");
+}
+
+TEST_F(ProfileLoad, CustomTargetPastTheBackendMaximumIsOthers) {
+    Hooks::max = 0;
+    ASSERT_EQ(readInstrProfFileRTC("custom|App::c||Far\n", 19), 1);
+    methodPropProperties* c = find("App::c");
+    ASSERT_NE(c->customCalloutptr, nullptr);
+    EXPECT_STREQ(c->customCalloutptr->methodName, "Others");
+    EXPECT_STREQ(c->customCalloutName, "Others");
+    EXPECT_EQ(find("Far"), nullptr);
+}
+
+TEST_F(ProfileLoad, BadFilesLeaveTheRegistryAsItWas) {
+    node_t* before = methodHashMapNode;
+    EXPECT_EQ(readInstrProfFile(home_->file("missing.conf").c_str()), -1);
+    EXPECT_EQ(readInstrProfFile(""), -1);
+    home_->write("huge.conf", std::string(QV_INSTR_PROF_MAX_FILE + 1, '#'));
+    EXPECT_EQ(readInstrProfFile(home_->file("huge.conf").c_str()), -1);
+    EXPECT_EQ(methodHashMapNode, before);
+    EXPECT_EQ(hashMapForAgent(nullptr, 0, nullptr, "x"), -1);
+    EXPECT_EQ(readInstrProfFileRTC(nullptr, 0), -1);
+
+    // Empty files and files of nothing but noise load nothing, yet make a generation (the
+    // first one is held so its address cannot come back).
+    auto fp = std::make_unique<QVPerThreadData_t>();
+    saveNodeAndIncrementMethodRefCount(fp.get());
+    home_->write("empty.conf", "");
+    EXPECT_EQ(readInstrProfFile(home_->file("empty.conf").c_str()), 0);
+    EXPECT_NE(methodHashMapNode, before);
+    home_->write("noise.conf", std::string("\0\0\n\x01\x02\n|||\n++|x\n\r\n", 17));
+    EXPECT_EQ(readInstrProfFile(home_->file("noise.conf").c_str()), 0);
+    EXPECT_EQ(getRetiredMethodHashMapCount(), 1);
+    qvDecrementMethodRefCount(fp->hasMapNodePtr);
+    EXPECT_EQ(checkAndDeleteNode(), 1);
+}
+
+TEST_F(ProfileLoad, HashMapForAgentFillsAGivenGeneration) {
+    home_->write("p.conf", "entry|Direct::one\n");
+    EXPECT_EQ(readingFileInstrProfile(home_->file("p.conf").c_str(), methodHashMapNode), 1);
+    EXPECT_EQ(readingFileInstrProfile(home_->file("nope.conf").c_str(), nullptr), -1);
+    EXPECT_EQ(hashMapForAgent("monitor|Direct::two\nbad\n", 24, nullptr, "text"), 1);
+    EXPECT_EQ(find("Direct::one")->isEntryPoint, QV_EP_SERVICE);
+    EXPECT_EQ(Hooks::monitored, (std::vector<std::string>{"Direct::two"}));
+    EXPECT_EQ(getRetiredMethodHashMapCount(), 0);
+}
+
+TEST(ProfileStartup, DefaultFilesAreLoadedByAgentInit) {
+    TempAgentHome home;
+    home.write("config/entrypoints.conf", "entry|Front::dispatch|Dispatch\n");
+    home.write("config/instrprofile.conf", "db|mysqli::query\nbad line\n");
+    qv_flowpath_register_hooks();
+    agent_init("starttest", 1, "starttest", nullptr);
+    ASSERT_NE(DefaultMethod, nullptr);
+    methodPropProperties* d = getMethodPropFromMethodName("Front::dispatch", nullptr);
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d->isEntryPoint, QV_EP_SERVICE);
+    EXPECT_STREQ(d->aliasMethodName, "Dispatch");
+    methodPropProperties* q = getMethodPropFromMethodName("mysqli::query", nullptr);
+    ASSERT_NE(q, nullptr);
+    EXPECT_EQ(q->type, 2);
+    // One new generation for both files; the first was swept.
+    EXPECT_EQ(getRetiredMethodHashMapCount(), 0);
+    EXPECT_EQ(DefaultMethod->methodId, QV_FIRST_METHOD_ID);
+    qvMethodRegistryResetForTest();
+    qv_flowpath_pool_reset_for_test();
+    qv_agent_reset_for_test();
+}
+
+}  // namespace

@@ -1,0 +1,392 @@
+// Tests of the method registry: find-or-create and ids, generations sharing records, the three
+// resets, reference counts and sweeping, the "Others" fold-over, the method metadata record, and
+// DefaultMethod after start-up.
+#include "flowpath/QVMethodHashMap.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "collector/QVDataDispatcher.h"
+#include "core/qv_agent.h"
+#include "flowpath/QVPerThreadData.h"
+#include "flowpath/flowpath_module.h"
+#include "foundation/qvlb_atomic.h"
+#include "support/temp_home.h"
+
+namespace {
+
+class Registry : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        home_ = std::make_unique<TempAgentHome>();
+        agent_init("regtest", 0, "regtest", nullptr);
+        ASSERT_NE(qvApplication, nullptr);
+        qvApplication->QVSys.fpTraceLevel = 4;
+        ASSERT_EQ(initMethodRegistry(), 0);
+    }
+    void TearDown() override {
+        qv_data_dispatcher_reset_for_test();
+        qvMethodRegistryResetForTest();
+        qv_agent_reset_for_test();
+        home_.reset();
+    }
+    static methodPropProperties* get(const char* name) {
+        std::string n = name;
+        return searchAndUpdateMethodHashMap(n.data(), nullptr, 0, 0, static_cast<int>(n.size() + 1));
+    }
+    static int refCount(node_t* n) {
+        QVMethodHashMapGuard g;
+        return n->ref_count;
+    }
+    std::unique_ptr<TempAgentHome> home_;
+};
+
+TEST_F(Registry, FindOrCreateHandsOutIdsInCreationOrder) {
+    ASSERT_NE(DefaultMethod, nullptr);
+    EXPECT_STREQ(DefaultMethod->methodName, "Profiler.Korlund.BeginRequest");
+    EXPECT_EQ(DefaultMethod->methodId, QV_FIRST_METHOD_ID);
+    EXPECT_EQ(DefaultMethod->isEntryPoint & QV_EP_SERVICE, QV_EP_SERVICE);
+
+    methodPropProperties* a = get("App::a");
+    methodPropProperties* b = get("App::b");
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(a->methodId, QV_FIRST_METHOD_ID + 1);
+    EXPECT_EQ(b->methodId, QV_FIRST_METHOD_ID + 2);
+    EXPECT_EQ(get("App::a"), a);
+    EXPECT_EQ(getMethodPropFromMethodName("App::b", nullptr), b);
+    EXPECT_EQ(getMethodPropFromMethodName("App::none", nullptr), nullptr);
+    EXPECT_EQ(qv_load(methodId), QV_FIRST_METHOD_ID + 3);
+
+    // Bad input creates nothing.
+    EXPECT_EQ(searchAndUpdateMethodHashMap(nullptr, nullptr, 1, 0), nullptr);
+    char empty[8] = "";
+    EXPECT_EQ(searchAndUpdateMethodHashMap(empty, nullptr, 1, 0), nullptr);
+    EXPECT_EQ(getMethodPropFromMethodName(nullptr, nullptr), nullptr);
+    EXPECT_EQ(updateMethodHashMap("", 0, 0, nullptr), nullptr);
+    EXPECT_EQ(qv_load(methodId), QV_FIRST_METHOD_ID + 3);
+    // A second create of a known name keeps the one record.
+    EXPECT_EQ(updateMethodHashMap("App::a", 1, 2, nullptr), a);
+    EXPECT_EQ(a->type, 0);
+}
+
+TEST_F(Registry, GenerationsShareRecordsAndIdsKeepIncreasing) {
+    node_t* g1 = methodHashMapNode;
+    methodPropProperties* a = get("A");
+    ASSERT_EQ(makeHashmapCopyAndaddToLL(0), 0);
+    node_t* g2 = methodHashMapNode;
+    ASSERT_NE(g1, g2);
+    EXPECT_EQ(getMethodPropFromMethodName("A", g2), a);
+    methodPropProperties* b = get("B");
+    EXPECT_EQ(b->methodId, a->methodId + 1);
+    EXPECT_EQ(getMethodPropFromMethodName("B", g1), nullptr);
+
+    // A flowpath still on g1 meeting a name the current generation knows shares that record, and
+    // a name it creates through g1 is known to the current generation too.
+    std::string bName = "B";
+    EXPECT_EQ(searchAndUpdateMethodHashMap(bName.data(), g1, 0, 0, 2), b);
+    std::string cName = "C";
+    methodPropProperties* c = searchAndUpdateMethodHashMap(cName.data(), g1, 0, 0, 2);
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(c->methodId, b->methodId + 1);
+    EXPECT_EQ(get("C"), c);
+    EXPECT_NE(home_->traceLogs().find("Added to linklist and make copy., methodHashMapNode = "),
+              std::string::npos);
+}
+
+TEST_F(Registry, ResetTypesClearTheirFields) {
+    methodPropProperties* plain = get("plain");
+    methodPropProperties* entry = get("entry");
+    methodPropProperties* forced = get("forced");
+    methodPropProperties* callout = get("callout");
+    auto dirty = [&] {
+        for (methodPropProperties* m : {plain, entry, forced, callout}) {
+            m->usedFlag = 1;
+            m->instrumentationStatus = 5;
+            m->instrumentationProp = 7;
+        }
+        plain->isEntryPoint = 0;
+        plain->callOutValue = 0;
+        entry->isEntryPoint = QV_EP_SERVICE | QV_EP_MONITORED;
+        forced->isEntryPoint = 0;
+        forced->callOutValue = 1;
+        callout->isEntryPoint = QV_EP_CALLOUT | QV_EP_MONITORED | QV_EP_CUSTOM_CALLOUT;
+        callout->callOutValue = 4;
+        callout->type = 2;
+    };
+
+    dirty();
+    ASSERT_EQ(makeHashmapCopyAndaddToLL(1), 0);
+    for (methodPropProperties* m : {plain, entry, forced, callout}) {
+        EXPECT_EQ(m->usedFlag, 0);
+        EXPECT_EQ(m->instrumentationStatus, 0);
+    }
+    EXPECT_EQ(plain->instrumentationProp, 3);
+    EXPECT_EQ(entry->instrumentationProp, 7);
+    EXPECT_EQ(forced->instrumentationProp, 7);
+    EXPECT_EQ(callout->instrumentationProp, 7);
+
+    dirty();
+    ASSERT_EQ(makeHashmapCopyAndaddToLL(2), 0);
+    EXPECT_EQ(entry->usedFlag, 0);
+    EXPECT_EQ(entry->isEntryPoint, QV_EP_SERVICE);
+    EXPECT_EQ(callout->isEntryPoint, QV_EP_CALLOUT | QV_EP_CUSTOM_CALLOUT);
+    EXPECT_EQ(callout->type, 2);
+    EXPECT_EQ(callout->instrumentationStatus, 5);
+
+    dirty();
+    ASSERT_EQ(makeHashmapCopyAndaddToLL(3), 0);
+    EXPECT_EQ(callout->usedFlag, 0);
+    EXPECT_EQ(callout->isEntryPoint, QV_EP_MONITORED | QV_EP_CUSTOM_CALLOUT);
+    EXPECT_EQ(callout->callOutValue, 0);
+    EXPECT_EQ(callout->type, 0);
+    EXPECT_EQ(forced->callOutValue, 0);
+    EXPECT_EQ(entry->isEntryPoint, QV_EP_SERVICE | QV_EP_MONITORED);
+    // The records stay shared: every method keeps its id and is in the newest generation.
+    EXPECT_EQ(getMethodPropFromMethodName("callout", nullptr), callout);
+}
+
+TEST_F(Registry, HeldGenerationIsSweptOnlyAfterItsRefCountDrops) {
+    auto fp = std::make_unique<QVPerThreadData_t>();
+    auto fp2 = std::make_unique<QVPerThreadData_t>();
+    EXPECT_EQ(checkAndDeleteNode(), 0);
+    EXPECT_EQ(checkForLinkList(), 0);
+
+    node_t* g1 = methodHashMapNode;
+    saveNodeAndIncrementMethodRefCount(fp.get());
+    EXPECT_EQ(fp->hasMapNodePtr, g1);
+    EXPECT_EQ(refCount(g1), 1);
+
+    ASSERT_EQ(makeHashmapCopyAndaddToLL(1), 0);  // g1 retired, held
+    ASSERT_EQ(makeHashmapCopyAndaddToLL(1), 0);  // g2 retired, free
+    saveNodeAndIncrementMethodRefCount(fp2.get());
+    node_t* g3 = methodHashMapNode;
+    ASSERT_EQ(makeHashmapCopyAndaddToLL(1), 0);  // g3 retired, held
+    EXPECT_NE(g1->timeStamp, 0);
+    EXPECT_EQ(getRetiredMethodHashMapCount(), 3);
+
+    EXPECT_EQ(checkAndDeleteNode(), 1);  // only g2
+    EXPECT_EQ(getRetiredMethodHashMapCount(), 2);
+    EXPECT_EQ(checkForLinkList(), 1);
+
+    // The flowpath on g1 moves to the current generation: g1 loses its last reference.
+    node_t* g4 = methodHashMapNode;
+    EXPECT_EQ(switchToCurrentMethodHashMapNode(fp.get()), g4);
+    EXPECT_EQ(fp->hasMapNodePtr, g4);
+    EXPECT_EQ(refCount(g4), 1);
+    EXPECT_EQ(checkAndDeleteNode(), 1);  // g1, the head
+    qvDecrementMethodRefCount(g3);
+    EXPECT_EQ(checkAndDeleteNode(), 1);  // g3, head and tail
+    EXPECT_EQ(checkForLinkList(), 0);
+
+    // The list works again after it was emptied through its tail.
+    qvDecrementMethodRefCount(g4);
+    qvDecrementMethodRefCount(g4);  // unbalanced: stays at 0
+    EXPECT_EQ(refCount(g4), 0);
+    ASSERT_EQ(makeHashmapCopyAndaddToLL(1), 0);
+    EXPECT_EQ(getRetiredMethodHashMapCount(), 1);
+    EXPECT_EQ(checkAndDeleteNode(), 1);
+    EXPECT_EQ(checkAndDeleteNode(), 0);
+
+    const std::string log = home_->traceLogs();
+    EXPECT_NE(log.find("Node removed from linklist. [node = "), std::string::npos);
+    EXPECT_NE(log.find("Afetr clearing linklist, head = "), std::string::npos);
+    EXPECT_NE(log.find("Linklist is empty. hence retuning"), std::string::npos);
+    EXPECT_NE(log.find("is already 0"), std::string::npos);
+}
+
+TEST_F(Registry, HundredReferencesAreLogged) {
+    std::vector<std::unique_ptr<QVPerThreadData_t>> fps;
+    for (int i = 0; i < 100; i++) {
+        fps.push_back(std::make_unique<QVPerThreadData_t>());
+        saveNodeAndIncrementMethodRefCount(fps.back().get());
+    }
+    EXPECT_EQ(refCount(methodHashMapNode), 100);
+    EXPECT_NE(home_->traceLogs().find(
+                  "MethodHaspMap Reference count reached 100. [methodHashMapNode->ref_count = 100]"),
+              std::string::npos);
+    saveNodeAndIncrementMethodRefCount(nullptr);
+    qvDecrementMethodRefCount(nullptr);
+}
+
+// A backend monitor with a maximum of two backends.
+struct FakeBackendMonitor {
+    static inline int max = 2;
+    static inline int counter = 0;
+    static inline std::vector<methodPropProperties*> grown;
+    static int limit(int* m, int* c) {
+        if (m) *m = max;
+        if (c) *c = counter;
+        return counter >= max ? 1 : 0;
+    }
+    static void increment() { counter++; }
+    static void grow(methodPropProperties* b) { grown.push_back(b); }
+};
+
+TEST_F(Registry, BackendsPastTheMaximumFoldIntoOthers) {
+    FakeBackendMonitor::counter = 0;
+    FakeBackendMonitor::grown.clear();
+    qvMethodRegistryHooks.backendLimitReached = FakeBackendMonitor::limit;
+    qvMethodRegistryHooks.incrementBackendCounter = FakeBackendMonitor::increment;
+    qvMethodRegistryHooks.checkAndIncrementAggrBackendDataArray = FakeBackendMonitor::grow;
+
+    char b1[32] = "db1";
+    char b2[32] = "db2";
+    methodPropProperties* m1 = searchAndUpdateMethodHashMap(b1, nullptr, 1, 2, sizeof(b1));
+    methodPropProperties* m2 = searchAndUpdateMethodHashMap(b2, nullptr, 1, 2, sizeof(b2));
+    ASSERT_NE(m1, nullptr);
+    EXPECT_EQ(m1->type, 2);
+    EXPECT_EQ(FakeBackendMonitor::counter, 2);
+
+    char b3[32] = "db3";
+    methodPropProperties* others = searchAndUpdateMethodHashMap(b3, nullptr, 1, 2, sizeof(b3));
+    ASSERT_NE(others, nullptr);
+    EXPECT_STREQ(others->methodName, "Others");
+    EXPECT_STREQ(b3, "Others");
+    EXPECT_EQ(FakeBackendMonitor::counter, 3);
+    EXPECT_EQ(getMethodPropFromMethodName("db3", nullptr), nullptr);
+
+    char b4[] = "a-much-longer-backend-name:5432";
+    EXPECT_EQ(searchAndUpdateMethodHashMap(b4, nullptr, 1, 2, sizeof(b4)), others);
+    EXPECT_STREQ(b4, "Others");
+    EXPECT_EQ(FakeBackendMonitor::counter, 3);
+    // A buffer too small for "Others" is left alone; the backend still folds.
+    char small[4] = "xy";
+    EXPECT_EQ(searchAndUpdateMethodHashMap(small, nullptr, 1, 2, sizeof(small)), others);
+    EXPECT_STREQ(small, "xy");
+    // Known backends and ordinary methods are unaffected by the maximum.
+    char again[32] = "db1";
+    EXPECT_EQ(searchAndUpdateMethodHashMap(again, nullptr, 1, 2, sizeof(again)), m1);
+    EXPECT_NE(get("App::plain"), others);
+
+    ASSERT_EQ(FakeBackendMonitor::grown.size(), 3u);
+    EXPECT_EQ(FakeBackendMonitor::grown[0], m1);
+    EXPECT_EQ(FakeBackendMonitor::grown[1], m2);
+    EXPECT_EQ(FakeBackendMonitor::grown[2], others);
+    EXPECT_NE(home_->traceLogs().find("max count is:2 and backendID counter is:2"), std::string::npos);
+}
+
+TEST_F(Registry, MetadataRecordIsQueuedOnlyWhileTheDataThreadRuns) {
+    qvApplication->QVSys.dataBuffMaxCount = 4;
+    qvApplication->QVSys.bciDataBufferMaxSize = 16384;
+    ASSERT_EQ(buff_list_init(), 0);
+    ASSERT_NE(QVBCIAgentBB, nullptr);
+    auto queued = [] { return std::string(QVBCIAgentBB->buff, QVBCIAgentBB->use_len); };
+
+    qv_store(qvApplication->QVBCISetting.data_thread_running, 0);
+    get("quiet");
+    EXPECT_EQ(queued(), "");
+
+    qv_store(qvApplication->QVBCISetting.data_thread_running, 1);
+    methodPropProperties* loud = get("loud");
+    const std::string expect = "5,loud," + std::to_string(loud->methodId) + "\n";
+    EXPECT_EQ(queued(), expect);
+    get("loud");  // known: no second record
+    EXPECT_EQ(queued(), expect);
+    EXPECT_NE(home_->traceLogs().find("Going to send metadata, buf[" + expect + "]"), std::string::npos);
+
+    // A name longer than the record allows is cut in the record, kept whole in the registry.
+    const std::string longName(QV_METHOD_META_NAME_MAX + 500, 'x');
+    methodPropProperties* lm = get(longName.c_str());
+    ASSERT_NE(lm, nullptr);
+    EXPECT_EQ(strlen(lm->methodName), longName.size());
+    EXPECT_EQ(queued(), expect + "5," + std::string(QV_METHOD_META_NAME_MAX, 'x') + "," +
+                            std::to_string(lm->methodId) + "\n");
+}
+
+TEST(RegistryStartup, DefaultMethodExistsAfterAgentInit) {
+    TempAgentHome home;
+    qv_flowpath_register_hooks();
+    agent_init("starttest", 1, "starttest", nullptr);
+    ASSERT_NE(qvApplication, nullptr);
+    ASSERT_NE(DefaultMethod, nullptr);
+    EXPECT_STREQ(DefaultMethod->methodName, QV_DEFAULT_METHOD_NAME);
+    EXPECT_EQ(getMethodPropFromMethodName("Profiler.Korlund.BeginRequest", nullptr), DefaultMethod);
+    EXPECT_EQ(DefaultMethod->isEntryPoint, QV_EP_SERVICE);
+    // A second initialisation keeps the registry.
+    methodPropProperties* before = DefaultMethod;
+    EXPECT_EQ(initMethodRegistry(), 0);
+    EXPECT_EQ(DefaultMethod, before);
+    qvMethodRegistryResetForTest();
+    qv_flowpath_pool_reset_for_test();
+    qv_agent_reset_for_test();
+}
+
+TEST(RegistryStandalone, CallsBeforeStartUpAreHarmless) {
+    char name[] = "x";
+    EXPECT_EQ(searchAndUpdateMethodHashMap(name, nullptr, 0, 0), nullptr);
+    EXPECT_EQ(getMethodPropFromMethodName("x", nullptr), nullptr);
+    EXPECT_EQ(makeHashmapCopyAndaddToLL(1), -1);
+    EXPECT_EQ(checkAndDeleteNode(), 0);
+    saveNodeAndIncrementMethodRefCount(nullptr);
+    qvMethodRegistryResetForTest();
+}
+
+// Many threads meeting the same new names (some as backends) while generations are made and
+// swept: one record and one id per name.
+TEST(RegistryConcurrency, SameNewNamesGiveOneMethodEach) {
+    TempAgentHome home;
+    agent_init("conctest", 0, "conctest", nullptr);
+    ASSERT_EQ(initMethodRegistry(), 0);
+    constexpr int kThreads = 8;
+    constexpr int kNames = 1000;
+    std::vector<std::string> names;
+    for (int i = 0; i < kNames; i++) names.push_back("Svc::method" + std::to_string(i));
+    std::vector<std::vector<methodPropProperties*>> seen(kThreads,
+                                                         std::vector<methodPropProperties*>(kNames));
+    std::atomic<bool> stop{false};
+
+    std::thread generations([&] {
+        while (!stop.load()) {
+            makeHashmapCopyAndaddToLL(1);
+            checkAndDeleteNode();
+            std::this_thread::yield();
+        }
+    });
+    std::vector<std::thread> workers;
+    for (int t = 0; t < kThreads; t++) {
+        workers.emplace_back([&, t] {
+            std::vector<int> order(kNames);
+            for (int i = 0; i < kNames; i++) order[i] = i;
+            std::shuffle(order.begin(), order.end(), std::mt19937(t));
+            auto fp = std::make_unique<QVPerThreadData_t>();
+            for (int i : order) {
+                saveNodeAndIncrementMethodRefCount(fp.get());
+                char buf[64];
+                snprintf(buf, sizeof(buf), "%s", names[i].c_str());
+                seen[t][i] =
+                    searchAndUpdateMethodHashMap(buf, fp->hasMapNodePtr, i % 3 == 0 ? 1 : 0, 0, sizeof(buf));
+                switchToCurrentMethodHashMapNode(fp.get());
+                qvDecrementMethodRefCount(fp->hasMapNodePtr);
+            }
+        });
+    }
+    for (auto& w : workers) w.join();
+    stop = true;
+    generations.join();
+
+    std::vector<int> ids;
+    for (int i = 0; i < kNames; i++) {
+        ASSERT_NE(seen[0][i], nullptr);
+        for (int t = 1; t < kThreads; t++) ASSERT_EQ(seen[t][i], seen[0][i]) << names[i];
+        EXPECT_EQ(getMethodPropFromMethodName(names[i].c_str(), nullptr), seen[0][i]);
+        ids.push_back(seen[0][i]->methodId);
+    }
+    std::sort(ids.begin(), ids.end());
+    EXPECT_EQ(std::adjacent_find(ids.begin(), ids.end()), ids.end());
+    EXPECT_EQ(qv_load(methodId), QV_FIRST_METHOD_ID + 1 + kNames);
+    checkAndDeleteNode();
+    EXPECT_EQ(checkForLinkList(), 0);
+    qvMethodRegistryResetForTest();
+    qv_agent_reset_for_test();
+}
+
+}  // namespace

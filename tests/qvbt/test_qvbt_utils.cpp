@@ -1,0 +1,139 @@
+// URL segment cut, query-parameter value (per thread), method and operation codes, categories.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/QVBCISettings.h"
+#include "core/qv_agent.h"
+#include "foundation/qvlb_mem.h"
+#include "qvbt/qvbt_rule_execute.h"
+#include "qvbt/qvbt_utils.h"
+
+namespace {
+
+class QvbtUtils : public ::testing::Test {
+  protected:
+    void TearDown() override {
+        qvbt_rule_execute_reset_for_test();
+        qvApplication = nullptr;
+    }
+    // Installs a global rule of the given order and segment count (freed by the reset).
+    QVBTGlobalRule* rule(int order, int segments) {
+        auto* r = static_cast<QVBTGlobalRule*>(qvlb_calloc(sizeof(QVBTGlobalRule), "test rule", -1));
+        r->rule_mode = 2;
+        r->include_uri_in_name_order = order;
+        r->include_uri_in_name_segment = segments;
+        global_rule = r;
+        return r;
+    }
+    void setParameter(QVBTGlobalRule* r, const char* p) {
+        snprintf(r->parameter, sizeof(r->parameter), "%s", p);
+        snprintf(r->parameter_at_start, sizeof(r->parameter_at_start), "%s=", p);
+        snprintf(r->parameter_at_end, sizeof(r->parameter_at_end), "&%s=", p);
+        r->parameter_at_start_len = static_cast<int>(strlen(r->parameter_at_start));
+        r->parameter_at_end_len = static_cast<int>(strlen(r->parameter_at_end));
+    }
+    std::string cut(const char* url, int outSize = 256) {
+        char out[256];
+        return get_bt_name_from_url(url, out, outSize) ? out : "(null)";
+    }
+};
+
+}  // namespace
+
+TEST_F(QvbtUtils, SegmentCutTable) {
+    struct Row {
+        int order;
+        int n;
+        const char* url;
+        const char* want;
+    };
+    const Row rows[] = {
+        {1, 2, "/a/b/c", "/a/b"}, {1, 2, "/a", "/a"},         {1, 2, "/a/b", "/a/b"},
+        {1, 0, "/a/b/c", ""},     {1, 1, "/a/b/c", "/a"},     {1, 5, "/a/b/c", "/a/b/c"},
+        {1, 2, "", ""},           {1, 2, "a/b/c", "a/b/c"},   {2, 2, "/a/b/c", "/b/c"},
+        {2, 1, "/a/b/c", "/c"},   {2, 3, "/a/b/c", "/a/b/c"}, {2, 4, "/a/b/c", "/a/b/c"},
+        {2, 2, "/a", "/a"},       {2, 1, "/a/b/", "/"},       {2, 0, "/a/b/c", ""},
+        {2, 2, "a/b", "a/b"},
+    };
+    for (const Row& r : rows) {
+        rule(r.order, r.n);
+        EXPECT_EQ(cut(r.url), r.want) << r.order << " " << r.n << " " << r.url;
+        qvbt_rule_execute_reset_for_test();
+    }
+    rule(1, 2);
+    EXPECT_EQ(cut(nullptr), "");
+    EXPECT_EQ(cut("/abcdef/g", 4), "/ab");  // cut to the output
+    const std::string longUrl = "/" + std::string(400, 'x') + "/y";
+    EXPECT_EQ(cut(longUrl.c_str()).size(), 255u);  // the URL is cut at 255 first
+    char small[1];
+    EXPECT_EQ(get_bt_name_from_url("/a", small, 0), nullptr);
+}
+
+TEST_F(QvbtUtils, ParamValue) {
+    EXPECT_EQ(get_param_value("id=5"), nullptr);  // no rule
+    QVBTGlobalRule* r = rule(1, 2);
+    setParameter(r, "id");
+    EXPECT_EQ(get_param_value(nullptr), nullptr);
+    EXPECT_STREQ(get_param_value("id=5&x=1"), "5");
+    EXPECT_STREQ(get_param_value("x=1&id=42&y=2"), "42");
+    EXPECT_STREQ(get_param_value("x=1&id=7"), "7");
+    EXPECT_EQ(get_param_value("x=1&uid=7"), nullptr);
+    EXPECT_EQ(get_param_value("x=1"), nullptr);
+    EXPECT_STREQ(get_param_value(("id=" + std::string(100, 'v')).c_str()), std::string(63, 'v').c_str());
+    EXPECT_STREQ(get_param_value(("id=" + std::string(100, 'w') + "&z=1").c_str()),
+                 std::string(63, 'w').c_str());
+
+    // Each thread has its own result buffer: another thread's call does not change this one's.
+    char* mine = get_param_value("id=main");
+    std::vector<std::thread> ts;
+    for (int i = 0; i < 4; ++i)
+        ts.emplace_back([i] {
+            const std::string q = "id=t" + std::to_string(i);
+            for (int k = 0; k < 1000; ++k) ASSERT_STREQ(get_param_value(q.c_str()), q.c_str() + 3);
+        });
+    for (auto& t : ts) t.join();
+    EXPECT_STREQ(mine, "main");
+}
+
+TEST_F(QvbtUtils, MethodAndOperationCodes) {
+    EXPECT_EQ(getHTTPMethodValue("get"), 0);
+    EXPECT_EQ(getHTTPMethodValue("POST"), 1);
+    EXPECT_EQ(getHTTPMethodValue("Put"), 2);
+    EXPECT_EQ(getHTTPMethodValue("delete"), 3);
+    EXPECT_EQ(getHTTPMethodValue("PATCH"), 255);
+    EXPECT_EQ(getHTTPMethodValue("GETX"), 255);
+    EXPECT_EQ(getHTTPMethodValue(nullptr), 255);
+    EXPECT_EQ(getOperationType("equals"), 4);
+    EXPECT_EQ(getOperationType("STARTSWITH"), 1);
+    EXPECT_EQ(getOperationType("endsWith"), 2);
+    EXPECT_EQ(getOperationType("contains"), 3);
+    EXPECT_EQ(getOperationType("matchesRegExp"), 5);
+    EXPECT_EQ(getOperationType("notEmpty"), 6);
+    EXPECT_EQ(getOperationType("inList"), 7);
+    EXPECT_EQ(getOperationType("equalsIgnoreCase"), 4);  // a prefix comparison
+    EXPECT_EQ(getOperationType("equ"), 255);
+    EXPECT_EQ(getOperationType(nullptr), 255);
+}
+
+TEST_F(QvbtUtils, Categories) {
+    const Threshold t{100, 200};
+    EXPECT_EQ(getBTCategoryBasedOnThresold(t, 99), 10);
+    EXPECT_EQ(getBTCategoryBasedOnThresold(t, 100), 11);  // equal to slow
+    EXPECT_EQ(getBTCategoryBasedOnThresold(t, 199), 11);
+    EXPECT_EQ(getBTCategoryBasedOnThresold(t, 200), 12);  // equal to very slow
+    EXPECT_EQ(findCategoryOfBT(t, 1, 500), 10);           // no instance: no error table
+    QVProxyInstance_t app{};
+    qvApplication = &app;
+    memset(app.QVBCISetting.btErrorArray, 'T', sizeof(app.QVBCISetting.btErrorArray));
+    app.QVBCISetting.btErrorArray[500] = 'F';
+    EXPECT_EQ(findCategoryOfBT(t, 1, 500), 13);  // error even when fast
+    EXPECT_EQ(findCategoryOfBT(t, 1, 200), 10);
+    EXPECT_EQ(findCategoryOfBT(t, 250, 404), 12);
+    EXPECT_EQ(findCategoryOfBT(t, 150, -1), 11);
+    EXPECT_EQ(findCategoryOfBT(t, 150, 600), 11);
+    qvApplication = nullptr;
+}
