@@ -3,6 +3,8 @@
 
 #include "collector/QVDataDispatcher.h"
 #include "core/qv_agent.h"
+#include "core/qvlb_keywords.h"
+#include "flowpath/QVFlowpathGenerator.h"
 #include "flowpath/QVMethodHashMap.h"
 #include "flowpath/QVPerThreadData.h"
 #include "foundation/qvlb_hashmap.h"
@@ -33,4 +35,7 @@ void qv_flowpath_register_hooks() {
     qvAgentHooks.createTlsPool = createTlsPool;
     qvAgentHooks.initMethodRegistry = initMethodRegistryHook;
     qvDispatcherHooks.dumpFpFromBusyList = dumpFpFromBusyList;
+    qvFlowpathPoolHooks.dumpIncompleteFPAtTestStop = dumpIncompleteFPAtTestStop;
+    qvlb_set_keyword_parser("maxCharInSeqBlob", setMaxCharInSeqBlob);
+    qvlb_set_keyword_parser("qvFlowpathMasks", setqvFlowpathMasks);
 }

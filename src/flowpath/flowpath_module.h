@@ -4,7 +4,9 @@
 #define FLOWPATH_MODULE_H
 
 // Fills qvAgentHooks.createFpiToTLS, .createTlsPool and .initMethodRegistry (first registry
-// generation, DefaultMethod, the default profile files) and qvDispatcherHooks.dumpFpFromBusyList.
+// generation, DefaultMethod, the default profile files), qvDispatcherHooks.dumpFpFromBusyList,
+// qvFlowpathPoolHooks.dumpIncompleteFPAtTestStop (test stop writes every running flowpath) and the
+// handlers of the keywords maxCharInSeqBlob and qvFlowpathMasks.
 // Idempotent; call before agent_init (qvlb_register_modules does). Not thread-safe against a
 // running agent.
 void qv_flowpath_register_hooks();

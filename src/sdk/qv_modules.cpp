@@ -3,13 +3,20 @@
 
 #include "backend/QVBackendMonitor.h"
 #include "backend/backend_module.h"
+#include "bt/QVBTManager.h"
+#include "bt/QVBTMonitor.h"
 #include "bt/bt_module.h"
+#include "collector/QVMonitorReporter.h"
+#include "collector/Server.h"
 #include "collector/collector_module.h"
 #include "core/qv_agent.h"
+#include "flowpath/QVMethodHashMap.h"
+#include "flowpath/QVPerThreadData.h"
 #include "flowpath/QVSQLProcessor.h"
 #include "flowpath/flowpath_module.h"
 #include "mm/QVMethodMonitor.h"
 #include "mm/mm_module.h"
+#include "sdk/qv_flowpath_wiring.h"
 
 namespace {
 
@@ -17,6 +24,29 @@ void initMonitors() {
     QVSQLProcessorInit();
     QVMethodMonitorInit();
     QVBackendMonitorInit();
+}
+
+void reinitMonitors() {
+    QVMethodMonitorInit();
+    QVBackendMonitorInit();
+}
+
+// A start of instrumentation begins a new registry generation (usage flags cleared) and sweeps
+// the generations no running flowpath holds any more.
+void startInstrumentationRegistry() {
+    makeHashmapCopyAndaddToLL(1);
+    checkAndDeleteNode();
+}
+
+void wireCollectorCommands() {
+    qvServerHooks.reinitBTConfig = QVBTConfigModelInit;
+    qvServerHooks.reinitMonitors = reinitMonitors;
+    qvServerHooks.resetMonitorDataModelFromTLS = resetMonitorDataModelFromTLS;
+    qvServerHooks.buildVectorPrefixes = updateInstanceInfo;
+    qvServerHooks.onStartInstrumentation = startInstrumentationRegistry;
+    qvReporterHooks.generateBT = generateAndDumpBTMonitoringRecord;
+    qvReporterHooks.generateBackend = generateAndDumpBackendMonitoringRecord;
+    qvReporterHooks.generateMethod = generateAndDumpMethodMonitoringRecord;
 }
 
 }  // namespace
@@ -29,4 +59,6 @@ void qvlb_register_modules() {
     qv_mm_register_hooks();
     qv_backend_register_hooks();
     qvAgentHooks.initMonitors = initMonitors;
+    qv_wire_flowpath_hooks();
+    wireCollectorCommands();
 }

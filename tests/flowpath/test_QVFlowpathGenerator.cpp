@@ -1,0 +1,834 @@
+// Tests of the flowpath engine against the whole wired agent: ids and masks, the capture decision,
+// header records, every blob entry and callout form, limits and write-outs, not-captured and
+// excluded flowpaths, proxy keying and forwarding, test stop over a real data connection, and many
+// threads running transactions at once.
+#include "flowpath/QVFlowpathGenerator.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "backend/QVBackendMonitor.h"
+#include "bt/QVBTManager.h"
+#include "bt/QVMonitorCommon.h"
+#include "bt/QVMonitorDataModel.h"
+#include "collector/QVCServerConfig.h"
+#include "collector/QVDataDispatcher.h"
+#include "core/QVSettingRecords.h"
+#include "core/qv_agent.h"
+#include "core/qvlb_keywords.h"
+#include "flowpath/QVMethodHashMap.h"
+#include "flowpath/QVPerThreadData.h"
+#include "flowpath/QVSQLProcessor.h"
+#include "flowpath/QVSessionCookie.h"
+#include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_hashmap.h"
+#include "foundation/qvlb_mutex.h"
+#include "foundation/qvlb_util.h"
+#include "mm/QVMethodMonitor.h"
+#include "sdk/qv_flowpath_wiring.h"
+#include "sdk/qv_modules.h"
+#include "support/loopback_peer.h"
+#include "support/temp_home.h"
+
+namespace {
+
+constexpr long long T0 = 1700000000000LL;  // a flowpath start on the collector time base
+constexpr int kWaitMs = 20000;             // safety net only
+
+const char* const kProfile =
+    "entry|Svc.handle\n"
+    "monitor|Plain.work\n"
+    "db|Db.query\n"
+    "http|Http.call\n"
+    "custom|Cust.op||Cust.target\n"
+    "forceentry|Forced.in\n";
+
+char* txt(const char* s) {
+    return const_cast<char*>(s);
+}
+
+std::vector<std::string> split(const std::string& s, char sep) {
+    std::vector<std::string> out;
+    std::string cur;
+    for (char c : s) {
+        if (c == sep) {
+            out.push_back(cur);
+            cur.clear();
+        } else {
+            cur += c;
+        }
+    }
+    out.push_back(cur);
+    return out;
+}
+
+class FlowpathTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        home_ = std::make_unique<TempAgentHome>();
+        home_->write("config/qvsettings.conf",
+                     "tier=T1\nserver=S1\ninstance=I1\nqvcHost=127.0.0.1\nqvcPort=1\n");
+        home_->write("config/instrprofile.conf", kProfile);
+        qvlb_register_modules();
+        qv_wire_flowpath_hooks();
+        // No collector conversation here: tests drive the test run themselves.
+        qvAgentHooks.controlThreadEntry = nullptr;
+        agent_init("fptest", 1, "fptest", nullptr);
+        ASSERT_NE(qvApplication, nullptr);
+        ASSERT_NE(DefaultMethod, nullptr);
+        app_ = qvApplication;
+        qv_store(app_->QVSys.dataBuffMaxCount, 16);
+        qv_store(app_->QVSys.bciDataBufferMaxSize, 1 << 20);
+        ASSERT_EQ(buff_list_init(), 0);
+        qv_store(app_->QVSys.fpTraceLevel, 1);
+        qv_store(app_->QVSys.bciInstrSessionPct, 100);
+        qv_store(app_->Server.testRunRunning, 1);
+    }
+    void TearDown() override {
+        qv_data_dispatcher_reset_for_test();
+        qvFlowpathGeneratorResetForTest();
+        qvbt_manager_reset_for_test();
+        qvMonitorDataModelResetForTest();
+        qvMonitorCommonResetForTest();
+        qvMethodMonitorResetForTest();
+        qvBackendMonitorResetForTest();
+        qvSQLProcessorResetForTest();
+        qv_flowpath_pool_reset_for_test();
+        qvMethodRegistryResetForTest();
+        clear_qvc_server_setting();
+        qvc_server_config_reset_for_test();
+        qv_agent_reset_for_test();
+        home_.reset();
+    }
+
+    // Everything handed to the dispatcher so far, in order (no data thread drains it here).
+    static std::string dispatched() {
+        QVLockGuard w(qv_load_acquire(bufferWriteLock));
+        QVLockGuard m(qv_load_acquire(bufferMoveLock));
+        std::string out;
+        for (nioSettings_t* n = readList; n != nullptr; n = n->next) out.append(n->buff, n->use_len);
+        if (QVBCIAgentBB != nullptr) out.append(QVBCIAgentBB->buff, QVBCIAgentBB->use_len);
+        return out;
+    }
+    // Flowpath records (types 2, 3, 4) dispatched since from bytes.
+    static std::vector<std::string> fpRecords(size_t from = 0) {
+        std::vector<std::string> out;
+        std::istringstream in(dispatched().substr(from));
+        for (std::string l; std::getline(in, l);)
+            if (l.rfind("2,", 0) == 0 || l.rfind("3,", 0) == 0 || l.rfind("4,", 0) == 0) out.push_back(l);
+        return out;
+    }
+
+    QVPerThreadData_t* start(const char* fp = nullptr, const char* url = "/shop/cart",
+                             long long startTime = T0, const char* cookie = nullptr, const char* wb = nullptr,
+                             const char* corr = nullptr, long long qTime = 7) {
+        return static_cast<QVPerThreadData_t*>(
+            startFP(txt(fp), txt(url), nullptr, nullptr, txt(cookie), txt(wb), txt(corr), qTime, startTime));
+    }
+    // Entry at T0 + at (explicit start times keep the blob deterministic).
+    static methodPropProperties* enter(QVPerThreadData_t* r, const char* name, long long at,
+                                       const char* url = nullptr) {
+        return qvMethodEntry(nullptr, r, txt(name), txt(url), nullptr, 0, nullptr, nullptr, T0 + at);
+    }
+    static methodPropProperties* leave(QVPerThreadData_t* r, const char* name, long long wall,
+                                       int status = 200, const char* backend = nullptr, int calloutDone = 0) {
+        return qvMethodExit(nullptr, r, txt(name), -1, status, txt(backend), wall, 0, calloutDone, nullptr,
+                            1);
+    }
+    static int idOf(const char* name) {
+        methodPropProperties* m = getMethodPropFromMethodName(name, nullptr);
+        EXPECT_NE(m, nullptr) << name;
+        return m ? m->methodId : -1;
+    }
+    static std::string blob(QVPerThreadData_t* r) { return std::string(r->sequenceBlob, r->sequenceBlobLen); }
+    static int btId(QVPerThreadData_t* r) { return qvFlowpathHooks.getBTId(r->tlBTObj); }
+
+    std::unique_ptr<TempAgentHome> home_;
+    QVProxyInstance_t* app_ = nullptr;
+};
+
+TEST_F(FlowpathTest, InstanceIdsFollowTheMaskWithDoubleAdvance) {
+    QVSys_t& s = app_->QVSys;
+    char zero[] = "0%200%200%200";
+    parse_flowpath_mask(zero);
+    for (int i = 0; i < 3; i++) EXPECT_EQ(generate_flowpath_instance(), 0);
+
+    // Sequence part only: the counter moves by two per id and the second advance's old value counts.
+    qv_store(s.flowPathInstanceInitialID, 5);
+    qv_store(s.seqNumMask, 0xFF);
+    qv_store(s.rSeq, 10);
+    EXPECT_EQ(generate_flowpath_instance(), 5 + 11);
+    EXPECT_EQ(qv_load(s.rSeq), 12);
+    EXPECT_EQ(generate_flowpath_instance(), 5 + 13);
+
+    // seqNoDigits 70 shifts by 70 & 63 = 6.
+    qv_store(s.flowPathInstanceInitialID, 0);
+    qv_store(s.timeStampMask, 0xFFFFFFFFFFFLL);
+    qv_store(s.seqNoDigits, 70);
+    qv_store(s.seqNumMask, 63);
+    qv_store(s.rSeq, 40);
+    long long before = my_gettimeofday();
+    long long id = generate_flowpath_instance();
+    long long after = my_gettimeofday();
+    EXPECT_EQ(id & 63, 41);
+    EXPECT_GE(id >> 6, before);
+    EXPECT_LE(id >> 6, after);
+
+    // Wrapping arithmetic, never overflow.
+    qv_store(s.flowPathInstanceInitialID, LLONG_MAX);
+    qv_store(s.seqNoDigits, 63);
+    qv_store(s.timeStampMask, -1);
+    (void)generate_flowpath_instance();
+}
+
+TEST_F(FlowpathTest, MaskKeywordsTokenizerAndBlobLimitKeyword) {
+    ASSERT_GE(findStatusFromClientMsg(txt("qv_control_req:action=modify;qvFlowpathMasks=1A%2000FF%2070%20F;"
+                                          "maxCharInSeqBlob=5000")),
+              2);
+    QVSys_t& s = app_->QVSys;
+    EXPECT_EQ(qv_load(s.flowPathInstanceInitialID), 26);
+    EXPECT_EQ(qv_load(s.timeStampMask), 255);
+    EXPECT_EQ(qv_load(s.seqNoDigits), 70);
+    EXPECT_EQ(qv_load(s.seqNumMask), 15);
+    EXPECT_EQ(getMaxCharactersInSeqBlob(), 5000);
+    EXPECT_NE(home_->traceLogs().find("Value of maxCharactersInSeqBlob : '5000' set."), std::string::npos);
+
+    char shortMask[] = "7%20FF";
+    parse_flowpath_mask(shortMask);
+    EXPECT_EQ(qv_load(s.flowPathInstanceInitialID), 7);
+    EXPECT_EQ(qv_load(s.timeStampMask), 255);
+    EXPECT_EQ(qv_load(s.seqNoDigits), 0);
+    EXPECT_EQ(qv_load(s.seqNumMask), 0);
+    EXPECT_NE(home_->traceLogs().find("total fields of qvflowpathmask are less than 3"), std::string::npos);
+
+    char buf[] = "a%20b%20c%20d";
+    char* fields[3] = {};
+    char tok[] = "%20";
+    EXPECT_EQ(tokenize_flowpathmasks(buf, fields, tok, 2), 2);
+    EXPECT_STREQ(fields[0], "a");
+    EXPECT_STREQ(fields[1], "b");
+    EXPECT_STREQ(fields[2], "c%20d");
+    EXPECT_EQ(tokenize_flowpathmasks(nullptr, fields, tok, 2), 0);
+}
+
+TEST_F(FlowpathTest, CaptureDecisionAndForcedAndChainedStrings) {
+    qv_store(app_->QVSys.bciInstrSessionPct, 0);
+    QVPerThreadData_t* r = start();
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(r->tlIsFPCaptured, 0);
+    setFPCaptured(r, 1);
+    EXPECT_EQ(r->tlIsFPCaptured, 0);
+    qv_store(app_->QVSys.captureMethodForAllFP, 1);
+    setFPCaptured(r, 1);
+    EXPECT_EQ(r->tlIsFPCaptured, 1);
+    qv_store(app_->QVSys.captureMethodForAllFP, 0);
+    qv_store(app_->QVSys.bciInstrSessionPct, 100);
+    setFPCaptured(r, 1);
+    EXPECT_EQ(r->tlIsFPCaptured, 1);
+    qv_store(app_->QVSys.bciInstrSessionPct, 0);
+
+    QVPerThreadData_t* forced = start("123F");
+    ASSERT_NE(forced, nullptr);
+    EXPECT_EQ(forced->flowpathInstance, 123);
+    EXPECT_EQ(forced->tlIsForceDump, 1);
+    EXPECT_EQ(forced->tlIsFPCaptured, 1);
+    EXPECT_STREQ(getFPInstanceFromTL(forced), "123");
+    EXPECT_EQ(search_hashmap(fpiToTLS, "123"), forced);
+
+    QVPerThreadData_t* chained = start("5_7_3.2");
+    ASSERT_NE(chained, nullptr);
+    EXPECT_NE(chained->flowpathInstance, 5);
+    EXPECT_EQ(chained->tlIsForceDump, 0);
+    EXPECT_EQ(chained->firstFlowpathInstance, 5);
+    EXPECT_EQ(chained->prevFlowpathInstance, 7);
+    ASSERT_NE(chained->prevTierSeq, nullptr);
+    EXPECT_STREQ(chained->prevTierSeq, "3.2");
+    QVPerThreadData_t* lone = start("9_");
+    ASSERT_NE(lone, nullptr);
+    EXPECT_EQ(lone->prevFlowpathInstance, 9);
+    EXPECT_STREQ(lone->prevTierSeq, "1");
+
+    char buf[32];
+    startFPTemp(txt("77"), txt("/t"), buf);
+    auto* viaTemp = reinterpret_cast<QVPerThreadData_t*>(strtoll(buf, nullptr, 10));
+    ASSERT_NE(viaTemp, nullptr);
+    EXPECT_EQ(viaTemp->flowpathInstance, 77);
+
+    qv_store(app_->Server.gettingstopInstrumenatation, 1);
+    EXPECT_EQ(start(), nullptr);
+    qv_store(app_->Server.gettingstopInstrumenatation, 0);
+    qv_store(app_->Server.testRunRunning, 0);
+    EXPECT_EQ(start(), nullptr);
+}
+
+TEST_F(FlowpathTest, FirstTierHeaderHasFourteenFieldsTwelfthEmpty) {
+    QVPerThreadData_t* r = start(nullptr, "/shop/cart?x=1");
+    ASSERT_NE(r, nullptr);
+    size_t mark = dispatched().size();
+    dumpFPHeaderRecord(r);
+    EXPECT_EQ(r->tlIsFPHeaderDumped, 1);
+    std::vector<std::string> recs = fpRecords(mark);
+    ASSERT_EQ(recs.size(), 1u);
+    std::string expected = "2," + std::to_string(r->flowpathInstance) + "," + std::to_string(T0 / 1000) +
+                           "," + std::to_string(r->tlThreadId) + "," + std::to_string(r->tlThreadId) + ".1," +
+                           std::to_string(btId(r)) + ",/shop/cart?x=1,,0,0,0,,0,7";
+    EXPECT_EQ(recs[0], expected);
+    std::vector<std::string> f = split(recs[0], ',');
+    ASSERT_EQ(f.size(), 14u);
+    EXPECT_EQ(f[11], "");
+    EXPECT_GT(btId(r), 0);
+
+    // Without parameters the URL stands alone.
+    QVPerThreadData_t* plain = start(nullptr, "/a", -5500);
+    mark = dispatched().size();
+    dumpFPHeaderRecord(plain);
+    recs = fpRecords(mark);
+    ASSERT_EQ(recs.size(), 1u);
+    f = split(recs[0], ',');
+    ASSERT_EQ(f.size(), 14u);
+    EXPECT_EQ(f[2], "-5");  // whole seconds truncated toward zero
+    EXPECT_EQ(f[6], "/a");
+}
+
+TEST_F(FlowpathTest, LaterTierHeaderWithParametersForceDumpAndSession) {
+    qv_store(app_->QVSys.bciInstrSessionPct, 0);
+    qv_store(app_->QVSys.captureCorrelationEnabled, 1);
+    std::string cookie = "sid=42; inst=1 ;cnt=3;ts=" + std::to_string(T0 - 1000);
+    QVPerThreadData_t* r = start("5F_7F_3.2", "/a/b?p=1", T0, cookie.c_str(), "9|11", "req%201", 12);
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(r->tlIsFPCaptured, 1);  // the session is instrumented
+    size_t mark = dispatched().size();
+    dumpFPHeaderRecord(r);
+    std::vector<std::string> recs = fpRecords(mark);
+    ASSERT_EQ(recs.size(), 1u);
+    std::string fpi = std::to_string(r->flowpathInstance);
+    EXPECT_EQ(recs[0], "2," + fpi + "F:5F:7F," + std::to_string(T0 / 1000) + "," +
+                           std::to_string(r->tlThreadId) + ",3.2.1," + std::to_string(btId(r)) +
+                           ",/a/b?p=1,req 1,42,9,11,,0,12");
+    EXPECT_EQ(split(recs[0], ',').size(), 14u);
+
+    // The live session counted this flowpath for the cookie the extension writes back.
+    char c[QV_SESSION_COOKIE_MAX];
+    ASSERT_GT(getQVSessionCookie(r, c, sizeof(c)), 0);
+    EXPECT_EQ(std::string(c), "sid=42;inst=1;cnt=4;ts=" + std::to_string(T0));
+
+    // An expired session (count past maxFPCountInSession) starts a new one with this flowpath.
+    QVPerThreadData_t* e = start(nullptr, "/a/b", T0, "sid=42;inst=1;cnt=1001;ts=0");
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->qvSessionId, e->flowpathInstance);
+    EXPECT_EQ(e->totalFpcount, 1);
+    EXPECT_EQ(e->tlIsFPCaptured, 0);
+    // A malformed cookie is no session at all: a fresh one starts, nothing from the text is taken.
+    QVPerThreadData_t* m = start(nullptr, "/a/b", T0, "sid=42;inst=1;cnt=x", "9|z");
+    ASSERT_NE(m, nullptr);
+    EXPECT_EQ(m->qvSessionId, m->flowpathInstance);
+    EXPECT_EQ(m->tlIsFPCaptured, 0);
+    EXPECT_EQ(m->korSID, 0);
+    EXPECT_EQ(m->QVPageID, 0);
+}
+
+TEST_F(FlowpathTest, BlobEntriesOfEveryForm) {
+    QVPerThreadData_t* r = start();
+    ASSERT_NE(r, nullptr);
+    // The pseudo-method's entry opens every flowpath, at relative time 0.
+    EXPECT_EQ(blob(r), std::to_string(DefaultMethod->methodId) + ":0_0_0__");
+    r->sequenceBlobLen = 0;
+    updateFPSeqBlob(r, 7, 15, 0, 3, -1, 0, 99, nullptr);
+    updateFPSeqBlob(r, 7, 15, 0, -1, -1, 1, 99, txt("/u"));
+    updateFPSeqBlob(r, 7, 15, 0, -1, -1, 0, 99, nullptr);
+    updateFPSeqBlob(r, 7, 20, 1, -1, -1, 0, 99, nullptr);
+    updateFPSeqBlob(r, 7, 20, 1, -1, 4, 0, 99, nullptr);
+    updateFPSeqBlob(r, 7, 20, 3, -1, -1, 0, 99, nullptr);
+    updateFPSeqBlob(r, 7, 20, 4, -1, 0, 0, 99, nullptr);
+    updateFPSeqBlob(r, 7, 20, 2, -1, 0, 0, 99, nullptr);  // not an event: nothing
+    r->seqNum = 6;
+    appendExceptionRecordInSeqBlob(r);
+    EXPECT_EQ(blob(r),
+              "7_0_15_3_"
+              "7:99:1:/u_0_15__"
+              "7:99_0_15__"
+              "7:99_1_20____"
+              "7:99_1_20_4___"
+              "7:99_3_20____"
+              "7:99_4_20_0___"
+              "e6_");
+
+    // An asynchronous entry keeps at most QV_SEQ_ASYNC_URL_MAX bytes of its URL.
+    r->sequenceBlobLen = 0;
+    std::string longUrl(5000, 'u');
+    updateFPSeqBlob(r, 7, 15, 0, -1, -1, 1, 1, longUrl.data());
+    EXPECT_EQ(blob(r), "7:1:1:" + std::string(QV_SEQ_ASYNC_URL_MAX, 'u') + "_0_15__");
+
+    // Method events through entry and exit: relative start for the entry, wall time for the exit.
+    r->sequenceBlobLen = 0;
+    enter(r, "Plain.work", 5);
+    leave(r, "Plain.work", 3);
+    int id = idOf("Plain.work");
+    EXPECT_EQ(blob(r), std::to_string(id) + ":0_0_5__" + std::to_string(id) + ":0_1_3____");
+    EXPECT_EQ(r->tlNonServiceMethodCount, 1);
+}
+
+TEST_F(FlowpathTest, CalloutRecordsOfEveryForm) {
+    QVPerThreadData_t* r = start();
+    ASSERT_NE(r, nullptr);
+    methodPropProperties* db = getMethodPropFromMethodName("Db.query", nullptr);
+    methodPropProperties* http = getMethodPropFromMethodName("Http.call", nullptr);
+    ASSERT_NE(db, nullptr);
+    ASSERT_NE(http, nullptr);
+    const std::string d = std::to_string(db->methodId), h = std::to_string(http->methodId);
+    r->seqNum = 4;
+    r->tlSQLObj.sqlId = 9;
+    auto only = [&](methodPropProperties* m) {
+        r->sequenceBlobLen = 0;
+        updateFPSeqBlobWithTierCallOutRecord(r, 100, 30, m);
+        return blob(r);
+    };
+    EXPECT_EQ(only(db), "T4:" + d + ":30:10:9:100_");
+    EXPECT_EQ(only(http), "T4:" + h + ":30:1:0:100_");
+    r->tierCallOutSeqNum = 77;
+    EXPECT_EQ(only(http), "T77:" + h + ":30:1:0:100_");
+    EXPECT_EQ(r->tierCallOutSeqNum, 0);
+    qv_store(app_->QVSys.enableIPResourceURL, 1);
+    EXPECT_EQ(only(http), "T4:" + h + ":30:1:0:100:" + h + "_");
+    r->tlStatusCode = 500;
+    EXPECT_EQ(only(http), "E4:" + h + ":30:1:0:100:500:" + h + "_");
+    qv_store(app_->QVSys.enableIPResourceURL, 0);
+    EXPECT_EQ(only(http), "E4:" + h + ":30:1:0:100:500_");
+    EXPECT_EQ(only(db), "E4:" + d + ":30:10:9:100:500_");
+    r->tlStatusCode = 399;
+    EXPECT_EQ(only(db), "T4:" + d + ":30:10:9:100_");
+    updateFPSeqBlobWithTierCallOutRecord(r, 1, 1, nullptr);  // nothing
+    updateFPSeqBlobWithTierCallOutRecord(nullptr, 1, 1, db);
+}
+
+TEST_F(FlowpathTest, StatusFiveHundredTurnsLaterCalloutsToEAndBackendsAreNamed) {
+    QVPerThreadData_t* r = start();
+    ASSERT_NE(r, nullptr);
+    enter(r, "Plain.work", 1);
+    leave(r, "Plain.work", 1, 500);
+    enter(r, "Svc.handle", 2);
+    leave(r, "Svc.handle", 1, 200);
+    EXPECT_EQ(r->tlStatusCode, 500);
+    leave(r, "Svc.handle", 1, -1);  // negative statuses never count
+    EXPECT_EQ(r->tlStatusCode, 500);
+
+    // Database callout without backend name: reported as the database backend, created with type 2.
+    r->sequenceBlobLen = 0;
+    enter(r, "Db.query", 3, "select 1 from t");
+    EXPECT_EQ(r->tlSQLObj.DBCallDepth, 1);
+    leave(r, "Db.query", 4);
+    EXPECT_EQ(r->tlSQLObj.DBCallDepth, 0);
+    methodPropProperties* dbBackend = getMethodPropFromMethodName(QV_DEFAULT_DBIP_NAME, nullptr);
+    ASSERT_NE(dbBackend, nullptr);
+    EXPECT_EQ(dbBackend->type, 2);
+    int dbId = idOf("Db.query");
+    std::regex dbRe(std::to_string(dbId) + ":0_0_3__" + std::to_string(dbId) +
+                    ":0_1_4____E\\d+:" + std::to_string(dbBackend->methodId) +
+                    ":4:10:" + std::to_string(r->tlSQLObj.sqlId) + ":\\d+:500_");
+    EXPECT_TRUE(std::regex_match(blob(r), dbRe)) << blob(r);
+    EXPECT_NE(dispatched().find("22,"), std::string::npos);  // the query's meta record
+
+    // HTTP callout with a backend name: the "Host" rule names it by the host text; its record is
+    // written once the tier callout was made (reserved sequence and call done).
+    r->sequenceBlobLen = 0;
+    enter(r, "Http.call", 5);
+    EXPECT_EQ(r->httpCallOutDepth, 1);
+    r->tierCallOutSeqNum = 31;
+    qv_store(app_->QVSys.enableIPResourceURL, 1);
+    size_t mark = dispatched().size();
+    leave(r, "Http.call", 6, 200, "api.example.com", 1);
+    EXPECT_EQ(r->httpCallOutDepth, 0);
+    methodPropProperties* host = getMethodPropFromMethodName("api.example.com", nullptr);
+    ASSERT_NE(host, nullptr);
+    EXPECT_EQ(host->type, 1);
+    const std::string hid = std::to_string(host->methodId);
+    EXPECT_TRUE(std::regex_search(blob(r), std::regex("E31:" + hid + ":6:1:0:\\d+:500:" + hid + "_$")))
+        << blob(r);
+    EXPECT_NE(dispatched().substr(mark).find("26," + hid + ",api.example.com\n"), std::string::npos);
+
+    // A custom callout writes a record for its target on every exit.
+    r->sequenceBlobLen = 0;
+    leave(r, "Cust.op", 2);
+    methodPropProperties* target = getMethodPropFromMethodName("Cust.target", nullptr);
+    ASSERT_NE(target, nullptr);
+    EXPECT_NE(blob(r).find("E"), std::string::npos);
+    EXPECT_NE(blob(r).find(":" + std::to_string(target->methodId) + ":2:1:0:"), std::string::npos) << blob(r);
+}
+
+TEST_F(FlowpathTest, NonServiceMethodLimitHidesEntriesAndExits) {
+    qv_store(app_->QVSys.bciMaxNonServiceMethodsPerFP, 2);
+    QVPerThreadData_t* r = start();
+    ASSERT_NE(r, nullptr);
+    r->sequenceBlobLen = 0;
+    enter(r, "A.one", 1);
+    enter(r, "B.two", 2);
+    enter(r, "C.three", 3);
+    leave(r, "C.three", 1);
+    leave(r, "B.two", 2);
+    leave(r, "A.one", 5);
+    const std::string a = std::to_string(idOf("A.one")), b = std::to_string(idOf("B.two"));
+    EXPECT_EQ(blob(r), a + ":0_0_1__" + b + ":0_0_2__" + b + ":0_1_2____" + a + ":0_1_5____");
+    EXPECT_EQ(r->tlNonServiceMethodCount, 2);
+    // Service methods do not count against the limit.
+    enter(r, "Svc.handle", 6);
+    EXPECT_EQ(r->tlServiceMethodDepth, 2);  // with the pseudo-method
+}
+
+TEST_F(FlowpathTest, NotCapturedFlowpathWritesNothingUnlessItsCalloutsWereWrittenOut) {
+    qv_store(app_->QVSys.bciInstrSessionPct, 0);
+    // Started now, so these flowpaths are quick (category 10) at their end.
+    QVPerThreadData_t* r = start(nullptr, "/shop/cart", my_gettimeofday());
+    ASSERT_NE(r, nullptr);
+    ASSERT_EQ(r->tlIsFPCaptured, 0);
+    size_t afterStart = blob(r).size();
+    enter(r, "Plain.work", 1);
+    leave(r, "Plain.work", 1);
+    EXPECT_EQ(blob(r).size(), afterStart);  // no method events
+    enter(r, "Forced.in", 2);               // forced entry still written
+    EXPECT_GT(blob(r).size(), afterStart);
+    endFP(r, 200, nullptr);
+    EXPECT_TRUE(fpRecords().empty());
+    EXPECT_EQ(static_cast<int>(r->tlCategory), 10);
+
+    // Callout records are appended even so; once they were written out the end marks -99.
+    QVPerThreadData_t* s = start(nullptr, "/shop/cart", my_gettimeofday());
+    ASSERT_NE(s, nullptr);
+    setMaxCharactersInSeqBlob(static_cast<int>(blob(s).size()) + 10);
+    enter(s, "Db.query", 1, "select 2");
+    leave(s, "Db.query", 1);
+    std::vector<std::string> recs = fpRecords();
+    ASSERT_EQ(recs.size(), 2u);
+    EXPECT_EQ(recs[0].rfind("2,", 0), 0u);
+    EXPECT_EQ(recs[1].rfind("3," + std::to_string(s->flowpathInstance) + ",", 0), 0u);
+    endFP(s, 200, nullptr);
+    recs = fpRecords();
+    ASSERT_EQ(recs.size(), 3u);
+    EXPECT_TRUE(std::regex_match(recs[2], std::regex("4," + std::to_string(s->flowpathInstance) +
+                                                     ",-99,10,0,\\d+," + std::to_string(btId(s)) + ",0,.*")))
+        << recs[2];
+
+    // A slow one that was not captured is written in full.
+    QVPerThreadData_t* slow = start();
+    size_t mark = dispatched().size();
+    dumpCompleteFlowpathSeqBlock(slow, 11, 0, 9000);
+    recs = fpRecords(mark);
+    ASSERT_EQ(recs.size(), 2u);
+    EXPECT_EQ(recs[1].rfind("4," + std::to_string(slow->flowpathInstance) + ",200,11,0,9000,", 0), 0u);
+}
+
+TEST_F(FlowpathTest, ExcludedFlowpathEndsWithCategory157) {
+    QVPerThreadData_t* r = start();
+    ASSERT_NE(r, nullptr);
+    r->tlIsBTExcluded = 1;  // as a BT exclusion rule leaves it
+    enter(r, "Plain.work", 1);
+    endFP(r, 200, nullptr);
+    EXPECT_TRUE(fpRecords().empty());
+    EXPECT_EQ(static_cast<unsigned char>(r->tlCategory), QV_FP_CATEGORY_EXCLUDED);
+    EXPECT_EQ(r->btCategory, -99);  // the category read as a signed byte
+
+    // Data already written: the end record marks the flowpath for discarding.
+    QVPerThreadData_t* s = start();
+    s->tlIsBTExcluded = 1;
+    updateFPSeqBlobWithTierCallOutRecord(s, 1, 2, getMethodPropFromMethodName("Db.query", nullptr));
+    dumpIncompleteFlowpathSeqBlock(s);
+    endFP(s, 200, nullptr);
+    std::vector<std::string> recs = fpRecords();
+    ASSERT_EQ(recs.size(), 3u);
+    EXPECT_TRUE(std::regex_match(recs[2], std::regex("4," + std::to_string(s->flowpathInstance) +
+                                                     ",-99,157,0,\\d+," + std::to_string(btId(s)) + ",0,")))
+        << recs[2];
+}
+
+TEST_F(FlowpathTest, BlobOfExactlyTheLimitIsWrittenOutAtOnce) {
+    QVPerThreadData_t* r = start("55F");
+    ASSERT_NE(r, nullptr);
+    const std::string first = blob(r);
+    setMaxCharactersInSeqBlob(static_cast<int>(first.size()) + 11);
+    updateFPSeqBlob(r, 7, 15, 0, -1, -1, 0, 0, nullptr);  // "7:0_0_15__": 10 bytes, one short
+    EXPECT_TRUE(fpRecords().empty());
+    r->sequenceBlobLen = static_cast<int>(first.size());
+    setMaxCharactersInSeqBlob(static_cast<int>(first.size()) + 10);
+    updateFPSeqBlob(r, 7, 15, 0, -1, -1, 0, 0, nullptr);
+    std::vector<std::string> recs = fpRecords();
+    ASSERT_EQ(recs.size(), 2u);
+    EXPECT_EQ(recs[0].rfind("2,55F,", 0), 0u);
+    EXPECT_EQ(recs[1], "3,55F," + first + "7:0_0_15__");
+    EXPECT_EQ(r->sequenceBlobLen, 0);
+    EXPECT_EQ(r->tlIsFPHeaderDumped, 1);
+
+    // A second write-out does not repeat the header.
+    updateFPSeqBlob(r, 7, 15, 0, -1, -1, 0, 0, nullptr);
+    checkToDumpFPSeqBlob(r);
+    dumpIncompleteFlowpathSeqBlock(r);
+    recs = fpRecords();
+    ASSERT_EQ(recs.size(), 3u);
+    EXPECT_EQ(recs[2], "3,55F,7:0_0_15__");
+}
+
+TEST_F(FlowpathTest, HugeAndOddBlobLimitsNeverOverflow) {
+    setMaxCharactersInSeqBlob(INT_MAX);
+    QVPerThreadData_t* r = start();
+    ASSERT_NE(r, nullptr);
+    std::string all = blob(r);
+    for (int i = 0; i < 5000; i++) {
+        updateFPSeqBlob(r, 7, i, 0, -1, -1, 0, 0, nullptr);
+        all += "7:0_0_" + std::to_string(i) + "__";
+        ASSERT_LT(r->sequenceBlobLen, 16384);
+    }
+    dumpCompleteFlowpathSeqBlock(r, 10, 0, 1);
+    std::string joined;
+    int threes = 0;
+    for (const std::string& rec : fpRecords()) {
+        std::vector<std::string> f = split(rec, ',');
+        if (f[0] == "3") {
+            threes++;
+            EXPECT_LE(f[2].size(), 16383u);
+            joined += f[2];
+        } else if (f[0] == "4") {
+            joined += f[8];
+        }
+    }
+    EXPECT_GE(threes, 3);
+    EXPECT_EQ(joined, all);  // nothing lost, nothing reordered
+
+    for (int limit : {0, -5, 16384, 20000}) {
+        setMaxCharactersInSeqBlob(limit);
+        QVPerThreadData_t* s = start();
+        for (int i = 0; i < 3000; i++)
+            updateFPSeqBlob(s, 123456789, 1LL << 40, 1, -1, 1LL << 40, 0, 1LL << 50, nullptr);
+        EXPECT_LT(s->sequenceBlobLen, 16384);
+    }
+}
+
+TEST_F(FlowpathTest, TransactionEndToEndWithTheSdkStartTimeOfZero) {
+    long long before = my_gettimeofday();
+    QVPerThreadData_t* r = start(nullptr, "/checkout", 0);
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(r->tlFlowPathTimeStampInMS, 0);
+    const std::string fpi = std::to_string(r->flowpathInstance);
+    char* none = nullptr;
+    qvMethodEntry(nullptr, r, txt("Svc.handle"), txt("/test"), none, 0, none, none, 0);
+    qvMethodEntry(nullptr, r, txt("Plain.work"), txt("/test"), none, 0, none, none, 0);
+    qvMethodEntry(nullptr, r, txt("Db.query"), txt("select 3"), none, 0, none, none, 0);
+    qvMethodExit(nullptr, r, txt("Db.query"), 0, 200, none, 0, 0, 0, none, 1);
+    qvMethodExit(nullptr, r, txt("Plain.work"), 0, 200, none, 0, 0, 0, none, 1);
+    qvMethodExit(nullptr, r, txt("Svc.handle"), 0, 200, none, 0, 0, 0, none, 1);
+    EXPECT_EQ(r->tlServiceMethodDepth, 2);  // depths only count up on entry
+    endFP(r, 200, nullptr);
+
+    std::vector<std::string> recs = fpRecords();
+    ASSERT_EQ(recs.size(), 2u);
+    EXPECT_TRUE(std::regex_match(recs[0], std::regex("2," + fpi + ",0,1,1\\.1,\\d+,/checkout,,0,0,0,,0,7")))
+        << recs[0];
+    std::vector<std::string> f = split(recs[1], ',');
+    ASSERT_EQ(f.size(), 9u) << recs[1];
+    EXPECT_EQ(f[1], fpi);
+    EXPECT_EQ(f[2], "200");
+    EXPECT_EQ(f[3], "12");  // a duration of the whole wall clock is very slow
+    EXPECT_GE(std::stoll(f[5]), before);
+    const std::string def = std::to_string(DefaultMethod->methodId), svc = std::to_string(idOf("Svc.handle")),
+                      pw = std::to_string(idOf("Plain.work")), db = std::to_string(idOf("Db.query")),
+                      dbb = std::to_string(idOf(QV_DEFAULT_DBIP_NAME));
+    std::regex blobRe(def + ":0_0_\\d+__" + svc + ":0_0_\\d+__" + pw + ":0_0_\\d+__" + db + ":0_0_\\d+__" +
+                      db + ":0_1_0_0___T\\d+:" + dbb + ":0:10:\\d+:\\d+_" + pw + ":0_1_0_0___" + svc +
+                      ":0_1_0_0___" + def + ":0_1_\\d+_0___");
+    EXPECT_TRUE(std::regex_match(f[8], blobRe)) << f[8];
+
+    // Unregistered, generation reference given back, record still busy; a second end is ignored.
+    EXPECT_EQ(search_hashmap(fpiToTLS, fpi.c_str()), nullptr);
+    EXPECT_EQ(methodHashMapNode->ref_count, 0);
+    EXPECT_EQ(qv_load(gBusyTLSCnt), 1);
+    endFP(r, 200, nullptr);
+    EXPECT_EQ(fpRecords().size(), 2u);
+    reset(r);
+    EXPECT_EQ(qv_load(gBusyTLSCnt), 0);
+
+    // A flowpath reset while running gives its reference back too.
+    QVPerThreadData_t* s = start();
+    EXPECT_EQ(methodHashMapNode->ref_count, 1);
+    reset(s);
+    EXPECT_EQ(methodHashMapNode->ref_count, 0);
+    EXPECT_EQ(fpRecords().size(), 2u);
+
+    // Null and stopped calls change nothing.
+    endFP(nullptr, 200, nullptr);
+    reset(nullptr);
+    EXPECT_EQ(qvMethodEntry(nullptr, nullptr, txt("X"), nullptr, nullptr, 0, nullptr, nullptr, 0), nullptr);
+    QVPerThreadData_t* t = start();
+    EXPECT_EQ(qvMethodEntry(nullptr, t, txt(""), nullptr, nullptr, 0, nullptr, nullptr, 0), nullptr);
+    EXPECT_EQ(leave(t, "Never.entered.or.known", 1), nullptr);
+}
+
+TEST_F(FlowpathTest, EnableProxyServerFindsTheRecordByItsKey) {
+    qvTDHashMap = create_hashmap(nullptr);
+    qv_store(QVAgentSetting.enableProxyServer, 1);
+    QVPerThreadData_t* r = static_cast<QVPerThreadData_t*>(
+        startFP(nullptr, txt("/k"), nullptr, txt("req-1"), nullptr, nullptr, nullptr, 0, T0));
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(searchqvTDfromHashMap("req-1"), r);
+    QVPerThreadData_t* other = start();  // no key: its events cannot be found
+    size_t len = blob(r).size();
+    EXPECT_EQ(
+        qvMethodEntry(nullptr, other, txt("Plain.work"), nullptr, nullptr, 0, nullptr, txt("req-1"), T0 + 1),
+        getMethodPropFromMethodName("Plain.work", nullptr));
+    EXPECT_GT(blob(r).size(), len);
+    EXPECT_EQ(qvMethodEntry(nullptr, r, txt("Plain.work"), nullptr, nullptr, 0, nullptr, txt("nope"), T0),
+              nullptr);
+    endFP(other, 200, txt("req-1"));
+    std::vector<std::string> recs = fpRecords();
+    ASSERT_EQ(recs.size(), 2u);
+    EXPECT_EQ(recs[1].rfind("4," + std::to_string(r->flowpathInstance) + ",", 0), 0u);
+    qv_store(QVAgentSetting.enableProxyServer, 0);
+}
+
+struct Forwarded {
+    std::vector<std::string> calls;
+};
+Forwarded fwd;
+
+TEST_F(FlowpathTest, ForwardingProcessOnlyEncodes) {
+    fwd.calls.clear();
+    qvFlowpathHooks.transactionStartEncode = [](int q, long fpi, char* hdr, char* url, char*, char*, char*,
+                                                char*, long long st) {
+        fwd.calls.push_back("start " + std::to_string(q) + " " + std::to_string(fpi) + " " +
+                            (hdr ? hdr : "-") + " " + url + " " + std::to_string(st));
+    };
+    qvFlowpathHooks.MethodEntryEncode = [](int mid, long fpi, long tid, char* name, char* qs, char*,
+                                           long long st) {
+        fwd.calls.push_back("entry " + std::to_string(mid) + " " + std::to_string(fpi) + " " +
+                            std::to_string(tid) + " " + name + " " + (qs ? qs : "-") + " " +
+                            std::to_string(st));
+    };
+    qvFlowpathHooks.MethodExitEncode = [](int mid, int status, int ev, int co, long tid, long dur, long fpi,
+                                          long cpu, char* name, char* be) {
+        fwd.calls.push_back("exit " + std::to_string(mid) + " " + std::to_string(status) + " " +
+                            std::to_string(ev) + " " + std::to_string(co) + " " + std::to_string(tid) + " " +
+                            std::to_string(dur) + " " + std::to_string(fpi) + " " + std::to_string(cpu) +
+                            " " + name + " " + (be ? be : "-"));
+    };
+    qvFlowpathHooks.transactionEndEncode = [](int s, long fpi) {
+        fwd.calls.push_back("end " + std::to_string(s) + " " + std::to_string(fpi));
+    };
+    qvFlowpathHooks.transactionResetEncode = [](long fpi) {
+        fwd.calls.push_back("reset " + std::to_string(fpi));
+    };
+    qv_store(app_->QVSys.proxyMode, 1);
+    QVPerThreadData_t* r = start("321", "/fw", 99, nullptr, nullptr, nullptr, 4);
+    ASSERT_NE(r, nullptr);
+    EXPECT_EQ(r->flowpathInstanceStr[0], '\0');  // nothing beyond the id is set up here
+    qvMethodEntry(nullptr, r, txt("M.x"), txt("/test"), nullptr, 8, nullptr, nullptr, 0);
+    qvMethodExit(nullptr, r, txt("M.x"), 3, 500, txt("h"), 6, 8, 1, nullptr, 2);
+    endFP(r, 200, nullptr);
+    reset(r);
+    EXPECT_EQ(fwd.calls,
+              (std::vector<std::string>{"start 4 321 321 /fw 99", "entry 0 321 8 M.x /test 0",
+                                        "exit 0 500 2 1 8 6 321 3 M.x h", "end 200 321", "reset 321"}));
+    EXPECT_TRUE(fpRecords().empty());
+    EXPECT_EQ(qv_load(gBusyTLSCnt), 0);
+    qv_store(app_->QVSys.proxyMode, 0);
+}
+
+TEST_F(FlowpathTest, TestStopWritesEveryRunningFlowpathOverTheDataConnection) {
+    LoopbackPeer peer;
+    ASSERT_TRUE(peer.start());
+    ASSERT_EQ(set_qvc_server_entry(0, "127.0.0.1", peer.port()), 0);
+    qv_store(app_->Server.retryForDataConn, 1);
+    ASSERT_EQ(check_data_thread(), 0);
+
+    QVPerThreadData_t* ended = start(nullptr, "/done");
+    endFP(ended, 200, nullptr);
+    QVPerThreadData_t* running = start(nullptr, "/busy");
+    enter(running, "Plain.work", 1);
+    qv_store(app_->QVSys.bciInstrSessionPct, 0);
+    // Started now, so it is quick (normal) at the stop as well as not captured.
+    QVPerThreadData_t* notCaptured = start(nullptr, "/quiet", my_gettimeofday());
+    // Read under the record's lock: the data thread resets the records once it sees the stop.
+    auto fpiOf = [](QVPerThreadData_t* x) {
+        QVLockGuard g(x->sequenceBlobLock);
+        return std::to_string(x->flowpathInstance);
+    };
+    const std::string e = fpiOf(ended), r = fpiOf(running), q = fpiOf(notCaptured);
+
+    qv_store(app_->Server.testRunRunning, 0);
+    ASSERT_TRUE(peer.waitForContains(0, "\n4," + r + ",", kWaitMs)) << peer.bytes(0);
+    ASSERT_TRUE(peer.waitFor([] { return qv_load(gBusyTLSCnt) == 0; }, kWaitMs));
+    qv_data_thread_stop();
+    std::string got = peer.bytes(0);
+    auto count = [&](const std::string& needle) {
+        int n = 0;
+        for (size_t p = got.find(needle); p != std::string::npos; p = got.find(needle, p + 1)) n++;
+        return n;
+    };
+    EXPECT_EQ(count("\n4," + e + ","), 1);  // ended before the stop: not written again
+    EXPECT_EQ(count("\n4," + r + ",200,"), 1);
+    EXPECT_EQ(count("\n2," + r + ","), 1);
+    EXPECT_EQ(count("," + q + ","), 0);  // not captured and quick: nothing
+    EXPECT_EQ(methodHashMapNode->ref_count, 0);
+}
+
+class FlowpathConcurrency : public FlowpathTest {};
+
+TEST_F(FlowpathConcurrency, ThreadsRunTransactionsWithEveryRecordWellFormedAndNoneLost) {
+    char mask[] = "0%200%200%20FFFFFFFF";
+    parse_flowpath_mask(mask);
+    qv_store(app_->QVSys.fpTraceLevel, 0);
+    constexpr int kThreads = 6;
+    constexpr int kPerThread = 150;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; t++) {
+        threads.emplace_back([t] {
+            std::string url = "/c/t" + std::to_string(t % 3);
+            for (int i = 0; i < kPerThread; i++) {
+                auto* r = static_cast<QVPerThreadData_t*>(
+                    startFP(nullptr, url.data(), nullptr, nullptr, nullptr, nullptr, nullptr, 0, T0));
+                ASSERT_NE(r, nullptr);
+                enter(r, "Svc.handle", 1);
+                enter(r, "Plain.work", 2);
+                enter(r, "Db.query", 3, i % 2 ? "select a" : "select b");
+                leave(r, "Db.query", 1);
+                leave(r, "Plain.work", 2);
+                if (i % 10 == 0) dumpIncompleteFlowpathSeqBlock(r);
+                leave(r, "Svc.handle", 3);
+                endFP(r, i % 7 == 0 ? 500 : 200, nullptr);
+                reset(r);
+            }
+        });
+    }
+    for (std::thread& th : threads) th.join();
+
+    std::set<std::string> ends, headers;
+    int threes = 0;
+    std::regex head("2,\\d+,1700000000,\\d+,\\d+\\.1,\\d+,/c/t[012],,0,0,0,,0,0");
+    std::regex seq("3,\\d+,[0-9:_TE]+");
+    std::regex end("4,\\d+,(200|500),1[0-3],0,-?\\d+,\\d+,0,[0-9:_TE]*");
+    for (const std::string& rec : fpRecords()) {
+        std::string fpi = split(rec, ',')[1];
+        if (rec[0] == '2') {
+            EXPECT_TRUE(std::regex_match(rec, head)) << rec;
+            EXPECT_TRUE(headers.insert(fpi).second) << rec;
+        } else if (rec[0] == '3') {
+            EXPECT_TRUE(std::regex_match(rec, seq)) << rec;
+            threes++;
+        } else {
+            EXPECT_TRUE(std::regex_match(rec, end)) << rec;
+            EXPECT_TRUE(ends.insert(fpi).second) << rec;
+        }
+    }
+    EXPECT_EQ(ends.size(), static_cast<size_t>(kThreads * kPerThread));
+    EXPECT_EQ(headers.size(), ends.size());
+    EXPECT_EQ(threes, kThreads * (kPerThread / 10));
+    EXPECT_EQ(qv_load(app_->QVSys.discardCount), 0);
+    EXPECT_EQ(qv_load(gBusyTLSCnt), 0);
+    EXPECT_EQ(methodHashMapNode->ref_count, 0);
+}
+
+}  // namespace
