@@ -6,7 +6,7 @@ TSAN      ?= build-tsan
 BENCHDIR  ?= build-bench
 CTEST_ARGS ?= --output-on-failure -j$(JOBS)
 
-.PHONY: all setup build test test-release test-asan tsan bench demo clean format
+.PHONY: all setup build test test-release test-asan tsan bench demo clean format fuzz fuzz-build
 
 all: build
 
@@ -49,8 +49,40 @@ demo: build
 	@echo "libqvagent.so built in $(BUILD)/src; exported symbols:"
 	@nm -D --defined-only $(BUILD)/src/libqvagent.so | awk '{print "  " $$3}'
 
+# libFuzzer harness of the proxy-mode frame decoder, built with clang (installed by
+# `scripts/setup.sh fuzz`) from every agent source with ASan+UBSan. Runs FUZZ_TIME seconds on one
+# core; new inputs go to $(FUZZDIR)/corpus, crashing ones to fuzz/regressions/ (replayed by the
+# normal test run).
+FUZZDIR   ?= build-fuzz
+FUZZ_TIME ?= 600
+FUZZ_CXX  ?= clang++
+FUZZ_CXXFLAGS = -std=c++20 -g -O1 -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,undefined \
+	-DQV_BUILDING_AGENT -DQV_FAULT_POINTS=1 -Isrc -Iinclude $(shell pkg-config --cflags apr-1)
+FUZZ_OBJS = $(patsubst src/%.cpp,$(FUZZDIR)/obj/%.o,$(wildcard src/*/*.cpp))
+
+fuzz: fuzz-build
+	mkdir -p $(FUZZDIR)/corpus fuzz/regressions
+	cd $(FUZZDIR) && ASAN_OPTIONS=leak_check_at_exit=0 \
+		UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:suppressions=$(CURDIR)/fuzz/ubsan.supp ./fuzz_decode -jobs=1 -workers=1 \
+		-max_total_time=$(FUZZ_TIME) -rss_limit_mb=4096 -dict=$(CURDIR)/fuzz/decode.dict \
+		-artifact_prefix=$(CURDIR)/fuzz/regressions/ corpus $(CURDIR)/fuzz/corpus $(CURDIR)/fuzz/regressions
+	@tail -n 3 $(FUZZDIR)/fuzz-0.log
+
+fuzz-build:
+	@bash scripts/setup.sh fuzz
+	$(MAKE) $(FUZZDIR)/fuzz_decode
+
+$(FUZZDIR)/fuzz_decode: fuzz/fuzz_decode.cpp $(FUZZ_OBJS)
+	$(FUZZ_CXX) $(FUZZ_CXXFLAGS) -fsanitize=fuzzer,address,undefined $^ $(shell pkg-config --libs apr-1) -lpthread -o $@
+
+$(FUZZDIR)/obj/%.o: src/%.cpp
+	@mkdir -p $(dir $@)
+	$(FUZZ_CXX) $(FUZZ_CXXFLAGS) -MMD -MP -c $< -o $@
+
+-include $(FUZZ_OBJS:.o=.d)
+
 format:
 	clang-format -i $$(git ls-files '*.cpp' '*.h')
 
 clean:
-	rm -rf $(BUILD) $(ASAN) $(TSAN) $(BENCHDIR)
+	rm -rf $(BUILD) $(ASAN) $(TSAN) $(BENCHDIR) $(FUZZDIR)

@@ -4,6 +4,10 @@ set -euo pipefail
 
 packages=(build-essential g++ cmake make pkg-config libapr1-dev libgtest-dev libbenchmark-dev
           python3 binutils)
+# `setup.sh fuzz`: also the compiler and runtime of the libFuzzer harness (make fuzz).
+if [ "${1:-}" = "fuzz" ]; then
+    packages+=(clang libclang-rt-14-dev)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

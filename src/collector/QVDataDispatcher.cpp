@@ -671,16 +671,19 @@ int check_data_thread() {
     }
     qv_store(dataThreadStop, 0);
     setControlDataReqMessage();
-    // Set before the thread runs: it may clear the flag itself at once.
+    // Both set before the thread runs: it may clear the running flag itself at once, and a fast
+    // connection replays metadata, which needs the busy flag already set.
+    const char wasBusy = qv_load(app->Server.controlCommunicationBusyFlag);
     qv_store(app->QVBCISetting.data_thread_running, 1);
+    qv_store(app->Server.controlCommunicationBusyFlag, 1);
     apr_thread_t* thread = nullptr;
     if (qvlb_thread_create(&thread, start_data_thread, nullptr, data_pool, err, sizeof(err)) != APR_SUCCESS) {
         qv_store(app->QVBCISetting.data_thread_running, 0);
+        qv_store(app->Server.controlCommunicationBusyFlag, wasBusy);
         QV_TRACE_IF(ctlLevel() > 0, kModule, "Error", "Error while creating data thread. Error = %s", err);
         return 1;
     }
     data_thread_id = thread;
-    qv_store(app->Server.controlCommunicationBusyFlag, 1);
     return 0;
 }
 

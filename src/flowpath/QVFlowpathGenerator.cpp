@@ -58,8 +58,14 @@ long long korEpoch() {
     return app ? qv_load(app->Server.korEpochDiffTime) : 0;
 }
 
+// Times come from the wire and the collector (start times, epoch offsets): any value is possible,
+// so differences wrap instead of overflowing.
+long long wrapSub(long long a, long long b) {
+    return static_cast<long long>(static_cast<unsigned long long>(a) - static_cast<unsigned long long>(b));
+}
+
 long long nowMs() {
-    return my_gettimeofday() - korEpoch();
+    return wrapSub(my_gettimeofday(), korEpoch());
 }
 
 bool testRunning() {
@@ -475,7 +481,7 @@ methodPropProperties* methodExit(void* methodPtr, QVPerThreadData_t* qvTD, char*
     const bool excluded = qvTD->tlIsBTExcluded != 0;
     // Only callout records carry the time of the exit: ordinary exits skip the clock.
     const long long relNow =
-        (ep & (QV_EP_CALLOUT | QV_EP_CUSTOM_CALLOUT)) != 0 ? nowMs() - qvTD->tlFlowPathTimeStampInMS : 0;
+        (ep & (QV_EP_CALLOUT | QV_EP_CUSTOM_CALLOUT)) != 0 ? wrapSub(nowMs(), qvTD->tlFlowPathTimeStampInMS) : 0;
 
     methodPropProperties* callout = nullptr;
     if ((ep & QV_EP_CALLOUT) != 0 && !excluded) {
@@ -736,7 +742,7 @@ void* startFP(char* flowpathinstance, char* url, char* btHeaderValue, char* TLS,
 
     r->qTimeInMS = qTimeInMS;
     // The caller's start time rules, so a caller passing 0 gets a negative start (kept as is).
-    r->tlFlowPathTimeStampInMS = startTimeFP - korEpoch();
+    r->tlFlowPathTimeStampInMS = wrapSub(startTimeFP, korEpoch());
     // Bounded by the field, not by the 1024 the header may be long: the rest is cut.
     if (correlationIdHeader != nullptr)
         escapeURLEncoding(correlationIdHeader, r->tlCorrelationIdHeader, sizeof(r->tlCorrelationIdHeader));
@@ -744,7 +750,7 @@ void* startFP(char* flowpathinstance, char* url, char* btHeaderValue, char* TLS,
 
     bool liveSession = false;
     if (QVCookieStr != nullptr && QVCookieStr[0] != '\0' && parseQVCookieStr(QVCookieStr, r) == 0) {
-        const long long idle = (r->tlFlowPathTimeStampInMS - r->last_fptimestamp_from_cookie) / 1000;
+        const long long idle = wrapSub(r->tlFlowPathTimeStampInMS, r->last_fptimestamp_from_cookie) / 1000;
         if (r->instrumented || r->tlIsForceDump) r->tlIsFPCaptured = 1;
         const int maxCount = qv_load(app->QVSys.maxFPCountInSession);
         const long long idleMax = qv_load(app->QVSys.qvSessionIdleTimeOutSecs);
@@ -797,7 +803,7 @@ void endFP(QVPerThreadData_t* qvTD, int statusCode, char* TLS) {
                     qvTD->flowpathInstance);
         return;
     }
-    qvTD->tlDuration = nowMs() - qvTD->tlFlowPathTimeStampInMS;
+    qvTD->tlDuration = wrapSub(nowMs(), qvTD->tlFlowPathTimeStampInMS);
     qvTD->setEndFPFlag = 1;
     char beginRequest[] = QV_DEFAULT_METHOD_NAME;
     qvMethodExitEx(DefaultMethod, qvTD, beginRequest, 0, statusCode, nullptr, qvTD->tlDuration, 1, 0, 0, TLS);
@@ -839,7 +845,9 @@ void dumpResourceMetaRecord(int id, const char* name) {
     char line[kResourceNameMax + 64];
     int n = snprintf(line, sizeof(line), "%d,%lld,%.*s\n", 26, static_cast<long long>(id), kResourceNameMax,
                      name ? name : "");
-    if (n > 0 && n < static_cast<int>(sizeof(line))) dumpData(line, n);
+    if (n <= 0 || n >= static_cast<int>(sizeof(line))) return;
+    dumpData(line, n);
+    if (qvFlowpathHooks.onResourceMetaRecord != nullptr) qvFlowpathHooks.onResourceMetaRecord(id, name);
 }
 
 void dumpIncompleteFPAtTestStop(QVPerThreadData_t* qvTD) {
@@ -847,7 +855,7 @@ void dumpIncompleteFPAtTestStop(QVPerThreadData_t* qvTD) {
     QVLockGuard guard(qvTD->sequenceBlobLock);
     if (qvTD->flowpathInstanceStr[0] == '\0' || qvTD->setEndFPFlag != 0) return;
     qvTD->setEndFPFlag = 1;
-    qvTD->tlDuration = nowMs() - qvTD->tlFlowPathTimeStampInMS;
+    qvTD->tlDuration = wrapSub(nowMs(), qvTD->tlFlowPathTimeStampInMS);
     const int category = categoryOf(qvTD);
     setCategory(qvTD, category);
     QV_TRACE_IF(fpLevel() > 1, kModule, "Info", "Test stop: writing running FP '%lld' with category %d",
@@ -884,7 +892,7 @@ methodPropProperties* qvMethodEntryEx(void* methodPtr, QVPerThreadData_t* qvTD, 
     }
     QVLockGuard guard(qvTD->sequenceBlobLock);
     if (startTime == 0) startTime = my_gettimeofday();
-    const long long relStart = startTime - korEpoch() - qvTD->tlFlowPathTimeStampInMS;
+    const long long relStart = wrapSub(wrapSub(startTime, korEpoch()), qvTD->tlFlowPathTimeStampInMS);
 
     methodPropProperties* m = resolveMethod(qvTD, methodPtr, mName, true);
     if (m == nullptr) return nullptr;

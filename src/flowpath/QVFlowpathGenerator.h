@@ -44,6 +44,8 @@ struct QVFlowpathHooks {
                                                long long duration, char isError);
     // The BT monitor's doNotDisacrdAnyTransaction byte (non-zero: keep every flowpath).
     char (*doNotDiscardAnyTransaction)();
+    // Told of every resource meta record (26) sent, so the metadata cache can replay it.
+    int (*onResourceMetaRecord)(int id, const char* name);
     // Proxy-mode encoders of the agent message format (one frame each, sent to the proxy).
     void (*transactionStartEncode)(int qTimeMS, long flowpathinstance, char* fp_header, char* url,
                                    char* btHeaderValue, char* qvCookieSet, char* wbCookieSet,

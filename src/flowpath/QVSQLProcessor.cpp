@@ -28,9 +28,6 @@ constexpr long long kLastDefaultQueryId = 5;
 // A cut meta record: the area, then "...\n".
 constexpr int kMetaCutSuffixLen = 4;
 
-const char* const kDefaultQueries[] = {"Unknown", "XA TRANSACTION START", "XA TRANSACTION COMMIT",
-                                       "XA TRANSACTION END", "XA TRANSACTION ROLLBACK"};
-
 int fpTraceLevel() {
     return qvApplication ? qv_load(qvApplication->QVSys.fpTraceLevel) : 0;
 }
@@ -238,7 +235,7 @@ int dumpDBMetaRecord(long long flowpathInstance, long long id, const char* escap
 void dumpDefaultQueryRecords() {
     int recordType = qv_load(QVSQLProcessor.preparedQueryRecordID);
     long long id = 1;
-    for (const char* query : kDefaultQueries) dumpDBMetaRecord(0, id++, query, recordType);
+    for (const char* query : qvDefaultQueries) dumpDBMetaRecord(0, id++, query, recordType);
     qv_store_release(QVSQLProcessor.isDefaultQueryRecordsDumped, 1);
     QV_TRACE_IF(fpTraceLevel() > 0, "FLOWPATH", "Info", "Default query records dumped");
 }
@@ -287,3 +284,7 @@ void qvSQLProcessorResetForTest() {
     // sqllock lives in the control pool for the life of the process.
     QVSQLProcessor = QVSQLProcessor_t{};
 }
+
+const char* const qvDefaultQueries[QV_DEFAULT_QUERY_COUNT] = {"Unknown", "XA TRANSACTION START",
+                                                              "XA TRANSACTION COMMIT", "XA TRANSACTION END",
+                                                              "XA TRANSACTION ROLLBACK"};

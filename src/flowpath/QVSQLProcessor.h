@@ -33,6 +33,10 @@ struct QVSQLProcessor_t {
 
 extern QVSQLProcessor_t QVSQLProcessor;
 
+// Texts of the default queries, ids 1 to 5, sent before the first discovered query.
+#define QV_DEFAULT_QUERY_COUNT 5
+extern const char* const qvDefaultQueries[QV_DEFAULT_QUERY_COUNT];
+
 // Guards the one-time sending of the default query records and the lookup-and-insert of a new
 // query (so one text gets exactly one id). Created by QVSQLProcessorInit.
 extern apr_thread_mutex_t* sqllock;

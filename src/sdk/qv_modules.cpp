@@ -8,8 +8,10 @@
 #include "bt/bt_module.h"
 #include "collector/QVMonitorReporter.h"
 #include "collector/Server.h"
+#include "codec/codec_module.h"
 #include "collector/collector_module.h"
 #include "core/qv_agent.h"
+#include "flowpath/QVFlowpathGenerator.h"
 #include "flowpath/QVMethodHashMap.h"
 #include "flowpath/QVPerThreadData.h"
 #include "flowpath/QVSQLProcessor.h"
@@ -17,6 +19,8 @@
 #include "mm/QVMethodMonitor.h"
 #include "mm/mm_module.h"
 #include "sdk/qv_flowpath_wiring.h"
+#include "tool/QVClientManager.h"
+#include "tool/tool_module.h"
 
 namespace {
 
@@ -58,7 +62,10 @@ void qvlb_register_modules() {
     qv_bt_register_hooks();
     qv_mm_register_hooks();
     qv_backend_register_hooks();
+    qv_codec_register_hooks();
     qvAgentHooks.initMonitors = initMonitors;
+    qv_tool_register_hooks();
     qv_wire_flowpath_hooks();
     wireCollectorCommands();
+    qvFlowpathHooks.onResourceMetaRecord = qvCacheResourceMetaRecord;
 }

@@ -1,0 +1,285 @@
+// Benchmarks of the exported SDK: a method entry and exit pair with its four log lines, an empty
+// transaction with a known BT (begin and end with their records), and the allocations of both.
+#include <benchmark/benchmark.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "backend/QVBackendMonitor.h"
+#include "bt/QVBTMonitor.h"
+#include "collector/QVDataDispatcher.h"
+#include "core/QVConfig.h"
+#include "core/qv_agent.h"
+#include "flowpath/QVFlowpathGenerator.h"
+#include "flowpath/QVPerThreadData.h"
+#include "foundation/qvlb_atomic.h"
+#include "mm/QVMethodMonitor.h"
+#include "sdk/qv_sdk.h"
+
+// Counting interposer: every malloc/calloc/realloc of the process passes here; only calls made
+// while counting is on are counted.
+extern "C" void* __libc_malloc(size_t);
+extern "C" void* __libc_calloc(size_t, size_t);
+extern "C" void* __libc_realloc(void*, size_t);
+static std::atomic<bool> g_counting{false};
+static std::atomic<long> g_allocs{0};
+extern "C" void* malloc(size_t n) noexcept {
+    if (g_counting.load(std::memory_order_relaxed)) g_allocs.fetch_add(1, std::memory_order_relaxed);
+    return __libc_malloc(n);
+}
+extern "C" void* calloc(size_t n, size_t m) noexcept {
+    if (g_counting.load(std::memory_order_relaxed)) g_allocs.fetch_add(1, std::memory_order_relaxed);
+    return __libc_calloc(n, m);
+}
+extern "C" void* realloc(void* p, size_t n) noexcept {
+    if (g_counting.load(std::memory_order_relaxed)) g_allocs.fetch_add(1, std::memory_order_relaxed);
+    return __libc_realloc(p, n);
+}
+
+namespace {
+
+// Reads and discards what arrives on 127.0.0.1.
+class Reader {
+  public:
+    bool start() {
+        fd_ = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof(a);
+        if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 || listen(fd_, 4) != 0 ||
+            getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+            return false;
+        port_ = ntohs(a.sin_port);
+        thread_ = std::thread([this] {
+            std::vector<char> buf(1 << 20);
+            for (;;) {
+                const int c = accept(fd_, nullptr, nullptr);
+                if (c < 0) return;
+                ssize_t n;
+                while ((n = read(c, buf.data(), buf.size())) > 0)
+                    bytes_.fetch_add(n, std::memory_order_relaxed);
+                close(c);
+            }
+        });
+        return true;
+    }
+    void stop() {
+        shutdown(fd_, SHUT_RDWR);
+        close(fd_);
+        if (thread_.joinable()) thread_.join();
+    }
+    int port() const { return port_; }
+    long long bytes() const { return bytes_.load(std::memory_order_relaxed); }
+
+  private:
+    int fd_ = -1;
+    int port_ = 0;
+    std::atomic<long long> bytes_{0};
+    std::thread thread_;
+};
+
+Reader g_reader;
+qvc_servers g_server;
+bool g_ready = false;
+
+// The agent as the SDK starts it, every flowpath captured, the monitors on, and a data thread
+// connected to the reader. Once per process; the agent then lives until exit.
+bool setUpAgent() {
+    static bool done = false;
+    if (done) return g_ready;
+    done = true;
+    char tmpl[] = "/tmp/qvbench_XXXXXX";
+    if (mkdtemp(tmpl) == nullptr) return false;
+    std::string home = std::string(tmpl) + "/";
+    mkdir((home + "logs").c_str(), 0755);
+    setenv("QVHOME", home.c_str(), 1);
+    qv_init_internal(0);
+    if (qvApplication == nullptr) return false;
+    qv_agent_shutdown();  // no collector: the control thread is not needed
+    qv_store(qvAgentStopping, 0);
+    QVProxyInstance_t* app = qvApplication;
+    qv_store(app->QVSys.bciInstrSessionPct, 100);
+    qv_store(app->QVSys.qvcBciDataConnectionHeartBeat, 0);
+    qv_store(QVMethodMonitor.isMethodMonitorOn, '1');
+    qv_store(QVBTMonitor.isBTMonitorOn, '1');
+    setBackendMonitorEnabled(1);
+    if (!g_reader.start()) return false;
+    g_server = {1, static_cast<unsigned int>(g_reader.port()), const_cast<char*>("127.0.0.1")};
+    qvc_server_arr = &g_server;
+    server_arr_size = 1;
+    active_qvc_idx = 0;
+    qv_store(app->QVBCISetting.qvcPort, g_reader.port());
+    qv_store(app->Server.testRunRunning, 1);
+    qv_store(app->Server.retryForDataConn, 1);
+    check_data_thread();
+    while (g_reader.bytes() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    g_ready = true;
+    return true;
+}
+
+char g_bt[] = "/bench/sdk";
+char g_method[] = "bench.Sdk.method";
+
+// As in the engine's benchmark: a new transaction well before the non-service method limit.
+constexpr int kPairsPerTransaction = 20000;
+
+// Keeps the SDK log from growing without bound: it is emptied with each new transaction.
+void truncateSdkLog() {
+    qvSDKLog* log = qv_sdk_log;
+    if (log == nullptr || log->file_fp == nullptr) return;
+    fflush(log->file_fp);
+    if (ftruncate(fileno(log->file_fp), 0) == 0) fseek(log->file_fp, 0, SEEK_SET);
+}
+
+qvBTHandle restart(qvBTHandle h) {
+    truncateSdkLog();
+    qv_bt_end(h);
+    reset(static_cast<QVPerThreadData_t*>(h));
+    return qv_bt_begin(g_bt, nullptr);
+}
+
+void BM_SdkMethodEntryExit(benchmark::State& state) {
+    if (!setUpAgent()) {
+        state.SkipWithError("agent set-up failed");
+        return;
+    }
+    qvBTHandle h = qv_bt_begin(g_bt, nullptr);
+    qv_method_entry(h, g_method);  // the method is known from here on
+    qv_method_exit(h, g_method);
+    int pairs = 1;
+    for (auto _ : state) {
+        qv_method_entry(h, g_method);
+        qv_method_exit(h, g_method);
+        if (++pairs == kPairsPerTransaction) {
+            state.PauseTiming();
+            h = restart(h);
+            pairs = 0;
+            state.ResumeTiming();
+        }
+    }
+    qv_bt_end(h);
+    reset(static_cast<QVPerThreadData_t*>(h));
+}
+BENCHMARK(BM_SdkMethodEntryExit);
+
+// One SDK log line with arguments, and one without, as qv_method_entry writes them.
+void BM_SdkLogLine(benchmark::State& state) {
+    if (!setUpAgent()) {
+        state.SkipWithError("agent set-up failed");
+        return;
+    }
+    const bool withArgs = state.range(0) != 0;
+    long lines = 0;
+    for (auto _ : state) {
+        if (withArgs)
+            qv_sdk_trace_log(2, "qv_method_entry", 123, "Method Called, bt_handle = [%p], method = [%s]",
+                             static_cast<void*>(&lines), g_method);
+        else
+            qv_sdk_trace_log(1, "qv_method_entry", 125, "Method End");
+        if ((++lines & 0xfffff) == 0) {
+            state.PauseTiming();
+            truncateSdkLog();
+            state.ResumeTiming();
+        }
+    }
+}
+BENCHMARK(BM_SdkLogLine)->Arg(1)->Arg(0);
+
+// Begin and end of an empty transaction of a known BT, header and end records included. The
+// record is not given back at qv_bt_end; reset does that outside the measured time, so the pool
+// does not grow.
+void BM_SdkBtBeginEnd(benchmark::State& state) {
+    if (!setUpAgent()) {
+        state.SkipWithError("agent set-up failed");
+        return;
+    }
+    qvBTHandle warm = qv_bt_begin(g_bt, nullptr);  // the BT is known from here on
+    qv_bt_end(warm);
+    reset(static_cast<QVPerThreadData_t*>(warm));
+    long transactions = 0;
+    for (auto _ : state) {
+        const auto t0 = std::chrono::steady_clock::now();
+        qvBTHandle h = qv_bt_begin(g_bt, nullptr);
+        qv_bt_end(h);
+        const auto t1 = std::chrono::steady_clock::now();
+        state.SetIterationTime(std::chrono::duration<double>(t1 - t0).count());
+        reset(static_cast<QVPerThreadData_t*>(h));
+        if ((++transactions & 0xffff) == 0) truncateSdkLog();
+    }
+    state.counters["pool_records"] = qv_load(g_tlsidx);
+}
+BENCHMARK(BM_SdkBtBeginEnd)->UseManualTime();
+
+// Allocations per SDK method pair and per empty transaction once method and BT are known.
+void BM_SdkAllocations(benchmark::State& state) {
+    if (!setUpAgent()) {
+        state.SkipWithError("agent set-up failed");
+        return;
+    }
+    constexpr int kPairs = 10000;
+    constexpr int kTransactions = 1000;
+    long pairAllocs = 0, txAllocs = 0;
+    for (auto _ : state) {
+        qvBTHandle h = qv_bt_begin(g_bt, nullptr);
+        qv_method_entry(h, g_method);
+        qv_method_exit(h, g_method);
+        g_allocs = 0;
+        g_counting = true;
+        for (int i = 0; i < kPairs; ++i) {
+            qv_method_entry(h, g_method);
+            qv_method_exit(h, g_method);
+        }
+        g_counting = false;
+        pairAllocs += g_allocs.load();
+        qv_bt_end(h);
+        reset(static_cast<QVPerThreadData_t*>(h));
+        truncateSdkLog();
+        g_allocs = 0;
+        for (int i = 0; i < kTransactions; ++i) {
+            g_counting = true;
+            h = qv_bt_begin(g_bt, nullptr);
+            qv_bt_end(h);
+            g_counting = false;
+            reset(static_cast<QVPerThreadData_t*>(h));
+        }
+        txAllocs += g_allocs.load();
+    }
+    const double n = static_cast<double>(state.iterations());
+    state.counters["mallocs_per_method_pair"] = static_cast<double>(pairAllocs) / (n * kPairs);
+    state.counters["mallocs_per_transaction"] = static_cast<double>(txAllocs) / (n * kTransactions);
+}
+BENCHMARK(BM_SdkAllocations)->Iterations(5)->Unit(benchmark::kMillisecond);
+
+// Stops the data thread (closing its connection ends the reader's read) and the reader.
+void tearDownAgent() {
+    if (!g_ready) return;
+    qv_store(qvApplication->Server.testRunRunning, 0);
+    qv_agent_shutdown();
+    g_reader.stop();
+    qvc_server_arr = nullptr;
+    server_arr_size = 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    tearDownAgent();
+    return 0;
+}

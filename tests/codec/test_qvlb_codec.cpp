@@ -1,0 +1,609 @@
+// Tests of the proxy-mode frame format: exact frame bytes, the decoder's scan rules, the round
+// trip through the shared decode records, replay into a real agent, and the fuzz corpora.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "backend/QVBackendMonitor.h"
+#include "bt/QVBTManager.h"
+#include "bt/QVMonitorCommon.h"
+#include "bt/QVMonitorDataModel.h"
+#include "codec/codec_module.h"
+#include "codec/qvlb_decode.h"
+#include "codec/qvlb_encode.h"
+#include "collector/QVCServerConfig.h"
+#include "collector/QVDataDispatcher.h"
+#include "collector/Server.h"
+#include "collector/control_thread.h"
+#include "core/qv_agent.h"
+#include "flowpath/QVFlowpathGenerator.h"
+#include "flowpath/QVMethodHashMap.h"
+#include "flowpath/QVPerThreadData.h"
+#include "flowpath/QVSQLProcessor.h"
+#include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_fault.h"
+#include "foundation/qvlb_hashmap.h"
+#include "foundation/qvlb_mt_log.h"
+#include "mm/QVMethodMonitor.h"
+#include "sdk/qv_sdk.h"
+#include "support/loopback_peer.h"
+#include "support/temp_home.h"
+
+namespace {
+
+std::string frame(int len, const char* buf) {
+    return len > 0 ? std::string(buf, static_cast<size_t>(len)) : std::string();
+}
+std::string entryFrame(long fpi, const char* name, const char* q = nullptr, const char* p = nullptr) {
+    char b[4096];
+    return frame(buildMethodEntryFrame(b, sizeof(b), 7, fpi, 11, name, q, p, 99), b);
+}
+std::string exitFrame(long fpi, const char* name, int status = 200, const char* backend = nullptr) {
+    char b[4096];
+    return frame(buildMethodExitFrame(b, sizeof(b), 7, status, 1, 0, 11, 5, fpi, 3, name, backend), b);
+}
+std::string startFrame(long fpi, const char* url, const char* corr = nullptr) {
+    char b[4096];
+    return frame(
+        buildTransactionStartFrame(b, sizeof(b), 4, fpi, nullptr, url, nullptr, nullptr, nullptr, corr, 0),
+        b);
+}
+std::string endFrame(long fpi, int status = 200) {
+    char b[64];
+    return frame(buildTransactionEndFrame(b, sizeof(b), status, fpi), b);
+}
+std::string resetFrame(long fpi) {
+    char b[64];
+    return frame(buildTransactionResetFrame(b, sizeof(b), fpi), b);
+}
+template <class T>
+T at(const std::string& f, size_t off) {
+    T v;
+    memcpy(&v, f.data() + off, sizeof(T));
+    return v;
+}
+void decode(std::string bytes, int appIndex = 0) {
+    decodeMessage(bytes.data(), static_cast<int>(bytes.size()), appIndex);
+}
+
+// A bare instance record and a level-4 trace log in a temporary directory: enough for the scan
+// and the shared records, with no flowpath engine behind them (no test run: startFP does nothing).
+class Codec : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        memset(&app_, 0, sizeof(app_));
+        app_.QVSys.controlTraceLevel = 4;
+        qvApplication = &app_;
+        char tmpl[] = "/tmp/qv_codec_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        trace_log_key = qvlb_init_mt_trace_log_ex(dir_.c_str(), "codec", 4, 10);
+    }
+    void TearDown() override {
+        qvlb_decode_reset_for_test();
+        qvlb_encode_reset_for_test();
+        qvlb_fault_reset();
+        destroy_hashmap(app_.fpi_tls_map);
+        qvlb_trace_log_reset_for_test();
+        qvApplication = nullptr;
+        std::filesystem::remove_all(dir_);
+    }
+    std::string log() const {
+        std::ifstream in(dir_ + "/codec_0");
+        std::stringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+    static int count(const std::string& hay, const std::string& needle) {
+        int n = 0;
+        for (size_t p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + 1)) ++n;
+        return n;
+    }
+    void bindWithMap() {
+        app_.fpi_tls_map = create_hashmap(nullptr);
+        ASSERT_EQ(qvlbSetDecodeInstance(0, &app_), 0);
+    }
+
+    QVProxyInstance_t app_;
+    std::string dir_;
+};
+
+}  // namespace
+
+TEST_F(Codec, FrameBytesAndSizes) {
+    const std::string end = endFrame(0x0102030405060708L, 404);
+    ASSERT_EQ(end.size(), 31u);
+    EXPECT_EQ(end[0], '^');
+    EXPECT_EQ(at<int>(end, 1), 12);
+    EXPECT_EQ(at<int>(end, 5), 31);
+    EXPECT_EQ(at<int>(end, 9), 3);
+    EXPECT_EQ(end[13], '|');
+    EXPECT_EQ(at<int>(end, 14), 404);
+    EXPECT_EQ(at<int>(end, 18), 0);  // padding
+    EXPECT_EQ(at<long>(end, 22), 0x0102030405060708L);
+    EXPECT_EQ(end[30], '\n');
+
+    const std::string rst = resetFrame(42);
+    ASSERT_EQ(rst.size(), 23u);
+    EXPECT_EQ(at<int>(rst, 9), 4);
+    EXPECT_EQ(at<long>(rst, 14), 42);
+    EXPECT_EQ(rst[22], '\n');
+
+    const std::string none = entryFrame(5, nullptr);
+    ASSERT_EQ(none.size(), 63u);
+    EXPECT_EQ(at<int>(none, 14 + 32), 0);
+    EXPECT_EQ(at<int>(none, 14 + 36), 0);
+    EXPECT_EQ(at<int>(none, 14 + 40), 0);
+    EXPECT_EQ(none[62], '\n');
+    EXPECT_EQ(exitFrame(5, nullptr).size(), 71u);
+    EXPECT_EQ(startFrame(5, nullptr).size(), 63u);
+
+    const std::string abc = entryFrame(5, "abc");
+    ASSERT_EQ(abc.size(), 67u);
+    EXPECT_EQ(at<int>(abc, 5), 67);
+    EXPECT_EQ(at<int>(abc, 14 + 32), 4);
+    EXPECT_EQ(abc.substr(62, 3), "abc");
+    EXPECT_EQ(abc[65], '\n');
+    EXPECT_EQ(abc[66], '\0');  // the one filler byte
+
+    // An empty string is present (L = 1, no body, one filler byte); a null one is not.
+    const std::string empty = entryFrame(5, "", nullptr, "");
+    ASSERT_EQ(empty.size(), 65u);
+    EXPECT_EQ(at<int>(empty, 14 + 32), 1);
+    EXPECT_EQ(at<int>(empty, 14 + 40), 1);
+    EXPECT_EQ(empty[62], '\n');
+}
+
+TEST_F(Codec, OversizedFramesAreRefusedAndCounted) {
+    // total_len = 12 + 48 + 3 + (n + 1): n = 131008 makes exactly 131072 bytes.
+    std::string name(131008, 'm');
+    std::vector<char> big(QV_MSG_MAX_FRAME + 16);
+    EXPECT_EQ(buildMethodEntryFrame(big.data(), big.size(), 1, 1, 1, name.c_str(), nullptr, nullptr, 0),
+              QV_MSG_MAX_FRAME);
+    EXPECT_EQ(buildMethodEntryFrame(big.data(), 1000, 1, 1, 1, name.c_str(), nullptr, nullptr, 0),
+              QV_FRAME_NO_ROOM);
+    EXPECT_EQ(buildTransactionEndFrame(nullptr, 64, 1, 1), QV_FRAME_NO_ROOM);
+    name += 'm';
+    EXPECT_EQ(buildMethodEntryFrame(big.data(), big.size(), 1, 1, 1, name.c_str(), nullptr, nullptr, 0),
+              QV_FRAME_TOO_LARGE);
+
+    // Without a data connection a frame that fits is built (through the large buffer) and dropped
+    // silently; one that does not fit is counted and logged.
+    MethodEntryEncode(1, 1, 1, std::string(5000, 'a').c_str(), nullptr, nullptr, 0);
+    EXPECT_EQ(qvlbOversizedFrameCount(), 0);
+    EXPECT_NE(log().find("Msg type 0, Method Entry 5064"), std::string::npos);
+    MethodEntryEncode(1, 1, 1, name.c_str(), nullptr, nullptr, 0);
+    transactionStartEncode(0, 1, nullptr, name.c_str(), nullptr, nullptr, nullptr, nullptr, 0);
+    EXPECT_EQ(qvlbOversizedFrameCount(), 2);
+    EXPECT_EQ(count(log(), "frame larger than 131072 bytes, not sent"), 2);
+    transactionEndEncode(200, 1);
+    EXPECT_NE(log().find("Msg type 3, Method Entry 31"), std::string::npos);
+}
+
+TEST_F(Codec, BackToBackFramesAndOneCutShort) {
+    decode(endFrame(111) + endFrame(222) + endFrame(333).substr(0, 30));
+    EXPECT_EQ(transactionEnd.flowpathinstance, 222);
+    EXPECT_EQ(count(log(), "found ^ "), 3);
+
+    // Nothing is carried over: the rest of the cut frame alone is not a frame.
+    decode(endFrame(333).substr(30));
+    EXPECT_EQ(transactionEnd.flowpathinstance, 222);
+}
+
+TEST_F(Codec, MarkAmongTheLastSixteenBytesIsAnOrdinaryByte) {
+    std::string tail = endFrame(777).substr(0, 16);
+    decode("xyz" + tail);
+    EXPECT_EQ(count(log(), "found ^ "), 0);
+    decode(tail + "x");  // 17 bytes: now the mark is examined (and its frame is incomplete)
+    EXPECT_EQ(count(log(), "found ^ "), 1);
+}
+
+TEST_F(Codec, IncompleteFrameMakesTheScanJumpTwoBytesCountingOne) {
+    // The first mark's header is made of the next bytes and claims far more than is there: the
+    // scan jumps two bytes, over the real frame's mark, which is therefore never seen.
+    decode("^" + endFrame(0x0a0a0a));
+    EXPECT_EQ(count(log(), "found ^ "), 1);
+    EXPECT_EQ(transactionEnd.flowpathinstance, 0);
+
+    // With one byte between, the jump lands on the real mark; the remaining count is then one
+    // more than the bytes left (33 bytes, offset 2: 31 left, 32 counted), yet the frame fits.
+    decode("^x" + endFrame(0x0b0b0b));
+    EXPECT_NE(log().find("found ^ , bytes read = 32"), std::string::npos);
+    EXPECT_EQ(transactionEnd.flowpathinstance, 0x0b0b0b);
+}
+
+TEST_F(Codec, MalformedFramesAreDroppedAndScanningGoesOn) {
+    // Unknown type: logged and skipped; the next frame is handled.
+    std::string unknown = endFrame(5);
+    int type = 9;
+    memcpy(&unknown[9], &type, 4);
+    // A method entry whose name length runs past the frame, and one with a negative length.
+    std::string longName = entryFrame(5, "abc");
+    int bad = 1000;
+    memcpy(&longName[14 + 32], &bad, 4);
+    std::string negative = entryFrame(5, "abc");
+    bad = -1;
+    memcpy(&negative[14 + 40], &bad, 4);
+    // total_len not above header_len, and a header_len that would stretch the record past the
+    // frame: neither may read beyond the bytes given.
+    std::string zeroTotal = endFrame(6);
+    int zero = 0;
+    memcpy(&zeroTotal[5], &zero, 4);
+    std::string hugeHeader = endFrame(6);
+    int neg = -100000;
+    memcpy(&hugeHeader[1], &neg, 4);
+    hugeHeader.resize(20);
+    int t20 = 20;
+    memcpy(&hugeHeader[5], &t20, 4);
+
+    decode(unknown + longName + negative + zeroTotal + hugeHeader + "pad" + endFrame(8));
+    EXPECT_EQ(count(log(), "Unknown message type ;)"), 1);
+    EXPECT_EQ(transactionEnd.flowpathinstance, 8);
+    EXPECT_EQ(MethodEntry.methodName, nullptr);
+
+    std::string ok = entryFrame(5, "abc");
+    EXPECT_EQ(readDataMessage(ok.data() + 14, 47, QV_MSG_METHOD_ENTRY, 0), -1);  // len < S
+    EXPECT_EQ(readDataMessage(nullptr, 100, QV_MSG_METHOD_ENTRY, 0), -1);
+    decodeMessage(nullptr, 10, 0);
+    decodeMessage(ok.data(), -1, 0);
+    decodeMessage(ok.data(), static_cast<int>(ok.size()), 999);  // unbound index
+    EXPECT_EQ(qvlbSetDecodeInstance(QV_DECODE_MAX_INSTANCES, &app_), -1);
+}
+
+TEST_F(Codec, FailedStringAllocationDropsTheWholeFrame) {
+    bindWithMap();
+    const std::string f = entryFrame(5, "name", "query", "param");
+    qvlb_fault_arm(QV_FAULT_MALLOC, 1, 1);  // the second string
+    EXPECT_EQ(decodeFrameRecord(f.data() + 14, static_cast<long long>(f.size()) - 14, QV_MSG_METHOD_ENTRY),
+              -1);
+    EXPECT_EQ(MethodEntry.methodName, nullptr);
+    EXPECT_EQ(MethodEntry.query_string, nullptr);
+    EXPECT_NE(log().find("Out of Memory (size = 6): MethodEntry.query_string for index -1"),
+              std::string::npos);
+    qvlb_fault_arm(QV_FAULT_MALLOC, 0, 1);
+    decode(f);
+    EXPECT_EQ(count(log(), "Message Type 0, Method Entry processed."), 0);
+    decode(f);
+    EXPECT_EQ(count(log(), "Message Type 0, Method Entry processed."), 1);
+}
+
+// Every frame the builders make decodes into the same values: fixed fields and strings, absent
+// strings as null, empty ones as "". Frames are also scanned back to back with noise between.
+TEST_F(Codec, RoundTripOfRandomFrames) {
+    bindWithMap();
+    std::mt19937_64 rng(20240611);
+    auto randStr = [&](std::string& store) -> const char* {
+        const int kind = static_cast<int>(rng() % 6);
+        if (kind == 0) return nullptr;
+        if (kind == 1) {
+            store.clear();
+            return store.c_str();
+        }
+        size_t n = rng() % (kind == 5 ? 3000 : 40);
+        store.resize(n);
+        for (char& c : store) c = static_cast<char>(1 + rng() % 255);  // any byte but NUL, '^' too
+        return store.c_str();
+    };
+    auto same = [](const char* sent, const char* got) {
+        return sent == nullptr ? got == nullptr : (got != nullptr && strcmp(sent, got) == 0);
+    };
+    std::vector<char> buf(QV_MSG_MAX_FRAME);
+    std::string stream;
+    int perType[5] = {0, 0, 0, 0, 0};
+    for (int i = 0; i < 1500; ++i) {
+        std::string s[6];
+        const char* p[6];
+        for (int k = 0; k < 6; ++k) p[k] = randStr(s[k]);
+        const int type = static_cast<int>(rng() % 5);
+        const long fpi = static_cast<long>(rng());
+        const int a = static_cast<int>(rng()), b = static_cast<int>(rng());
+        const long c = static_cast<long>(rng()), d = static_cast<long>(rng());
+        const long long e = static_cast<long long>(rng());
+        int len = 0;
+        switch (type) {
+            case 0:
+                len = buildMethodEntryFrame(buf.data(), buf.size(), a, fpi, c, p[0], p[1], p[2], e);
+                break;
+            case 1:
+                len = buildMethodExitFrame(buf.data(), buf.size(), a, b, a ^ b, b & 1, c, d, fpi, c ^ d, p[0],
+                                           p[1]);
+                break;
+            case 2:
+                len = buildTransactionStartFrame(buf.data(), buf.size(), a, fpi, p[0], p[1], p[2], p[3], p[4],
+                                                 p[5], e);
+                break;
+            case 3:
+                len = buildTransactionEndFrame(buf.data(), buf.size(), a, fpi);
+                break;
+            default:
+                len = buildTransactionResetFrame(buf.data(), buf.size(), fpi);
+                break;
+        }
+        ASSERT_GT(len, 0);
+        size_t sumL = 0, k = 0;
+        const int nStr = type == 0 ? 3 : type == 1 ? 2 : type == 2 ? 6 : 0;
+        for (int j = 0; j < nStr; ++j)
+            if (p[j] != nullptr) sumL += strlen(p[j]) + 1, ++k;
+        const size_t S = type == 0 || type == 2 ? 48 : type == 1 ? 56 : type == 3 ? 16 : 8;
+        ASSERT_EQ(static_cast<size_t>(len), 12 + S + 3 + sumL);
+        ASSERT_EQ(buf[static_cast<size_t>(len) - 1 - k], '\n');
+        ASSERT_EQ(decodeFrameRecord(buf.data() + 14, len - 14, type), 0);
+        switch (type) {
+            case 0:
+                EXPECT_EQ(MethodEntry.var.mid, a);
+                EXPECT_EQ(MethodEntry.var.flowpathinstance, fpi);
+                EXPECT_EQ(MethodEntry.var.threadId, c);
+                EXPECT_EQ(MethodEntry.var.startTime, e);
+                EXPECT_TRUE(same(p[0], MethodEntry.methodName) && same(p[1], MethodEntry.query_string) &&
+                            same(p[2], MethodEntry.urlParameter));
+                break;
+            case 1:
+                EXPECT_EQ(MethodExit.var.mid, a);
+                EXPECT_EQ(MethodExit.var.statusCode, b);
+                EXPECT_EQ(MethodExit.var.eventType, a ^ b);
+                EXPECT_EQ(MethodExit.var.isCallout, b & 1);
+                EXPECT_EQ(MethodExit.var.threadId, c);
+                EXPECT_EQ(MethodExit.var.duration, d);
+                EXPECT_EQ(MethodExit.var.flowpathinstance, fpi);
+                EXPECT_EQ(MethodExit.var.cpuTime, c ^ d);
+                EXPECT_TRUE(same(p[0], MethodExit.methodName) && same(p[1], MethodExit.backend_header));
+                break;
+            case 2:
+                EXPECT_EQ(transactionStart.var.qTimeMS, a);
+                EXPECT_EQ(transactionStart.var.flowpathinstance, fpi);
+                EXPECT_EQ(transactionStart.var.startTimeFP, e);
+                EXPECT_TRUE(same(p[0], transactionStart.fp_header) && same(p[1], transactionStart.url) &&
+                            same(p[2], transactionStart.btHeaderValue) &&
+                            same(p[3], transactionStart.qvCookieSet) &&
+                            same(p[4], transactionStart.wbCookieSet) &&
+                            same(p[5], transactionStart.correlationHeader));
+                break;
+            case 3:
+                EXPECT_EQ(transactionEnd.statuscode, a);
+                EXPECT_EQ(transactionEnd.flowpathinstance, fpi);
+                break;
+            default:
+                EXPECT_EQ(transactionReset.flowpathinstance, fpi);
+                break;
+        }
+        freeFrameStrings(type);
+        if (i < 200) {
+            // Noise without marks between frames never hides one.
+            stream.append(static_cast<size_t>(rng() % 4), 'n');
+            stream.append(buf.data(), static_cast<size_t>(len));
+            ++perType[type];
+        }
+    }
+    // No test run here: Start frames call startFP, which declines; the rest are not found.
+    const std::string before = log();
+    decode(stream);
+    const std::string after = log().substr(before.size());
+    EXPECT_EQ(count(after, "Message Type 0, Method Entry processed."), perType[0]);
+    EXPECT_EQ(count(after, "Message Type 1, Method Exit processed."), perType[1]);
+    EXPECT_EQ(count(after, "Message Type 2, Transaction Start processed."), perType[2]);
+    EXPECT_EQ(count(after, "Message Type 3, Transaction End processed."), perType[3]);
+    EXPECT_EQ(count(after, "Message Type 4, Transaction Reset processed."), perType[4]);
+}
+
+namespace {
+
+// A started agent (no collector: its control thread is stopped) whose flowpath engine the
+// decoder drives, with instance 0 bound to it and a fresh fpi_tls_map.
+class DecodeIntoAgent : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        home_ = std::make_unique<TempAgentHome>();
+        std::filesystem::create_directories(home_->path() + "logs");
+        qv_init_internal(0);
+        app_ = qvApplication;
+        ASSERT_NE(app_, nullptr);
+        qv_agent_shutdown();
+        qv_store(qvAgentStopping, 0);
+        qv_store(app_->QVSys.bciInstrSessionPct, 100);
+        qv_store(app_->Server.testRunRunning, 1);
+        app_->fpi_tls_map = create_hashmap(nullptr);
+        qvlbSetDecodeInstance(0, app_);
+    }
+    void TearDown() override {
+        qvlb_decode_reset_for_test();
+        qv_agent_shutdown();
+        qv_data_dispatcher_reset_for_test();
+        control_thread_reset_for_test();
+        server_reset_for_test();
+        qvc_server_config_reset_for_test();
+        qv_sdk_reset_for_test();
+        qvMethodMonitorResetForTest();
+        qvBackendMonitorResetForTest();
+        qvSQLProcessorResetForTest();
+        qvbt_manager_reset_for_test();
+        qvMonitorDataModelResetForTest();
+        qvMonitorCommonResetForTest();
+        qvFlowpathGeneratorResetForTest();
+        qv_flowpath_pool_reset_for_test();
+        qvMethodRegistryResetForTest();
+        qvAgentHooks = QVAgentHooks{};
+        if (app_ != nullptr) destroy_hashmap(app_->fpi_tls_map);
+        qv_agent_reset_for_test();
+        home_.reset();
+    }
+    QVPerThreadData_t* lookup(long fpi) {
+        char key[9];
+        fpiTlsMapKey(fpi, key);
+        return static_cast<QVPerThreadData_t*>(search_hashmap(app_->fpi_tls_map, key));
+    }
+
+    std::unique_ptr<TempAgentHome> home_;
+    QVProxyInstance_t* app_ = nullptr;
+};
+
+}  // namespace
+
+TEST_F(DecodeIntoAgent, EventsReachTheFlowpathWithTheirArguments) {
+    const long x = 0x1111111111111111L, y = 0x2222222222222222L;
+    decode(startFrame(x, "/shop/cart?item=3", "corr-1") + startFrame(y, "/other"));
+    QVPerThreadData_t* tx = lookup(x);
+    QVPerThreadData_t* ty = lookup(y);
+    ASSERT_NE(tx, nullptr);
+    ASSERT_NE(ty, nullptr);
+    EXPECT_NE(tx, ty);
+    EXPECT_EQ(tx->flowpathInstance, x);
+    EXPECT_STREQ(tx->tlURL, "/shop/cart");
+    EXPECT_STREQ(tx->tlURLParameters, "item=3");
+    EXPECT_STREQ(tx->tlCorrelationIdHeader, "corr-1");
+    EXPECT_EQ(tx->qTimeInMS, 4);
+
+    const long long seqBefore = tx->seqNum;
+    decode(entryFrame(x, "M1", "select 1", "p=q") + exitFrame(x, "M1", 500));
+    EXPECT_EQ(tx->seqNum, seqBefore + 2);
+    EXPECT_STREQ(tx->tlURLParameters, "p=q");
+    EXPECT_EQ(tx->agentThreadID, 11);
+    EXPECT_EQ(tx->tlStatusCode, 500);
+    EXPECT_EQ(ty->seqNum, 1);  // only its pseudo-method
+
+    // An End keeps the map entry; a Reset acts on the last End's transaction (x), whatever
+    // instance it names itself.
+    const int freeBefore = qv_load(gFreeTLSCnt);
+    decode(endFrame(x, 200));
+    EXPECT_EQ(tx->setEndFPFlag, 1);
+    EXPECT_EQ(lookup(x), tx);
+    decode(resetFrame(y));
+    EXPECT_EQ(lookup(x), nullptr);
+    EXPECT_EQ(lookup(y), ty);
+    EXPECT_EQ(qv_load(gFreeTLSCnt), freeBefore + 1);
+    // A second Reset finds nothing under x any more.
+    decode(resetFrame(y));
+    EXPECT_EQ(lookup(y), ty);
+    EXPECT_EQ(count_hashmap(app_->fpi_tls_map), 1u);
+
+    // Frames of an unknown transaction change nothing.
+    decode(entryFrame(0x3333L, "M2") + endFrame(0x3333L));
+    EXPECT_EQ(ty->seqNum, 1);
+}
+
+// Replays every input kept from fuzzing (crashes found and fixed, and the seed corpus) through
+// the decoder into a live agent, as the fuzz harness does.
+TEST_F(DecodeIntoAgent, FuzzCorporaReplay) {
+    int files = 0;
+    for (const char* sub : {"/fuzz/regressions", "/fuzz/corpus"}) {
+        const std::string dir = std::string(QV_SOURCE_DIR) + sub;
+        if (!std::filesystem::is_directory(dir)) continue;
+        for (const auto& ent : std::filesystem::directory_iterator(dir)) {
+            if (!ent.is_regular_file()) continue;
+            std::ifstream in(ent.path(), std::ios::binary);
+            std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+            decode(bytes);
+            // Transactions left running are ended as at a test stop, as the harness does.
+            dumpFpFromBusyList();
+            clear_hashmap(app_->fpi_tls_map);
+            ++files;
+        }
+    }
+    EXPECT_GT(files, 0);
+}
+
+// Frames from several threads at once reach one data connection whole: no frame is torn or
+// interleaved with another, and every one decodes.
+TEST(CodecConcurrency, ConcurrentEncodersNeverInterleaveOnTheWire) {
+    LoopbackPeer peer;
+    ASSERT_TRUE(peer.start());
+    QVProxyInstance_t app;
+    memset(&app, 0, sizeof(app));
+    qvApplication = &app;
+    char ip[] = "127.0.0.1";
+    app.QVSys.proxyMode = 1;
+    app.QVSys.proxyIP = ip;
+    app.QVSys.proxyPort = peer.port();
+    app.QVSys.dataConnState = 1;
+    app.QVSys.dataBuffMaxCount = 4;
+    app.QVSys.bciDataBufferMaxSize = 4096;
+    ASSERT_EQ(buff_list_init(), 0);
+    qv_store(app.Server.testRunRunning, 1);
+    qv_store(app.Server.retryForDataConn, 1);
+    ASSERT_EQ(check_data_thread(), 0);
+    // Frames follow the connection's request line (and its extra newline), so nothing else lands
+    // between them.
+    ASSERT_TRUE(peer.waitFor(
+        [&] {
+            const std::string b = peer.bytes(0);
+            return b.rfind("qv_data_msg_req:", 0) == 0 && b.size() > 2 &&
+                   b.compare(b.size() - 2, 2, "\n\n") == 0;
+        },
+        20000));
+
+    constexpr int kThreads = 4, kFrames = 300;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            std::string name(static_cast<size_t>(10 + t * 700), static_cast<char>('a' + t));
+            for (int i = 0; i < kFrames; ++i) {
+                MethodEntryEncode(t, 1000 + t, t, name.c_str(), nullptr, "u", i);
+                transactionEndEncode(i, 1000 + t);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    // Each thread's frames: one entry (name 10 + 700 t bytes) and one end per iteration.
+    size_t expected = 0;
+    for (int t = 0; t < kThreads; ++t) expected += kFrames * (63 + (10 + 700 * t) + 1 + 2 + 31);
+    ASSERT_TRUE(peer.waitFor([&] { return peer.bytes(0).size() >= expected; }, 20000));
+    qv_data_dispatcher_reset_for_test();
+
+    // The connection starts with its request line and the new-connection record (no '^').
+    const std::string got = peer.bytes(0);
+    size_t pos = got.find('^');
+    ASSERT_NE(pos, std::string::npos);
+    int frames = 0;
+    while (pos < got.size()) {
+        ASSERT_EQ(got[pos], '^') << "torn frame at byte " << pos;
+        const int total = at<int>(got, pos + 5);
+        const int type = at<int>(got, pos + 9);
+        ASSERT_LE(pos + static_cast<size_t>(total), got.size());
+        ASSERT_EQ(decodeFrameRecord(got.data() + pos + 14, total - 14, type), 0);
+        if (type == QV_MSG_METHOD_ENTRY) {
+            const int t = MethodEntry.var.mid;
+            EXPECT_EQ(MethodEntry.var.flowpathinstance, 1000 + t);
+            EXPECT_EQ(strlen(MethodEntry.methodName), static_cast<size_t>(10 + t * 700));
+        }
+        freeFrameStrings(type);
+        pos += static_cast<size_t>(total);
+        ++frames;
+    }
+    EXPECT_EQ(frames, kThreads * kFrames * 2);
+    qvlb_decode_reset_for_test();
+    qvApplication = nullptr;
+}
+
+// Two decoder threads share the process-wide records; the decoder serialises them.
+TEST(CodecConcurrency, ConcurrentDecodersAreSerialised) {
+    QVProxyInstance_t app;
+    memset(&app, 0, sizeof(app));
+    qvApplication = &app;
+    app.fpi_tls_map = create_hashmap(nullptr);
+    qvlbSetDecodeInstance(0, &app);
+    std::string stream;
+    for (int i = 0; i < 50; ++i)
+        stream += entryFrame(i, "name", "q", "p") + endFrame(i) + startFrame(i, "/u");
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t)
+        threads.emplace_back([&stream] {
+            for (int r = 0; r < 20; ++r) decode(stream);
+        });
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(transactionEnd.flowpathinstance, 49);
+    EXPECT_EQ(MethodEntry.methodName, nullptr);
+    qvlb_decode_reset_for_test();
+    destroy_hashmap(app.fpi_tls_map);
+    qvApplication = nullptr;
+}

@@ -1,0 +1,445 @@
+// Tests of the SDK's own parts: the SDK log file (name, header, prefixes, levels, failures), the
+// argument checks with their log lines, the stored-transaction table, backend lookup for callouts,
+// and qv_init/qv_free cycles.
+#include "sdk/qv_sdk.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "backend/QVBackendMonitor.h"
+#include "bt/QVBTManager.h"
+#include "bt/QVMonitorCommon.h"
+#include "bt/QVMonitorDataModel.h"
+#include "collector/QVCServerConfig.h"
+#include "collector/QVDataDispatcher.h"
+#include "collector/Server.h"
+#include "collector/control_thread.h"
+#include "core/qv_agent.h"
+#include "flowpath/QVFlowpathGenerator.h"
+#include "flowpath/QVMethodHashMap.h"
+#include "flowpath/QVPerThreadData.h"
+#include "flowpath/QVSQLProcessor.h"
+#include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_fault.h"
+#include "mm/QVMethodMonitor.h"
+#include "support/temp_home.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string l; std::getline(in, l);) out.push_back(l);
+    return out;
+}
+
+// Prefix of a level 1..5 line up to the function name, as a regex.
+std::string prefixRe(const std::string& word, const std::string& func) {
+    return R"(\d{2}-[A-Z][a-z]{2}-\d{2} \d{2}:\d{2}:\d{2} \|)" + std::to_string(getpid()) + " \\|" + word +
+           " \\|" + func + R"( : \d+ \|)";
+}
+
+std::string reEscape(const std::string& s) {
+    return std::regex_replace(s, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
+}
+
+class SdkTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        home_ = std::make_unique<TempAgentHome>();
+        fs::create_directories(home_->path() + "logs");
+    }
+    void TearDown() override {
+        qvlb_fault_reset();
+        if (agentStarted_) {
+            qv_agent_shutdown();
+            qv_data_dispatcher_reset_for_test();
+            control_thread_reset_for_test();
+            server_reset_for_test();
+            qvc_server_config_reset_for_test();
+        }
+        qv_sdk_reset_for_test();
+        if (agentStarted_) {
+            qvMethodMonitorResetForTest();
+            qvBackendMonitorResetForTest();
+            qvSQLProcessorResetForTest();
+            qvbt_manager_reset_for_test();
+            qvMonitorDataModelResetForTest();
+            qvMonitorCommonResetForTest();
+            qvFlowpathGeneratorResetForTest();
+            qv_flowpath_pool_reset_for_test();
+            qvMethodRegistryResetForTest();
+            qvAgentHooks = QVAgentHooks{};
+            qv_agent_reset_for_test();
+        }
+        home_.reset();
+    }
+    // The SDK's start-up without its pause; the control thread is stopped again since no
+    // collector exists here.
+    void startSdk() {
+        qv_init_internal(0);
+        agentStarted_ = true;
+        ASSERT_NE(qvApplication, nullptr);
+        qv_agent_shutdown();
+        qv_store(qvAgentStopping, 0);
+    }
+    std::string logName() const {
+        qvSDKLog* rec = qv_sdk_log;
+        return rec != nullptr ? rec->file_name[0] : "";
+    }
+    std::string log() const {
+        qv_sdk_log_flush();
+        return readFile(logName());
+    }
+    // Whether a line of the SDK log matches the regex exactly.
+    bool hasLine(const std::string& re) const {
+        std::regex r(re);
+        for (const std::string& l : lines(log()))
+            if (std::regex_match(l, r)) return true;
+        return false;
+    }
+
+    std::unique_ptr<TempAgentHome> home_;
+    bool agentStarted_ = false;
+    int x_ = 0;  // stands for a handle where only its being non-null matters
+};
+
+TEST_F(SdkTest, LogFileNameHeaderPrefixesAndLevels) {
+    qvSDKLog* rec = qv_sdk_log_init();
+    ASSERT_NE(rec, nullptr);
+    EXPECT_EQ(g_qv_sdk_log_init, 1);
+    EXPECT_EQ(rec->max_file_size, 10485760);
+    const std::string pid = std::to_string(getpid());
+    EXPECT_TRUE(
+        std::regex_match(std::string(rec->file_name[0]),
+                         std::regex(reEscape(home_->path()) + R"(logs/qv_sdk_\d{14}_)" + pid + R"(\.log_0)")))
+        << rec->file_name[0];
+    std::string second = rec->file_name[0];
+    second.back() = '1';
+    EXPECT_EQ(std::string(rec->file_name[1]), second);
+    EXPECT_FALSE(fs::exists(second));  // formed, never opened
+
+    const std::string header = "#Date      TimeStamp|PID   |level|function_name:line|format\n";
+    EXPECT_EQ(readFile(rec->file_name[0]), header);  // flushed at once
+    EXPECT_EQ(rec->cur_file_size, static_cast<int>(header.size()));
+
+    const char* words[] = {"DEBUG", "INFO", "WARNING", "CRITICAL", "ERROR"};
+    for (int level = 1; level <= 5; ++level) EXPECT_EQ(rec->log(level, "fn", 40 + level, "msg %d", level), 0);
+    EXPECT_EQ(rec->log(7, "fn", 7, "no prefix at %s", "seven"), 0);
+    EXPECT_EQ(rec->log(0, "fn", 0, "none at zero"), 0);
+
+    std::vector<std::string> got = lines(log());
+    ASSERT_EQ(got.size(), 8u);
+    EXPECT_EQ(got[0] + "\n", header);
+    int prefixBytes = 0;
+    for (int level = 1; level <= 5; ++level) {
+        const std::string& l = got[level];
+        EXPECT_TRUE(std::regex_match(
+            l, std::regex(prefixRe(words[level - 1], "fn") + "msg " + std::to_string(level))))
+            << l;
+        EXPECT_NE(l.find(" : " + std::to_string(40 + level) + " |"), std::string::npos) << l;
+        prefixBytes += static_cast<int>(l.size() - std::string("msg 1").size());
+    }
+    EXPECT_EQ(got[6], "no prefix at seven");
+    EXPECT_EQ(got[7], "none at zero");
+    // Only prefixes count; messages and newlines do not.
+    EXPECT_EQ(rec->cur_file_size, static_cast<int>(header.size()) + prefixBytes);
+}
+
+TEST_F(SdkTest, LogFormatsLikePrintfAndCutsLongLines) {
+    qvSDKLog* rec = qv_sdk_log_init();
+    ASSERT_NE(rec, nullptr);
+    int x = 0;
+    char expect[256];
+    snprintf(expect, sizeof(expect), "p=[%p] d=[%d] ld=[%ld] lld=[%lld] u=[%u] 100%% s=[%s]",
+             static_cast<void*>(&x), INT_MIN, LONG_MAX, LLONG_MIN, UINT_MAX, "txt");
+    rec->log(7, "fn", 1, "p=[%p] d=[%d] ld=[%ld] lld=[%lld] u=[%u] 100%% s=[%s]", static_cast<void*>(&x),
+             INT_MIN, LONG_MAX, LLONG_MIN, UINT_MAX, "txt");
+    const char* nullText = nullptr;
+    rec->log(7, "fn", 1, "null s=[%s] p=[%p]", nullText, static_cast<void*>(nullptr));
+    // Conversions with flags or widths go through printf itself.
+    rec->log(7, "fn", 1, "w=[%5d] x=[%x] f=[%.2f]", 42, 255, 1.5);
+    const std::string big(20000, 'q');
+    rec->log(1, "fn", 1, "big %s", big.c_str());
+    rec->log(7, "fn", 1, "after");
+
+    // Digit edge cases, compared with printf itself.
+    const long long values[] = {0,    1,     9,  10,  15,   16,      99,           100,       255,      256,
+                                1000, 65535, -1, -10, -100, INT_MAX, 4294967295LL, 1LL << 40, LLONG_MAX};
+    std::vector<std::string> digitLines;
+    for (long long v : values) {
+        void* ptr = reinterpret_cast<void*>(static_cast<uintptr_t>(v));
+        char want[160];
+        snprintf(want, sizeof(want), "%d %u %lld %p", static_cast<int>(v), static_cast<unsigned>(v), v, ptr);
+        digitLines.push_back(want);
+        rec->log(7, "fn", 1, "%d %u %lld %p", static_cast<int>(v), static_cast<unsigned>(v), v, ptr);
+    }
+
+    std::vector<std::string> got = lines(log());
+    ASSERT_EQ(got.size(), 6u + digitLines.size());
+    for (size_t i = 0; i < digitLines.size(); ++i) EXPECT_EQ(got[6 + i], digitLines[i]);
+    EXPECT_EQ(got[1], expect);
+    EXPECT_EQ(got[2], "null s=[(null)] p=[(nil)]");
+    EXPECT_EQ(got[3], "w=[   42] x=[ff] f=[1.50]");
+    EXPECT_EQ(got[4].size(), static_cast<size_t>(QV_SDK_LOG_LINE_MAX - 1));  // cut, newline kept
+    EXPECT_EQ(got[5], "after");
+}
+
+TEST_F(SdkTest, MissingLogDirectoryAndFailedAllocationGoToStderr) {
+    fs::remove_all(home_->path() + "logs");
+    testing::internal::CaptureStderr();
+    qvSDKLog* rec = qv_sdk_log_init();
+    std::string err = testing::internal::GetCapturedStderr();
+    ASSERT_NE(rec, nullptr);
+    EXPECT_EQ(rec->file_fp, nullptr);
+    EXPECT_EQ(rec->log, &qv_sdk_trace_log);
+    EXPECT_TRUE(std::regex_match(
+        err, std::regex(R"(ERROR \|qv_sdk_create_file_name: \d+ \|Unable to open file: )" +
+                        reEscape(rec->file_name[0]) + R"(\nERROR \|qv_sdk_log_init: \d+ \|Method Exit\n)")))
+        << err;
+
+    // Every later line reports the missing file; the SDK functions go on working.
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(rec->log(1, "fn", 1, "x"), -1);
+    EXPECT_EQ(qv_bt_begin(nullptr, nullptr), nullptr);
+    err = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(std::regex_match(
+        err, std::regex(R"((ERROR \|qv_sdk_trace_log: \d+ \|qv_sdk_log->file_fp is \(null\) \n){2})")))
+        << err;
+    qv_sdk_reset_for_test();
+
+    // Without the record nothing is logged at all.
+    qvlb_fault_arm(QV_FAULT_MALLOC, 0, 1);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(qv_sdk_log_init(), nullptr);
+    EXPECT_EQ(qv_bt_end(nullptr), -1);
+    err = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(std::regex_match(
+        err, std::regex(R"(ERROR \|qv_sdk_log_init: \d+ \|Memory allocation of qvSDKLog failed\n)")))
+        << err;
+    EXPECT_EQ(g_qv_sdk_log_init, 0);
+    EXPECT_EQ(qv_sdk_log, nullptr);
+}
+
+TEST_F(SdkTest, ArgumentErrorsAreRefusedAndLogged) {
+    // Before qv_init every function runs and logs nothing.
+    EXPECT_EQ(qv_bt_begin(nullptr, nullptr), nullptr);
+    EXPECT_EQ(qv_bt_get(const_cast<char*>("id")), nullptr);
+    qv_bt_store(&x_, const_cast<char*>("id"));
+    EXPECT_EQ(qv_bt_get(const_cast<char*>("id")), nullptr);
+
+    ASSERT_NE(qv_sdk_log_init(), nullptr);
+    char empty[] = "";
+    char name[] = "n";
+    EXPECT_EQ(qv_bt_begin(nullptr, name), nullptr);
+    EXPECT_EQ(qv_bt_begin(empty, nullptr), nullptr);
+    qv_method_entry(nullptr, name);
+    qv_method_exit(&x_, empty);
+    qv_method_exit(&x_, nullptr);
+    EXPECT_EQ(qv_bt_end(nullptr), -1);
+    qv_bt_store(nullptr, name);
+    qv_bt_store(&x_, empty);
+    EXPECT_EQ(qv_bt_get(nullptr), nullptr);
+    EXPECT_EQ(qv_bt_get(empty), nullptr);
+    EXPECT_EQ(qv_ip_db_callout_begin(&x_, name, nullptr), nullptr);
+    EXPECT_EQ(qv_ip_db_callout_begin(nullptr, name, name), nullptr);
+    EXPECT_EQ(qv_ip_db_callout_end(&x_, nullptr), -1);
+    EXPECT_EQ(qv_ip_http_callout_begin(&x_, empty, name), nullptr);
+    EXPECT_EQ(qv_ip_http_callout_end(nullptr, &x_), -1);
+    EXPECT_EQ(qv_bt_add_error(nullptr, 3, nullptr, 1), 0);
+    EXPECT_EQ(qv_bt_add_error(&x_, 1, name, 0), 0);
+
+    const std::string p = "0x[0-9a-f]+";
+    const std::string E = "ERROR";
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {prefixRe(E, "qv_bt_begin"), reEscape("ERROR: Invalid Argument Passed, bt_name = [(null)]")},
+        {prefixRe(E, "qv_bt_begin"), reEscape("ERROR: Invalid Argument Passed, bt_name = []")},
+        {prefixRe(E, "qv_method_entry"),
+         reEscape("ERROR: Invalid Arguments, bt_handle = [(nil)], method = [n]")},
+        {prefixRe(E, "qv_method_exit"),
+         reEscape("ERROR: Invalid Arguments, bt_handle = [") + p + reEscape("], method = []")},
+        {prefixRe(E, "qv_method_exit"),
+         reEscape("ERROR: Invalid Arguments, bt_handle = [") + p + reEscape("], method = [(null)]")},
+        {prefixRe(E, "qv_bt_end"), reEscape("ERROR: Invalid Argument Passed, bt_handle = [(nil)]")},
+        {prefixRe(E, "qv_bt_store"),
+         reEscape("ERROR: Invalid Arguments Passed, bt_handle = [(nil)], unique_bt_id = [n]")},
+        {prefixRe(E, "qv_bt_store"),
+         reEscape("ERROR: Invalid Arguments Passed, bt_handle = [") + p + reEscape("], unique_bt_id = []")},
+        {prefixRe(E, "qv_bt_get"), reEscape("ERROR: Invalid Argument Passed, unique_bt_id = [(null)]")},
+        {prefixRe(E, "qv_bt_get"), reEscape("ERROR: Invalid Argument Passed, unique_bt_id = []")},
+        // Deliberately DEBUG, unlike the others.
+        {prefixRe("DEBUG", "qv_ip_db_callout_begin"),
+         reEscape("Error: Invalid argument passed. bt_handle = [") + p +
+             reEscape("], db_host = [n], db_query = [(null)]")},
+        {prefixRe("DEBUG", "qv_ip_db_callout_begin"),
+         reEscape("Error: Invalid argument passed. bt_handle = [(nil)], db_host = [n], db_query = [n]")},
+        {prefixRe(E, "qv_ip_db_callout_end"),
+         reEscape("Error: Invalid argument passed. bt_handle = [") + p + reEscape("], ip_handle = [(nil)]")},
+        {prefixRe(E, "qv_ip_http_callout_begin"), reEscape("Error: Invalid argument passed. bt_handle = [") +
+                                                      p + reEscape("], http_host = [], url = [n]")},
+        {prefixRe(E, "qv_ip_http_callout_end"),
+         reEscape("Error: Invalid argument passed.bt_handle = [(nil)], ip_handle = [") + p + "\\]"},
+    };
+    std::vector<std::string> got = lines(log());
+    ASSERT_EQ(got.size(), expected.size() + 1) << log();  // header first, qv_bt_add_error logs nothing
+    for (size_t i = 0; i < expected.size(); ++i)
+        EXPECT_TRUE(std::regex_match(got[i + 1], std::regex(expected[i].first + expected[i].second)))
+            << "line " << i + 1 << ": " << got[i + 1];
+}
+
+TEST_F(SdkTest, StoreKeepsFirstHandleAndGetFindsIt) {
+    startSdk();
+    ASSERT_NE(g_bt_hash, nullptr);
+    ASSERT_NE(bt_lock, nullptr);
+    int h1 = 0, h2 = 0;
+    char id[] = "order-1";
+    qv_bt_store(&h1, id);
+    id[0] = 'X';  // the table keeps its own copy of the id
+    EXPECT_EQ(qv_bt_get(const_cast<char*>("order-1")), &h1);
+    qv_bt_store(&h2, const_cast<char*>("order-1"));
+    EXPECT_EQ(qv_bt_get(const_cast<char*>("order-1")), &h1);
+    EXPECT_EQ(qv_bt_get(const_cast<char*>("never")), nullptr);
+    EXPECT_EQ(qv_bt_get(id), nullptr);
+
+    EXPECT_TRUE(
+        hasLine(prefixRe("DEBUG", "qv_bt_store") + reEscape("Business transaction stored successfully.")));
+    EXPECT_TRUE(hasLine(prefixRe("INFO", "qv_bt_store") + "Method END"));
+    EXPECT_TRUE(hasLine(prefixRe("ERROR", "qv_bt_store") +
+                        reEscape("ERROR: Business transaction already exists. unique_bt_id = [order-1]")));
+    EXPECT_TRUE(hasLine(prefixRe("INFO", "qv_bt_get") + reEscape("Method Called, unique_bt_id = [never]")));
+    EXPECT_TRUE(hasLine(prefixRe("DEBUG", "qv_bt_get") + reEscape("Method End, bt_handle = [(nil)]")));
+}
+
+TEST_F(SdkTest, InitSetsUpAgentAndFreeReleasesEverythingTwice) {
+    startSdk();
+    EXPECT_STREQ(qvApplication->QVBCISetting.agentType, "skd");
+    EXPECT_NE(sdk_pool, nullptr);
+    const std::string first = logName();
+    EXPECT_TRUE(hasLine(prefixRe("INFO", "qv_init_internal") + "Method Called, sdk_pool created"));
+    EXPECT_TRUE(hasLine(prefixRe("DEBUG", "qv_init_internal") + "Method End"));
+    int h = 0;
+    qv_bt_store(&h, const_cast<char*>("a"));
+
+    qv_free();
+    EXPECT_EQ(qv_sdk_log, nullptr);
+    EXPECT_EQ(g_qv_sdk_log_init, 0);
+    EXPECT_EQ(g_bt_hash, nullptr);
+    EXPECT_EQ(bt_lock, nullptr);
+    EXPECT_EQ(sdk_pool, nullptr);
+    // The last line was written and flushed before the record went away.
+    std::vector<std::string> got = lines(readFile(first));
+    ASSERT_GE(got.size(), 2u);
+    EXPECT_TRUE(
+        std::regex_match(got[got.size() - 2], std::regex(prefixRe("INFO", "qv_free") + "Method Called")));
+    EXPECT_TRUE(std::regex_match(got.back(), std::regex(prefixRe("DEBUG", "qv_free") + "Method End")));
+
+    // After qv_free nothing touches the released log or table (ASan would see it).
+    EXPECT_EQ(qv_bt_get(const_cast<char*>("a")), nullptr);
+    qv_bt_store(&h, const_cast<char*>("a"));
+    EXPECT_EQ(qv_bt_end(nullptr), -1);
+    qv_free();
+
+    // A second cycle starts a new log and a new table.
+    qv_init_internal(0);
+    ASSERT_NE(qv_sdk_log, nullptr);
+    ASSERT_NE(g_bt_hash, nullptr);
+    EXPECT_EQ(qv_bt_get(const_cast<char*>("a")), nullptr);
+    qv_bt_store(&h, const_cast<char*>("a"));
+    EXPECT_EQ(qv_bt_get(const_cast<char*>("a")), &h);
+    EXPECT_TRUE(hasLine(prefixRe("INFO", "qv_init_internal") + "Method Called, sdk_pool created"));
+    qv_free();
+    EXPECT_EQ(qv_sdk_log, nullptr);
+}
+
+TEST_F(SdkTest, PublicInitPauseEndsWhenAgentShutsDown) {
+    std::thread t([] { qv_init(); });
+    // The pause starts after the table exists; shutting the agent down ends it.
+    while (qv_load_acquire(g_bt_hash) == nullptr) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    agentStarted_ = true;
+    qv_agent_shutdown();
+    t.join();
+    qv_store(qvAgentStopping, 0);
+    EXPECT_STREQ(qvApplication->QVBCISetting.agentType, "skd");
+    EXPECT_TRUE(hasLine(prefixRe("DEBUG", "qv_init_internal") + "Method End"));
+}
+
+TEST_F(SdkTest, CalloutBackendIsCreatedOnceWithItsTypeAndMonitorSlot) {
+    startSdk();
+    char host[] = "db.example";
+    methodPropProperties* created = ipCallOutSearchUpdate(host, 2, nullptr);
+    ASSERT_NE(created, nullptr);
+    EXPECT_EQ(created->type, 2);
+    EXPECT_STREQ(created->methodName, "db.example");
+    ASSERT_GT(QVBackendMonitor.aggDataArraySize, created->methodId);
+    EXPECT_EQ(QVBackendMonitor.aggIPDataArr[created->methodId].mpp, created);
+    EXPECT_EQ(ipCallOutSearchUpdate(host, 2, nullptr), created);
+    char web[] = "web.example";
+    methodPropProperties* http = ipCallOutSearchUpdate(web, 1, methodHashMapNode);
+    ASSERT_NE(http, nullptr);
+    EXPECT_EQ(http->type, 1);
+    EXPECT_NE(http->methodId, created->methodId);
+    EXPECT_EQ(ipCallOutSearchUpdate(nullptr, 1, nullptr), nullptr);
+    EXPECT_EQ(ipCallOutSearchUpdate(const_cast<char*>(""), 1, nullptr), nullptr);
+
+    const std::string all = log();
+    auto count = [&](const std::string& needle) {
+        int n = 0;
+        for (size_t p = all.find(needle); p != std::string::npos; p = all.find(needle, p + 1)) ++n;
+        return n;
+    };
+    EXPECT_EQ(count("|Adding ip_name = [db.example], to hashmap"), 1);
+    EXPECT_EQ(count("|ip_name found in hashmap, ip_name = [db.example]"), 1);
+    EXPECT_EQ(count("|Going to increament backend data array"), 2);
+}
+
+TEST_F(SdkTest, OversizedInputsAreCutAndNothingBreaks) {
+    startSdk();
+    qv_store(qvApplication->Server.testRunRunning, 1);  // transactions start; records have no buffers
+    std::string huge(100000, 'x');
+    std::string hugeQuery = "select '" + std::string(50000, 'q') + "'";
+    qvBTHandle h = qv_bt_begin(huge.data(), huge.data());
+    ASSERT_NE(h, nullptr);
+    EXPECT_LE(strlen(static_cast<QVPerThreadData_t*>(h)->tlURL), 511u);
+    qv_method_entry(h, huge.data());
+    qvIPCallOutHandle db = qv_ip_db_callout_begin(h, huge.data(), hugeQuery.data());
+    ASSERT_NE(db, nullptr);
+    EXPECT_EQ(qv_ip_db_callout_end(h, db), 0);
+    qvIPCallOutHandle http = qv_ip_http_callout_begin(h, const_cast<char*>("h"), huge.data());
+    EXPECT_EQ(qv_ip_http_callout_end(h, http), 0);
+    qv_method_exit(h, huge.data());
+    qv_bt_store(h, huge.data());
+    EXPECT_EQ(qv_bt_get(huge.data()), h);
+    EXPECT_EQ(qv_bt_end(h), 0);
+    // Every line of the log is within the line limit; the long name is in it, cut.
+    bool cut = false;
+    for (const std::string& l : lines(log())) {
+        EXPECT_LT(l.size(), static_cast<size_t>(QV_SDK_LOG_LINE_MAX));
+        if (l.find("|INFO |qv_bt_begin : ") != std::string::npos &&
+            l.find("|Method Called, bt_name = [" + std::string(1000, 'x')) != std::string::npos)
+            cut = l.size() == QV_SDK_LOG_LINE_MAX - 1;
+    }
+    EXPECT_TRUE(cut);
+}
+
+}  // namespace

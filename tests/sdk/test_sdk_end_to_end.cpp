@@ -1,0 +1,543 @@
+// End-to-end tests of the SDK inside one process: real agent start-up, a real data thread and a
+// loopback listener standing in for the collector. Expected records are written out by hand from
+// the record formats; "{T}" marks a wall-clock millisecond value (the SDK's start time of 0 makes
+// flowpath times come out as the wall clock) and "{D}" a callout duration.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "backend/QVBackendMonitor.h"
+#include "bt/QVBTManager.h"
+#include "bt/QVBTRuleReader.h"
+#include "bt/QVMonitorCommon.h"
+#include "bt/QVMonitorDataModel.h"
+#include "collector/QVCServerConfig.h"
+#include "collector/QVDataDispatcher.h"
+#include "collector/Server.h"
+#include "collector/control_thread.h"
+#include "core/QVConfig.h"
+#include "core/qv_agent.h"
+#include "flowpath/QVFlowpathGenerator.h"
+#include "flowpath/QVMethodHashMap.h"
+#include "flowpath/QVPerThreadData.h"
+#include "flowpath/QVSQLProcessor.h"
+#include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_util.h"
+#include "mm/QVMethodMonitor.h"
+#include "sdk/qv_sdk.h"
+#include "support/loopback_peer.h"
+#include "support/temp_home.h"
+
+namespace {
+
+constexpr int kWaitMs = 30000;  // safety net only; waits end as soon as the records are there
+const std::string kNewConn = "\n99,NewConnection,FPGVersion:1.0\n";
+const std::string kDefaultQueries =
+    "22,0,1,Unknown\n22,0,2,XA TRANSACTION START\n22,0,3,XA TRANSACTION COMMIT\n22,0,4,XA TRANSACTION END\n"
+    "22,0,5,XA TRANSACTION ROLLBACK\n";
+
+// Compares got with tmpl, where "{T}" matches a number in [t0, t1] and "{D}" one in
+// [0, t1 - t0]. Returns "" on a match, else where it failed.
+std::string matchTemplate(const std::string& tmpl, const std::string& got, long long t0, long long t1) {
+    size_t i = 0, j = 0;
+    while (i < tmpl.size()) {
+        if (tmpl.compare(i, 3, "{T}") == 0 || tmpl.compare(i, 3, "{D}") == 0) {
+            const bool wall = tmpl[i + 1] == 'T';
+            size_t k = j;
+            while (k < got.size() && isdigit(static_cast<unsigned char>(got[k]))) ++k;
+            if (k == j || k - j > 18) return "no number at byte " + std::to_string(j);
+            long long v = std::stoll(got.substr(j, k - j));
+            long long lo = wall ? t0 : 0, hi = wall ? t1 : t1 - t0;
+            if (v < lo || v > hi)
+                return "value " + std::to_string(v) + " at byte " + std::to_string(j) + " outside [" +
+                       std::to_string(lo) + ", " + std::to_string(hi) + "]";
+            i += 3;
+            j = k;
+            continue;
+        }
+        if (j >= got.size() || got[j] != tmpl[i])
+            return "differs at byte " + std::to_string(j) + ": expected \"" + tmpl.substr(i, 40) +
+                   "\", got \"" + got.substr(j, 40) + "\"";
+        ++i;
+        ++j;
+    }
+    if (j != got.size()) return "extra bytes at " + std::to_string(j) + ": \"" + got.substr(j, 80) + "\"";
+    return "";
+}
+
+std::vector<std::string> splitLines(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string l; std::getline(in, l);) out.push_back(l);
+    return out;
+}
+
+class SdkEndToEnd : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        home_ = std::make_unique<TempAgentHome>();
+        std::filesystem::create_directories(home_->path() + "logs");
+        qv_init_internal(0);
+        app_ = qvApplication;
+        ASSERT_NE(app_, nullptr);
+        // No collector answers here: the control thread is stopped, the data thread is driven
+        // directly against the loopback listener.
+        qv_agent_shutdown();
+        qv_store(qvAgentStopping, 0);
+        QVSys_t& s = app_->QVSys;
+        // Ids 1000 + the counter value: computable by hand.
+        qv_store(s.flowPathInstanceInitialID, 1000LL);
+        qv_store(s.timeStampMask, 0LL);
+        qv_store(s.seqNoDigits, 0LL);
+        qv_store(s.seqNumMask, 0xffffLL);
+        qv_store(s.bciInstrSessionPct, 100);
+        qv_store(s.dataBuffMaxCount, 256);
+        qv_store(s.bciDataBufferMaxSize, 65536);
+        qv_store(s.qvcBciDataConnectionHeartBeat, 0);
+        qv_store(app_->Server.korEpochDiffTime, 0LL);
+        qv_store(dataConnRetryIntervalMs, 200);
+    }
+
+    void TearDown() override {
+        qv_agent_shutdown();
+        qv_data_dispatcher_reset_for_test();
+        peer_.stop();
+        if (connected_) {  // the list points at server_, which is not the module's to free
+            qvc_server_arr = nullptr;
+            server_arr_size = 0;
+            active_qvc_idx = 0;
+        }
+        control_thread_reset_for_test();
+        server_reset_for_test();
+        qvc_server_config_reset_for_test();
+        qv_sdk_reset_for_test();
+        qvMethodMonitorResetForTest();
+        qvBackendMonitorResetForTest();
+        qvSQLProcessorResetForTest();
+        qvbt_manager_reset_for_test();
+        qvMonitorDataModelResetForTest();
+        qvMonitorCommonResetForTest();
+        qvFlowpathGeneratorResetForTest();
+        qv_flowpath_pool_reset_for_test();
+        qvMethodRegistryResetForTest();
+        qvAgentHooks = QVAgentHooks{};
+        qv_agent_reset_for_test();
+        home_.reset();
+    }
+
+    // Points the collector list at the listener, marks the test run running and starts the
+    // data thread; returns once the connection's opening records arrived.
+    void connect() {
+        ASSERT_TRUE(peer_.start());
+        clear_qvc_server_setting();
+        connected_ = true;
+        server_ = {1, static_cast<unsigned int>(peer_.port()), const_cast<char*>("127.0.0.1")};
+        qvc_server_arr = &server_;
+        server_arr_size = 1;
+        active_qvc_idx = 0;
+        qv_store(app_->QVBCISetting.qvcPort, peer_.port());
+        qv_store(app_->Server.testRunRunning, 1);
+        qv_store(app_->Server.retryForDataConn, 1);
+        ASSERT_EQ(check_data_thread(), 0);
+        ASSERT_TRUE(peer_.waitForContains(0, kNewConn, kWaitMs));
+        const std::string all = peer_.bytes(0);
+        base_ = all.find(kNewConn) + kNewConn.size();
+    }
+
+    // Records received after the connection's opening records.
+    std::string received() const { return peer_.bytes(0).substr(base_); }
+
+    // Waits until at least n bytes of records arrived, then checks them against tmpl.
+    void expectRecords(const std::string& tmpl, long long t0, long long t1) {
+        // Every "{T}" is 13 digits today; "{D}" at least one.
+        size_t minLen = 0;
+        for (size_t i = 0; i < tmpl.size(); ++i) {
+            if (tmpl.compare(i, 3, "{T}") == 0)
+                minLen += 13, i += 2;
+            else if (tmpl.compare(i, 3, "{D}") == 0)
+                minLen += 1, i += 2;
+            else
+                ++minLen;
+        }
+        const int records = static_cast<int>(std::count(tmpl.begin(), tmpl.end(), '\n'));
+        peer_.waitFor(
+            [&] {
+                std::string r = received();
+                return r.size() >= minLen && std::count(r.begin(), r.end(), '\n') >= records;
+            },
+            kWaitMs);
+        // Nothing more may follow: give the sender a moment to show stray records.
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        const std::string got = received();
+        EXPECT_EQ(matchTemplate(tmpl, got, t0, t1), "") << "got:\n" << got << "\nexpected:\n" << tmpl;
+    }
+
+    std::string sdkLog() const {
+        qv_sdk_log_flush();
+        qvSDKLog* rec = qv_sdk_log;
+        return rec != nullptr ? home_->read(std::string(rec->file_name[0]).substr(home_->path().size())) : "";
+    }
+    bool logHas(const std::string& re) const {
+        std::regex r(re);
+        for (const std::string& l : splitLines(sdkLog()))
+            if (std::regex_search(l, r)) return true;
+        return false;
+    }
+
+    std::unique_ptr<TempAgentHome> home_;
+    QVProxyInstance_t* app_ = nullptr;
+    LoopbackPeer peer_;
+    qvc_servers server_{};
+    size_t base_ = 0;
+    bool connected_ = false;
+};
+
+TEST_F(SdkEndToEnd, TransactionWithMethodsDatabaseAndNestedHttpCallouts) {
+    connect();
+    setMaxCharactersInSeqBlob(60);
+    const long long t0 = my_gettimeofday();
+    char bt[] = "/shop/cart", a[] = "A", b[] = "B", dbHost[] = "dbhost", query[] = "select * from t";
+    char apiHost[] = "api.host", u1[] = "/x", u2[] = "/y", reqId[] = "req-1";
+
+    qvBTHandle h = qv_bt_begin(bt, nullptr);
+    ASSERT_NE(h, nullptr);
+    auto* td = static_cast<QVPerThreadData_t*>(h);
+    qv_method_entry(h, a);
+    qv_method_entry(h, b);
+    qvIPCallOutHandle db = qv_ip_db_callout_begin(h, dbHost, query);
+    ASSERT_NE(db, nullptr);
+    EXPECT_EQ(static_cast<methodPropProperties*>(db)->type, 2);
+    EXPECT_EQ(qv_ip_db_callout_end(h, db), 0);
+    qvIPCallOutHandle http = qv_ip_http_callout_begin(h, apiHost, u1);
+    ASSERT_NE(http, nullptr);
+    EXPECT_EQ(qv_ip_http_callout_begin(h, apiHost, u2), http);  // found again, not created
+    EXPECT_EQ(td->httpCallOutDepth, 2);
+    EXPECT_EQ(qv_ip_http_callout_end(h, http), 0);
+    EXPECT_EQ(qv_ip_http_callout_end(h, http), 0);
+    EXPECT_EQ(td->httpCallOutDepth, 0);
+    EXPECT_EQ(dbBackendId, 4);
+
+    // The handle travels through the table.
+    qv_bt_store(h, reqId);
+    qvBTHandle g = qv_bt_get(reqId);
+    EXPECT_EQ(g, h);
+    qv_method_exit(g, b);
+    qv_method_exit(g, a);
+    EXPECT_EQ(qv_bt_end(g), 0);
+    const long long t1 = my_gettimeofday();
+
+    // Ids: DefaultMethod 1, then A 2, B 3, dbhost 4, api.host 5; BT 2; flowpath 1000 + 1.
+    // The blob passes 60 bytes after B's entry and again after B's exit.
+    const std::string expected =
+        "7,2,/shop/cart\n"
+        "5,A,2\n"
+        "5,B,3\n"
+        "2,1001,0,1,1.1,2,/shop/cart,,0,0,0,,0,0\n"
+        "3,1001,1:0_0_{T}__2:0_0_{T}__3:0_0_{T}__\n"
+        "5,dbhost,4\n" +
+        kDefaultQueries +
+        "22,1001,6,select * from t\n"
+        "5,api.host,5\n"
+        "3,1001,T4:4:{D}:10:6:{T}_T6:5:{D}:1:0:{T}_3:0_1_0_0___\n"
+        "4,1001,200,12,0,{T},2,0,2:0_1_0_0___1:0_1_{T}_0___\n";
+    expectRecords(expected, t0, t1);
+
+    // The record stays busy after the end (only a reset or test stop gives it back).
+    EXPECT_GE(qv_load(gBusyTLSCnt), 1);
+
+    // Log lines of the calls, with their levels.
+    EXPECT_TRUE(logHas(
+        R"(\|INFO \|qv_bt_begin : \d+ \|Method Called, bt_name = \[/shop/cart\], correlation_header = \[\(nil\)\]$)"));
+    EXPECT_TRUE(logHas(R"(\|DEBUG \|qv_bt_begin : \d+ \|Method End, bt_handle = \[0x[0-9a-f]+\]$)"));
+    EXPECT_TRUE(logHas(
+        R"(\|INFO \|qv_method_entry : \d+ \|Method Called, bt_handle = \[0x[0-9a-f]+\], method = \[A\]$)"));
+    EXPECT_TRUE(logHas(R"(\|DEBUG \|qv_ip_db_callout_begin : \d+ \|curTimeStampMS = \[\d{13}\]$)"));
+    EXPECT_TRUE(logHas(
+        R"(\|DEBUG \|qv_ip_db_callout_end : \d+ \|myGettimeofday = \[\d{13}\], curTimeStampMS = \[\d{13}\], duration = \[\d+\]$)"));
+    EXPECT_TRUE(logHas(R"(\|DEBUG \|qv_ip_db_callout_end : \d+ \|dbBackendId = \[4\]$)"));
+    EXPECT_TRUE(logHas(
+        R"(\|DEBUG \|qv_ip_http_callout_begin : \d+ \|myGettimeofday = \[\d{13}\], curTimeStampMS = \[\d{13}\], httpCallOutDepth = \[2\]$)"));
+    EXPECT_TRUE(logHas(R"(\|DEBUG \|qv_ip_http_callout_begin : \d+ \|Method end, mPP = \[0x[0-9a-f]+\]$)"));
+    EXPECT_TRUE(logHas(
+        R"(\|DEBUG \|qv_ip_http_callout_end : \d+ \|qvTD->seqNum = \[5\], httpCallOutDepth = \[1\]$)"));
+    EXPECT_TRUE(logHas(
+        R"(\|DEBUG \|ipCallOutSearchUpdate : \d+ \|ip_name found in hashmap, ip_name = \[api.host\]$)"));
+    EXPECT_TRUE(logHas(R"(\|INFO \|qv_bt_end : \d+ \|Method Called, bt_handle = \[0x[0-9a-f]+\]$)"));
+}
+
+TEST_F(SdkEndToEnd, NotCapturedFlowpathKeepsCalloutsAndIsWrittenBecauseSlow) {
+    qv_store(app_->QVSys.bciInstrSessionPct, 0);
+    connect();
+    const long long t0 = my_gettimeofday();
+    char bt[] = "/nc/a", m[] = "M", host[] = "h1", url[] = "/u";
+    qvBTHandle h = qv_bt_begin(bt, nullptr);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(static_cast<QVPerThreadData_t*>(h)->tlIsFPCaptured, 0);
+    qv_method_entry(h, m);
+    qvIPCallOutHandle ip = qv_ip_http_callout_begin(h, host, url);
+    EXPECT_EQ(qv_ip_http_callout_end(h, ip), 0);
+    qv_method_exit(h, m);
+    EXPECT_EQ(qv_bt_end(h), 0);
+    const long long t1 = my_gettimeofday();
+    // Methods are not written; the pseudo-method (forced) and the callout are. The start time of 0
+    // makes the duration the wall clock, so the flowpath is very slow (12) and kept.
+    expectRecords(
+        "7,2,/nc/a\n"
+        "5,M,2\n"
+        "5,h1,3\n"
+        "2,1001,0,1,1.1,2,/nc/a,,0,0,0,,0,0\n"
+        "4,1001,200,12,0,{T},2,0,1:0_0_{T}__T2:3:{D}:1:0:{T}_1:0_1_{T}_0___\n",
+        t0, t1);
+}
+
+TEST_F(SdkEndToEnd, ExcludedFlowpathWritesNothingOrIsMarkedDiscarded) {
+    char rules[] = "7|Excl|3|1|/excluded|1\n";
+    qvbt_read_rule_file(rules);
+    connect();
+    const long long t0 = my_gettimeofday();
+    char bt1[] = "/excluded/x", bt2[] = "/excluded/y", m[] = "M", host[] = "h1", url[] = "/u";
+    qvBTHandle h = qv_bt_begin(bt1, nullptr);
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(static_cast<QVPerThreadData_t*>(h)->tlIsBTExcluded, 1);
+    qv_method_entry(h, m);
+    qvIPCallOutHandle ip = qv_ip_http_callout_begin(h, host, url);
+    qv_ip_http_callout_end(h, ip);
+    qv_method_exit(h, m);
+    EXPECT_EQ(qv_bt_end(h), 0);
+    EXPECT_EQ(static_cast<QVPerThreadData_t*>(h)->tlCategory, static_cast<char>(157));
+
+    // Once a callout pushed the blob out, the end record says "discard" (-99) with category 157.
+    setMaxCharactersInSeqBlob(20);
+    h = qv_bt_begin(bt2, nullptr);
+    ASSERT_NE(h, nullptr);
+    ip = qv_ip_http_callout_begin(h, host, url);
+    qv_ip_http_callout_end(h, ip);
+    qv_ip_http_callout_begin(h, host, url);
+    qv_ip_http_callout_end(h, ip);
+    EXPECT_EQ(qv_bt_end(h), 0);
+    const long long t1 = my_gettimeofday();
+    // Seq numbers: nothing else is written for an excluded BT, so the callouts count 1 and 2.
+    expectRecords(
+        "5,M,2\n"
+        "5,h1,3\n"
+        "2,1003,0,2,2.1,0,/excluded/y,,0,0,0,,0,0\n"
+        "3,1003,T1:3:{D}:1:0:{T}_\n"
+        "3,1003,T2:3:{D}:1:0:{T}_\n"
+        "4,1003,-99,157,0,{T},0,0,\n",
+        t0, t1);
+}
+
+TEST_F(SdkEndToEnd, ForcedAndChainedFlowpaths) {
+    qv_store(app_->QVSys.bciInstrSessionPct, 0);
+    connect();
+    const long long t0 = my_gettimeofday();
+    // qv_bt_begin passes no flowpath string: the engine's entry is used directly.
+    char forced[] = "123F", chained[] = "5000_6000_3.4", u1[] = "/f/a", u2[] = "/c/a", m[] = "M";
+    auto* f = static_cast<QVPerThreadData_t*>(
+        startFP(forced, u1, nullptr, nullptr, nullptr, nullptr, nullptr, 0, 0));
+    ASSERT_NE(f, nullptr);
+    qv_method_entry(f, m);
+    qv_method_exit(f, m);
+    EXPECT_EQ(qv_bt_end(f), 0);
+    // Not sampled (0 %) and not forced: only the pseudo-method, written because slow.
+    auto* c = static_cast<QVPerThreadData_t*>(
+        startFP(chained, u2, nullptr, nullptr, nullptr, nullptr, nullptr, 0, 0));
+    ASSERT_NE(c, nullptr);
+    qv_method_entry(c, m);
+    qv_method_exit(c, m);
+    EXPECT_EQ(qv_bt_end(c), 0);
+    const long long t1 = my_gettimeofday();
+    expectRecords(
+        "7,2,/f/a\n"
+        "5,M,2\n"
+        "2,123F,0,1,1.1,2,/f/a,,0,0,0,,0,0\n"
+        "4,123F,200,12,0,{T},2,0,1:0_0_{T}__2:0_0_{T}__2:0_1_0_0___1:0_1_{T}_0___\n"
+        "7,3,/c/a\n"
+        "2,1001:5000:6000,0,2,3.4.1,3,/c/a,,0,0,0,,0,0\n"
+        "4,1001,200,12,0,{T},3,0,1:0_0_{T}__1:0_1_{T}_0___\n",
+        t0, t1);
+}
+
+TEST_F(SdkEndToEnd, NonServiceMethodLimitDropsEntryAndExitOfExtraMethods) {
+    qv_store(app_->QVSys.bciMaxNonServiceMethodsPerFP, 2LL);
+    connect();
+    const long long t0 = my_gettimeofday();
+    char bt[] = "/lim", a[] = "A", b[] = "B", c[] = "C";
+    qvBTHandle h = qv_bt_begin(bt, nullptr);
+    ASSERT_NE(h, nullptr);
+    qv_method_entry(h, a);
+    qv_method_entry(h, b);
+    qv_method_entry(h, c);  // third non-service method: over the limit
+    qv_method_exit(h, c);
+    qv_method_exit(h, b);
+    qv_method_exit(h, a);
+    EXPECT_EQ(qv_bt_end(h), 0);
+    const long long t1 = my_gettimeofday();
+    expectRecords(
+        "7,2,/lim\n"
+        "5,A,2\n"
+        "5,B,3\n"
+        "5,C,4\n"
+        "2,1001,0,1,1.1,2,/lim,,0,0,0,,0,0\n"
+        "4,1001,200,12,0,{T},2,0,1:0_0_{T}__2:0_0_{T}__3:0_0_{T}__3:0_1_0_0___2:0_1_0_0___1:0_1_{T}_0___\n",
+        t0, t1);
+}
+
+TEST_F(SdkEndToEnd, Status500MakesLaterCalloutsErrorsAndUnbalancedEndsWriteTwice) {
+    connect();
+    const long long t0 = my_gettimeofday();
+    char bt[] = "/err", s[] = "S", db[] = "db", q[] = "q", host[] = "h", url[] = "/u";
+    qvBTHandle h = qv_bt_begin(bt, nullptr);
+    ASSERT_NE(h, nullptr);
+    auto* td = static_cast<QVPerThreadData_t*>(h);
+    qv_method_entry(h, s);
+    // The SDK always reports 200; the engine's own exit carries the 500.
+    qvMethodExit(nullptr, td, s, 0, 500, nullptr, 0, 0, 0, nullptr, 1);
+    qv_method_exit(h, s);  // unbalanced: a later 200 does not lower the status
+    EXPECT_EQ(td->tlStatusCode, 500);
+    qvIPCallOutHandle ip = qv_ip_http_callout_begin(h, host, url);
+    qvIPCallOutHandle dbip = qv_ip_db_callout_begin(h, db, q);
+    EXPECT_EQ(qv_ip_db_callout_end(h, dbip), 0);
+    EXPECT_EQ(qv_ip_http_callout_end(h, ip), 0);
+    EXPECT_EQ(qv_ip_http_callout_end(h, ip), 0);  // one begin, two ends: a record at each end
+    EXPECT_EQ(td->httpCallOutDepth, -1);
+    EXPECT_EQ(qv_bt_end(h), 0);
+    const long long t1 = my_gettimeofday();
+    // Seq: pseudo 1, S entry 2, S exits 3 and 4, db end 5, http ends 6 and 7, pseudo exit 8.
+    expectRecords(
+        "7,2,/err\n"
+        "5,S,2\n"
+        "5,h,3\n"
+        "5,db,4\n" +
+            kDefaultQueries +
+            "22,1001,6,q\n"
+            "2,1001,0,1,1.1,2,/err,,0,0,0,,0,0\n"
+            "4,1001,500,13,0,{T},2,0,1:0_0_{T}__2:0_0_{T}__2:0_1_0_0___2:0_1_0_0___E5:4:{D}:10:6:{T}:500_"
+            "E6:3:{D}:1:0:{T}:500_E7:3:{D}:1:0:{T}:500_1:0_1_{T}_0___\n",
+        t0, t1);
+}
+
+// The same set-up under the suite name that selects it for ThreadSanitizer.
+class SdkConcurrency : public SdkEndToEnd {};
+
+TEST_F(SdkConcurrency, ManyThreadsRunTransactionsAndEveryRecordArrivesWellFormed) {
+    connect();
+    setMaxCharactersInSeqBlob(70);
+    constexpr int kThreads = 8;
+    constexpr int kTx = 40;
+    std::atomic<int> started{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t, &started] {
+            for (int i = 0; i < kTx; ++i) {
+                std::string bt = "/conc/b" + std::to_string((t + i) % 3);
+                std::string q = "select " + std::to_string(i % 2);
+                char work[] = "work", dbHost[] = "conc-db", http[] = "conc-http", url[] = "/u";
+                qvBTHandle h = qv_bt_begin(bt.data(), nullptr);
+                if (h == nullptr) continue;
+                started.fetch_add(1);
+                qv_method_entry(h, work);
+                qvIPCallOutHandle d = qv_ip_db_callout_begin(h, dbHost, q.data());
+                qv_ip_db_callout_end(h, d);
+                qvIPCallOutHandle w = qv_ip_http_callout_begin(h, http, url);
+                qv_ip_http_callout_end(h, w);
+                qv_method_exit(h, work);
+                qv_bt_end(h);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    ASSERT_EQ(started.load(), kThreads * kTx);  // the pool grows: nobody is refused
+
+    // The SDK log lines of all threads are whole: none mixed with another.
+    const std::regex logLine(
+        R"(\d{2}-[A-Z][a-z]{2}-\d{2} \d{2}:\d{2}:\d{2} \|\d+ \|(DEBUG|INFO|WARNING|CRITICAL|ERROR) \|\w+ : \d+ \|[^|]*)");
+    int begins = 0;
+    std::vector<std::string> logLines = splitLines(sdkLog());
+    ASSERT_FALSE(logLines.empty());
+    for (size_t i = 1; i < logLines.size(); ++i) {
+        EXPECT_TRUE(std::regex_match(logLines[i], logLine)) << logLines[i];
+        if (logLines[i].find("|Method Called, bt_name = [/conc/b") != std::string::npos) ++begins;
+    }
+    EXPECT_EQ(begins, kThreads * kTx);
+
+    auto ends = [&] {
+        std::string r = received();
+        int n = 0;
+        for (const std::string& l : splitLines(r))
+            if (l.rfind("4,", 0) == 0) ++n;
+        return n;
+    };
+    peer_.waitFor([&] { return ends() >= kThreads * kTx; }, kWaitMs);
+
+    std::map<std::string, int> methodIds;  // name -> id from the 5 records
+    std::map<int, std::string> bts;        // id -> name from the 7 records
+    std::set<std::string> queryIds;
+    struct Fp {
+        int headers = 0, ends = 0;
+        bool endLast = true;
+        std::string url, blob;
+        int bt = -1;
+    };
+    std::map<std::string, Fp> fps;
+    const std::regex meta5(R"(5,([^,]+),(\d+))"), meta7(R"(7,(\d+),(.+))"), meta22(R"(22,(\d+),(\d+),(.*))");
+    const std::regex hdr(R"(2,(\d+),0,(\d+),(\d+)\.1,(\d+),([^,]*),,0,0,0,,0,0)");
+    const std::regex seq(R"(3,(\d+),(.*))");
+    const std::regex end(R"(4,(\d+),200,12,0,(\d+),(\d+),0,(.*))");
+    std::smatch mm;
+    for (const std::string& l : splitLines(received())) {
+        if (std::regex_match(l, mm, meta5)) {
+            EXPECT_TRUE(methodIds.emplace(mm[1], std::stoi(mm[2])).second) << "method named twice: " << l;
+        } else if (std::regex_match(l, mm, meta7)) {
+            EXPECT_TRUE(bts.emplace(std::stoi(mm[1]), mm[2]).second) << "BT id twice: " << l;
+        } else if (std::regex_match(l, mm, meta22)) {
+            EXPECT_TRUE(queryIds.insert(mm[3]).second || mm[1] == "0") << "query sent twice: " << l;
+        } else if (std::regex_match(l, mm, hdr)) {
+            Fp& f = fps[mm[1]];
+            EXPECT_EQ(f.headers++, 0) << l;
+            EXPECT_EQ(mm[2], mm[3]) << l;
+            f.url = mm[5];
+            f.bt = std::stoi(mm[4]);
+        } else if (std::regex_match(l, mm, seq)) {
+            Fp& f = fps[mm[1]];
+            EXPECT_EQ(f.headers, 1) << "sequence before header: " << l;
+            EXPECT_EQ(f.ends, 0) << l;
+            f.blob += mm[2];
+        } else if (std::regex_match(l, mm, end)) {
+            Fp& f = fps[mm[1]];
+            EXPECT_EQ(f.headers, 1) << "end before header: " << l;
+            EXPECT_EQ(f.ends++, 0) << l;
+            EXPECT_EQ(std::stoi(mm[3]), f.bt) << l;
+            f.blob += mm[4];
+        } else {
+            ADD_FAILURE() << "malformed record: " << l;
+        }
+    }
+    ASSERT_EQ(fps.size(), static_cast<size_t>(kThreads * kTx));
+    ASSERT_EQ(bts.size(), 3u);
+    EXPECT_EQ(queryIds.size(), 2u + 5u);  // two texts plus the five defaults (by text)
+    const int work = methodIds["work"], dbId = methodIds["conc-db"], httpId = methodIds["conc-http"];
+    const std::regex blob("1:0_0_\\d+__" + std::to_string(work) + ":0_0_\\d+__T3:" + std::to_string(dbId) +
+                          ":\\d+:10:[67]:\\d+_T4:" + std::to_string(httpId) + ":\\d+:1:0:\\d+_" +
+                          std::to_string(work) + ":0_1_0_0___1:0_1_\\d+_0___");
+    for (const auto& [fpi, f] : fps) {
+        EXPECT_EQ(f.ends, 1) << fpi;
+        EXPECT_EQ(bts.at(f.bt), f.url) << fpi;
+        EXPECT_TRUE(std::regex_match(f.blob, blob)) << fpi << ": " << f.blob;
+    }
+}
+
+}  // namespace
