@@ -10,23 +10,24 @@
 
 #include "collector/QVDataDispatcher.h"
 
-// Buffer lists, as in the data dispatcher: the head of writeListAS is the buffer being filled
-// (QVBCIAgentBBAS), the head of readListAS the one being sent (QVCollectorBBAS). They change only
-// with bufferMoveLockAS held (and bufferWriteLockAS, taken first, by producers).
-extern nioSettings_t* writeListAS;
-extern nioSettings_t* writeListLastAS;
-extern int writeListSizeAS;
-extern nioSettings_t* readListAS;
-extern nioSettings_t* readListLastAS;
-extern int readListSizeAS;
-extern nioSettings_t* QVBCIAgentBBAS;
-extern nioSettings_t* QVCollectorBBAS;
-extern int maxBuffersAS;      // ASDataBuffMaxCount at the last initialisation
-extern int dataBufferSizeAS;  // bytes per buffer (bciASDataBufferMaxSize)
-extern int curBuffers;        // buffers that exist now; never more than maxBuffersAS
+// Fields of this connection's send-buffer pool under their module names, as in the data
+// dispatcher: the head of writeListAS is the buffer being filled (QVBCIAgentBBAS), the head of
+// readListAS the one being sent (QVCollectorBBAS). They change only with bufferMoveLockAS held
+// (and bufferWriteLockAS, taken first, by producers).
+extern nioSettings_t*& writeListAS;
+extern nioSettings_t*& writeListLastAS;
+extern int& writeListSizeAS;
+extern nioSettings_t*& readListAS;
+extern nioSettings_t*& readListLastAS;
+extern int& readListSizeAS;
+extern nioSettings_t*& QVBCIAgentBBAS;
+extern nioSettings_t*& QVCollectorBBAS;
+extern int& maxBuffersAS;      // ASDataBuffMaxCount at the last initialisation
+extern int& dataBufferSizeAS;  // bytes per buffer (bciASDataBufferMaxSize)
+extern int& curBuffers;        // buffers that exist now; never more than maxBuffersAS
 // Nested mutexes in autoSensor_pool, created by ASNioInit and published with a release store.
-extern apr_thread_mutex_t* bufferWriteLockAS;
-extern apr_thread_mutex_t* bufferMoveLockAS;
+extern apr_thread_mutex_t*& bufferWriteLockAS;
+extern apr_thread_mutex_t*& bufferMoveLockAS;
 extern apr_thread_mutex_t* counterLock;  // byte and message counters
 // The connection; its socket changes only under the module's send lock (use the functions).
 extern socketInfo_t autoSensor;

@@ -9,46 +9,28 @@
 #include <apr_thread_mutex.h>
 #include <apr_thread_proc.h>
 
-// One send buffer. Allocated once (buff_list_init) and moved between the free list and the
-// send list for the life of the process.
-struct nioSettings_t {
-    char* buff;     // buff_size bytes
-    int use_len;    // bytes filled
-    int send_len;   // bytes of use_len already sent
-    int buff_size;  // capacity
-    nioSettings_t* next;
-};
+#include "collector/QVSendBufferPool.h"
 
-// One collector connection with both endpoints (also used by the control connection).
-struct socketInfo_t {
-    char sourceIp[16];
-    char dstIp[16];
-    int srcPort;
-    int dstPort;
-    char* partial_buf;
-    int partial_buf_len;
-    apr_socket_t* skt;
-};
-
-// Buffer lists. All of them change only with bufferMoveLock held (and bufferWriteLock too,
-// except when the data thread queues its sent buffer back). The head of writeList is the
-// buffer producers fill (QVBCIAgentBB); the head of readList the one being sent (QVCollectorBB).
-extern nioSettings_t* writeList;
-extern nioSettings_t* writeListLast;
-extern int writeListSize;
-extern nioSettings_t* readList;
-extern nioSettings_t* readListLast;
-extern int readListSize;
-extern nioSettings_t* QVBCIAgentBB;
-extern nioSettings_t* QVCollectorBB;
-extern int maxBuffers;      // node count, from QVSys.dataBuffMaxCount at pool creation
-extern int dataBufferSize;  // bytes per node, from QVSys.bciDataBufferMaxSize at pool creation
+// Fields of this connection's send-buffer pool under their module names (other modules and
+// tests read them). They change only with bufferMoveLock held (and bufferWriteLock too, except
+// when the data thread queues its sent buffer back). The head of writeList is the buffer
+// producers fill (QVBCIAgentBB); the head of readList the one being sent (QVCollectorBB).
+extern nioSettings_t*& writeList;
+extern nioSettings_t*& writeListLast;
+extern int& writeListSize;
+extern nioSettings_t*& readList;
+extern nioSettings_t*& readListLast;
+extern int& readListSize;
+extern nioSettings_t*& QVBCIAgentBB;
+extern nioSettings_t*& QVCollectorBB;
+extern int& maxBuffers;      // node count, from QVSys.dataBuffMaxCount at pool creation
+extern int& dataBufferSize;  // bytes per node, from QVSys.bciDataBufferMaxSize at pool creation
 
 // Nested mutexes in data_pool, created by check_data_thread (or buff_list_init) and published
 // with a release store: read them with qv_load_acquire. Order: bufferWriteLock before
 // bufferMoveLock. read_raw_file is created here for other modules' use.
-extern apr_thread_mutex_t* bufferWriteLock;
-extern apr_thread_mutex_t* bufferMoveLock;
+extern apr_thread_mutex_t*& bufferWriteLock;
+extern apr_thread_mutex_t*& bufferMoveLock;
 extern apr_thread_mutex_t* read_raw_file;
 
 // The data connection. dataSkt.skt is written only with both the send lock and the socket

@@ -11,6 +11,7 @@
 
 #include "collector/NIODataDispatcher.h"
 #include "collector/QVCServerConfig.h"
+#include "collector/QVSendBufferPool.h"
 #include "collector/Server.h"
 #include "core/QVBCISettings.h"
 #include "core/QVConfig.h"
@@ -162,46 +163,24 @@ class CtrlPoll {
     bool addFailed_ = false;
 };
 
-struct CtrlPeer {
-    char host[1024];
-    int port;
-    const char* unixPath;
-};
-
 // Where the next attempt goes: the proxy for a proxy-mode application, the cluster node (entry
 // 1) or the master (entry 0) in cluster mode, else the active collector of the list.
-bool chooseControlPeer(CtrlPeer* p) {
-    QVProxyInstance_t* app = qvApplication;
-    p->host[0] = '\0';
-    p->port = 0;
-    p->unixPath = nullptr;
-    if (isProxyApplication()) {
-        const char* ip = qv_load_acquire(app->QVSys.proxyIP);
-        snprintf(p->host, sizeof(p->host), "%s", ip != nullptr ? ip : "127.0.0.1");
-        p->port = qv_load(app->QVSys.proxyPort);
-        if (qv_load(app->QVSys.proxyConType) != 0) p->unixPath = qv_load_acquire(app->QVSys.socketPath);
-        return true;
-    }
-    if (isClusterMode()) {
-        const bool ok =
-            copy_qvc_server_addr(connectToMaster ? 0 : 1, p->host, sizeof(p->host), &p->port) == 0;
+bool chooseControlPeer(QVPeer* p) {
+    QVPeerRoute route;
+    const bool ok = qvChoosePeer(p, connectToMaster, true, &route);
+    if (route == QVPeerRoute::Collector) {
         QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Active QVC Server info [Host | Port] = [%s |%d]",
                     p->host, p->port);
-        return ok;
+        QV_TRACE_IF(ctlLevel() > 0, kModule, "Info",
+                    "[QV DR FEATURE]Active QVC Server info [Host | Port] = [%s |%d]", p->host, p->port);
+        QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Going to connect with QVC [host|port] = [%s|%d]",
+                    p->host, p->port);
     }
-    const bool ok =
-        get_active_qvc() != nullptr && copy_qvc_server_addr(-1, p->host, sizeof(p->host), &p->port) == 0;
-    QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Active QVC Server info [Host | Port] = [%s |%d]", p->host,
-                p->port);
-    QV_TRACE_IF(ctlLevel() > 0, kModule, "Info",
-                "[QV DR FEATURE]Active QVC Server info [Host | Port] = [%s |%d]", p->host, p->port);
-    QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Going to connect with QVC [host|port] = [%s|%d]", p->host,
-                p->port);
     return ok;
 }
 
 // Publishes a new connection (socket, its pool, endpoints, peer).
-void setControlSocket(apr_socket_t* s, apr_pool_t* pool, const CtrlPeer& peer) {
+void setControlSocket(apr_socket_t* s, apr_pool_t* pool, const QVPeer& peer) {
     ensureLocks();
     QVLockGuard send(ctrlSendLock);
     QVLockGuard guard(ctrlSktLock);
@@ -676,7 +655,7 @@ void* APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t*, void*) {
             qv_store(app->QVSys.closeCtrlConFlag, 0);
             QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Primary Quovix server '%s', port '%d'.",
                         nz(qv_load_acquire(app->QVBCISetting.qvcHost)), qv_load(app->QVBCISetting.qvcPort));
-            CtrlPeer peer;
+            QVPeer peer;
             char err[1024] = "no collector configured";
             apr_socket_t* s = nullptr;
             apr_pool_t* pool = nullptr;
@@ -782,7 +761,7 @@ void* APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t*, void*) {
 }
 
 void control_thread_adopt_socket_for_test(apr_socket_t* s, const char* host, int port) {
-    CtrlPeer peer;
+    QVPeer peer;
     snprintf(peer.host, sizeof(peer.host), "%s", host != nullptr ? host : "");
     peer.port = port;
     peer.unixPath = nullptr;
