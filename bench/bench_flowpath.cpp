@@ -1,6 +1,6 @@
 // Benchmarks of the flowpath engine's per-event path: entry and exit of a known method in a
-// captured flowpath with the monitors on and a data thread draining to a loopback reader, the
-// allocations made on that path, and the memory a pool record costs.
+// captured flowpath with the monitors on and a data thread draining to a loopback reader (also
+// with a large registry), the allocations made on that path, and the memory a pool record costs.
 #include <benchmark/benchmark.h>
 
 #include <arpa/inet.h>
@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -199,6 +200,26 @@ void BM_MethodEntryExitMonitored(benchmark::State& state) {
     runEntryExit(state, g_monitored);
 }
 BENCHMARK(BM_MethodEntryExitMonitored);
+
+// Same as the ordinary pair with 10,000 other methods registered, so the name lookups of entry
+// and exit run against a registry of a realistic size rather than a near-empty one.
+void BM_MethodEntryExitLargeRegistry(benchmark::State& state) {
+    if (!setUpAgent()) {
+        state.SkipWithError("agent set-up failed");
+        return;
+    }
+    static bool filled = false;
+    if (!filled) {
+        filled = true;
+        char name[64];
+        for (int i = 0; i < 10000; i++) {
+            snprintf(name, sizeof(name), "bench.Filler%d.method", i);
+            searchAndUpdateMethodHashMap(name, nullptr, 0, 0, sizeof(name));
+        }
+    }
+    runEntryExit(state, g_ordinary);
+}
+BENCHMARK(BM_MethodEntryExitLargeRegistry);
 
 // Allocations on the per-event path once the method is known (expected: none).
 void BM_MethodEntryExitAllocations(benchmark::State& state) {

@@ -36,7 +36,6 @@ const char* const kBeginRequest = QV_DEFAULT_METHOD_NAME;
 constexpr int kBlobCap = static_cast<int>(sizeof(QVPerThreadData_t::sequenceBlob));
 // Room for the fields around the blob in records 3 and 4.
 constexpr int kRecordHeadRoom = 256;
-constexpr int kEntryBufSize = QV_SEQ_ASYNC_URL_MAX + 128;
 constexpr int kHeaderRecordSize = 4096;
 constexpr int kResourceNameMax = 4000;
 constexpr int kCategoryNormal = 10;
@@ -97,44 +96,115 @@ int btIdOf(const BTObject* bt) {
     return qvFlowpathHooks.getBTId(bt);
 }
 
-// Bounded builder for the blob entries: formatting with to_chars keeps the per-event path cheap.
-class EntryWriter {
-  public:
-    EntryWriter(char* buf, int cap) : p_(buf), begin_(buf), end_(buf + cap) {}
-    EntryWriter& str(std::string_view s) {
-        if (s.size() > static_cast<size_t>(end_ - p_)) {
-            ok_ = false;
-            return *this;
-        }
-        memcpy(p_, s.data(), s.size());
-        p_ += s.size();
-        return *this;
-    }
-    EntryWriter& ch(char c) {
-        if (p_ == end_) {
-            ok_ = false;
-            return *this;
-        }
-        *p_++ = c;
-        return *this;
-    }
-    EntryWriter& num(long long v) {
-        auto r = std::to_chars(p_, end_, v);
-        if (r.ec != std::errc())
-            ok_ = false;
-        else
-            p_ = r.ptr;
-        return *this;
-    }
-    bool ok() const { return ok_; }
-    int len() const { return static_cast<int>(p_ - begin_); }
+// ---- Blob entry formatting ----
+// Entries are written through a plain pointer with no check per byte: every entry's size is
+// bounded by kEntryBufSize (a URL of at most QV_SEQ_ASYNC_URL_MAX bytes plus numbers and
+// separators within kEntryFixedMax), and the caller always provides that much room. Numbers are
+// formatted by hand: printf is slow for the per-event path, and std::to_chars' instantiations
+// would become exported symbols of the library.
 
-  private:
-    char* p_;
-    char* begin_;
-    char* end_;
-    bool ok_ = true;
+// "00".."99": decimal text two digits per step.
+struct DigitPairs {
+    char text[200];
 };
+constexpr DigitPairs makeDigitPairs() {
+    DigitPairs t{};
+    for (int i = 0; i < 100; i++) {
+        t.text[2 * i] = static_cast<char>('0' + i / 10);
+        t.text[2 * i + 1] = static_cast<char>('0' + i % 10);
+    }
+    return t;
+}
+constexpr DigitPairs kDigitPairs = makeDigitPairs();
+
+struct Pow10Table {
+    unsigned long long v[20];
+};
+constexpr Pow10Table makePow10() {
+    Pow10Table t{};
+    unsigned long long p = 1;
+    for (int i = 0; i < 20; i++) {
+        t.v[i] = p;
+        if (i < 19) p *= 10;
+    }
+    return t;
+}
+constexpr Pow10Table kPow10 = makePow10();
+
+// Decimal digits of v: from its bit length (1233 / 4096 is just above log10(2)), corrected by
+// one comparison. v | 1 has the digits of v and keeps 0 at one digit.
+int decimalDigits(unsigned long long v) {
+    v |= 1;
+    const int t = ((64 - __builtin_clzll(v)) * 1233) >> 12;
+    return t + (v >= kPow10.v[t] ? 1 : 0);
+}
+
+void writeTwo(char* p, unsigned v) {
+    memcpy(p, kDigitPairs.text + 2 * v, 2);
+}
+
+// Writes the digits of v (at least 10) so that they end just before end. Eight digits at a time
+// from one 64-bit division, then 32-bit steps, which are cheaper: epoch milliseconds have 13
+// digits.
+__attribute__((noinline)) void writeDigits(char* end, unsigned long long v) {
+    while (v >= 100000000ULL) {
+        const unsigned long long q = v / 100000000ULL;
+        const auto r = static_cast<unsigned>(v - q * 100000000ULL);
+        const unsigned hi = r / 10000;
+        const unsigned lo = r % 10000;
+        end -= 8;
+        writeTwo(end, hi / 100);
+        writeTwo(end + 2, hi % 100);
+        writeTwo(end + 4, lo / 100);
+        writeTwo(end + 6, lo % 100);
+        v = q;
+    }
+    auto w = static_cast<unsigned>(v);
+    while (w >= 100) {
+        end -= 2;
+        writeTwo(end, w % 100);
+        w /= 100;
+    }
+    if (w >= 10)
+        writeTwo(end - 2, w);
+    else
+        end[-1] = static_cast<char>('0' + w);
+}
+
+// Longest text of a number: "-9223372036854775808".
+constexpr int kNumMax = 20;
+// Room every entry needs besides its URL. The longest, a database callout with its status, has
+// six numbers and 12 bytes of fixed text.
+constexpr int kEntryFixedMax = 8 * kNumMax + 32;
+constexpr int kEntryBufSize = QV_SEQ_ASYNC_URL_MAX + kEntryFixedMax;
+static_assert(kEntryBufSize < kBlobCap, "an entry always fits an empty blob");
+
+// "%lld" of v at p (at most kNumMax bytes); returns the end.
+inline char* putNum(char* p, long long v) {
+    unsigned long long mag = static_cast<unsigned long long>(v);
+    if (v < 0) {
+        *p++ = '-';
+        mag = 0ULL - mag;  // the magnitude of LLONG_MIN too
+    }
+    if (mag < 10) {
+        *p = static_cast<char>('0' + mag);
+        return p + 1;
+    }
+    char* end = p + decimalDigits(mag);
+    writeDigits(end, mag);
+    return end;
+}
+
+inline char* putChar(char* p, char c) {
+    *p = c;
+    return p + 1;
+}
+
+template <size_t N>
+char* putLit(char* p, const char (&text)[N]) {
+    memcpy(p, text, N - 1);
+    return p + N - 1;
+}
 
 // Bytes of a fixed text field up to its terminator (or the whole field).
 int fieldLen(const char* field, size_t cap) {
@@ -165,6 +235,13 @@ int clampedBlobLen(QVPerThreadData_t* r) {
 
 void dumpIncompleteLocked(QVPerThreadData_t* r);
 
+// Takes len bytes already written at the end of the blob. Caller holds sequenceBlobLock.
+void commitLocked(QVPerThreadData_t* r, int len) {
+    r->sequenceBlobLen += len;
+    r->sequenceBlob[r->sequenceBlobLen] = '\0';
+    if (r->sequenceBlobLen >= qv_load(QVFlowpathGenerator.maxCharactersInSeqBlob)) dumpIncompleteLocked(r);
+}
+
 // The one place bytes enter the blob. Caller holds sequenceBlobLock.
 void appendLocked(QVPerThreadData_t* r, const char* text, int len) {
     if (len <= 0) return;
@@ -175,73 +252,112 @@ void appendLocked(QVPerThreadData_t* r, const char* text, int len) {
     }
     if (clampedBlobLen(r) + len > kBlobCap - 1) dumpIncompleteLocked(r);
     memcpy(r->sequenceBlob + r->sequenceBlobLen, text, static_cast<size_t>(len));
-    r->sequenceBlobLen += len;
-    r->sequenceBlob[r->sequenceBlobLen] = '\0';
-    if (r->sequenceBlobLen >= qv_load(QVFlowpathGenerator.maxCharactersInSeqBlob)) dumpIncompleteLocked(r);
+    commitLocked(r, len);
 }
 
-void appendMethodEventLocked(QVPerThreadData_t* r, int mid, long long startTime, int eventID, int pageID,
-                             long long cpuTime, int isAsyncCall, long long threadID, const char* urlStr) {
-    char buf[kEntryBufSize];
-    EntryWriter w(buf, sizeof(buf));
-    if (eventID == 0) {
-        if (pageID >= 0) {
-            w.num(mid).ch('_').num(eventID).ch('_').num(startTime).ch('_').num(pageID).ch('_');
-        } else if (isAsyncCall != 0) {
-            std::string_view url(urlStr ? urlStr : "");
-            if (url.size() > QV_SEQ_ASYNC_URL_MAX) url = url.substr(0, QV_SEQ_ASYNC_URL_MAX);
-            w.num(mid)
-                .ch(':')
-                .num(threadID)
-                .str(":1:")
-                .str(url)
-                .ch('_')
-                .num(eventID)
-                .ch('_')
-                .num(startTime)
-                .str("__");
-        } else {
-            w.num(mid).ch(':').num(threadID).ch('_').num(eventID).ch('_').num(startTime).str("__");
-        }
-    } else if (eventID == 1 || eventID == 3 || eventID == 4) {
-        w.num(mid).ch(':').num(threadID).ch('_').num(eventID).ch('_').num(startTime);
-        if (cpuTime < 0)
-            w.str("____");
+// Formats one entry (format(dst) writes at most kEntryBufSize bytes at dst and returns the end)
+// and appends it as appendLocked would. While the blob has room for the largest entry it is
+// formatted in place, which spares a copy; otherwise in a local buffer that appendLocked then
+// places, writing the blob out first when it does not fit. Inlined into each formatter, so the
+// closure's fields stay in registers rather than being copied through memory for a call.
+template <class Format>
+inline __attribute__((always_inline)) void appendEntryLocked(QVPerThreadData_t* r, const Format& format) {
+    const int used = clampedBlobLen(r);
+    if (used + kEntryBufSize <= kBlobCap - 1) {
+        char* at = r->sequenceBlob + used;
+        const int len = static_cast<int>(format(at) - at);
+        if (len > 0)
+            commitLocked(r, len);
         else
-            w.ch('_').num(cpuTime).str("___");
-    } else {
+            *at = '\0';
         return;
     }
-    if (w.ok()) appendLocked(r, buf, w.len());
+    char buf[kEntryBufSize];
+    appendLocked(r, buf, static_cast<int>(format(buf) - buf));
+}
+
+// Out of line: entry and exit share one copy of the formatting code.
+__attribute__((noinline)) void appendMethodEventLocked(QVPerThreadData_t* r, int mid, long long startTime,
+                                                       int eventID, int pageID, long long cpuTime,
+                                                       int isAsyncCall, long long threadID,
+                                                       const char* urlStr) {
+    if (eventID != 0 && eventID != 1 && eventID != 3 && eventID != 4) return;
+    // One digit, as printed by "%d".
+    const char event = static_cast<char>('0' + eventID);
+    // By value: the bytes written through p could otherwise alias the captures, forcing reloads.
+    appendEntryLocked(r, [=](char* p) {
+        p = putNum(p, mid);
+        if (eventID == 0 && pageID >= 0) {
+            p = putChar(p, '_');
+            p = putChar(p, event);
+            p = putChar(p, '_');
+            p = putNum(p, startTime);
+            p = putChar(p, '_');
+            p = putNum(p, pageID);
+            return putChar(p, '_');
+        }
+        p = putChar(p, ':');
+        p = putNum(p, threadID);
+        if (eventID == 0 && isAsyncCall != 0) {
+            p = putLit(p, ":1:");
+            const size_t urlLen = urlStr != nullptr ? strnlen(urlStr, QV_SEQ_ASYNC_URL_MAX) : 0;
+            // memmove: a caller's URL could even lie in the blob being written.
+            if (urlLen > 0) memmove(p, urlStr, urlLen);
+            p += urlLen;
+        }
+        p = putChar(p, '_');
+        p = putChar(p, event);
+        p = putChar(p, '_');
+        p = putNum(p, startTime);
+        if (eventID == 0) return putLit(p, "__");
+        if (cpuTime < 0) return putLit(p, "____");
+        p = putChar(p, '_');
+        p = putNum(p, cpuTime);
+        return putLit(p, "___");
+    });
 }
 
 void appendCalloutLocked(QVPerThreadData_t* r, long long methodStartTime, long long duration,
                          methodPropProperties* mPP) {
-    char buf[kEntryBufSize];
-    EntryWriter w(buf, sizeof(buf));
-    const bool error = r->tlStatusCode > 399;
-    const int id = mPP->methodId;
-    w.ch(error ? 'E' : 'T');
-    if (qv_load(mPP->type) == 2) {
-        w.num(r->seqNum)
-            .ch(':')
-            .num(id)
-            .ch(':')
-            .num(duration)
-            .str(":10:")
-            .num(r->tlSQLObj.sqlId)
-            .ch(':')
-            .num(methodStartTime);
-        if (error) w.ch(':').num(r->tlStatusCode);
-    } else {
-        long long seq = r->tierCallOutSeqNum != 0 ? r->tierCallOutSeqNum : r->seqNum;
-        w.num(seq).ch(':').num(id).ch(':').num(duration).str(":1:0:").num(methodStartTime);
-        if (error) w.ch(':').num(r->tlStatusCode);
-        if (ipResourceURL() != 0) w.ch(':').num(id);
-        r->tierCallOutSeqNum = 0;
-    }
-    w.ch('_');
-    if (w.ok()) appendLocked(r, buf, w.len());
+    appendEntryLocked(r, [&](char* p) {
+        const bool error = r->tlStatusCode > 399;
+        const int id = mPP->methodId;
+        p = putChar(p, error ? 'E' : 'T');
+        if (qv_load(mPP->type) == 2) {
+            p = putNum(p, r->seqNum);
+            p = putChar(p, ':');
+            p = putNum(p, id);
+            p = putChar(p, ':');
+            p = putNum(p, duration);
+            p = putLit(p, ":10:");
+            p = putNum(p, r->tlSQLObj.sqlId);
+            p = putChar(p, ':');
+            p = putNum(p, methodStartTime);
+            if (error) {
+                p = putChar(p, ':');
+                p = putNum(p, r->tlStatusCode);
+            }
+        } else {
+            const long long seq = r->tierCallOutSeqNum != 0 ? r->tierCallOutSeqNum : r->seqNum;
+            p = putNum(p, seq);
+            p = putChar(p, ':');
+            p = putNum(p, id);
+            p = putChar(p, ':');
+            p = putNum(p, duration);
+            p = putLit(p, ":1:0:");
+            p = putNum(p, methodStartTime);
+            if (error) {
+                p = putChar(p, ':');
+                p = putNum(p, r->tlStatusCode);
+            }
+            if (ipResourceURL() != 0) {
+                p = putChar(p, ':');
+                p = putNum(p, id);
+            }
+            r->tierCallOutSeqNum = 0;
+        }
+        return putChar(p, '_');
+    });
 }
 
 void dumpHeaderLocked(QVPerThreadData_t* r) {
@@ -480,8 +596,9 @@ methodPropProperties* methodExit(void* methodPtr, QVPerThreadData_t* qvTD, char*
     const int type = qv_load(m->type);
     const bool excluded = qvTD->tlIsBTExcluded != 0;
     // Only callout records carry the time of the exit: ordinary exits skip the clock.
-    const long long relNow =
-        (ep & (QV_EP_CALLOUT | QV_EP_CUSTOM_CALLOUT)) != 0 ? wrapSub(nowMs(), qvTD->tlFlowPathTimeStampInMS) : 0;
+    const long long relNow = (ep & (QV_EP_CALLOUT | QV_EP_CUSTOM_CALLOUT)) != 0
+                                 ? wrapSub(nowMs(), qvTD->tlFlowPathTimeStampInMS)
+                                 : 0;
 
     methodPropProperties* callout = nullptr;
     if ((ep & QV_EP_CALLOUT) != 0 && !excluded) {
@@ -963,10 +1080,9 @@ void updateFPSeqBlobWithTierCallOutRecord(QVPerThreadData_t* qvTD, long long met
 void appendExceptionRecordInSeqBlob(QVPerThreadData_t* qvTD) {
     if (qvTD == nullptr) return;
     QVLockGuard guard(qvTD->sequenceBlobLock);
-    char buf[32];
-    EntryWriter w(buf, sizeof(buf));
-    w.ch('e').num(qvTD->seqNum).ch('_');
-    if (w.ok()) appendLocked(qvTD, buf, w.len());
+    char buf[kNumMax + 2];
+    char* end = putChar(putNum(putChar(buf, 'e'), qvTD->seqNum), '_');
+    appendLocked(qvTD, buf, static_cast<int>(end - buf));
 }
 
 void checkToDumpFPSeqBlob(QVPerThreadData_t* qvTD) {

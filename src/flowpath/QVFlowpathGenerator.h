@@ -189,11 +189,11 @@ methodPropProperties* qvMethodExit(void* methodPtr, QVPerThreadData_t* qvTD, cha
                                    long long threadID, int isCalloutDone, char* TLS, int event_type);
 
 // ---- Sequence blob ----
-// Every append below takes sequenceBlobLock (nested, so callers may hold it). An entry is
-// formatted in a local buffer first; when it would not fit the 16384-byte blob (one byte is kept
-// for the terminator) the blob is written out (dumpIncompleteFlowpathSeqBlock) before it is
-// appended, so no value of maxCharactersInSeqBlob can overflow the blob. After each append
-// checkToDumpFPSeqBlob runs. Null qvTD: nothing.
+// Every append below takes sequenceBlobLock (nested, so callers may hold it). When an entry
+// would not fit the 16384-byte blob (one byte is kept for the terminator) the blob is written
+// out (dumpIncompleteFlowpathSeqBlock) before it is appended, so no value of
+// maxCharactersInSeqBlob can overflow the blob. After each append checkToDumpFPSeqBlob runs.
+// No allocation. Null qvTD: nothing.
 
 // One method event: eventID 0 entry ("%d_%d_%lld_%d_" when pageID >= 0, asynchronous
 // "%d:%lld:1:%s_%d_%lld__" with urlStr cut at QV_SEQ_ASYNC_URL_MAX bytes, else

@@ -1,9 +1,13 @@
 // The versioned method registry: find-or-create with the backend fold-over, method metadata,
-// generations with their reference counts, and the sweep of retired generations.
+// generations with their reference counts and lock-free name index, and the sweep of retired
+// generations.
 #include "flowpath/QVMethodHashMap.h"
 
+#include <atomic>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "collector/QVDataDispatcher.h"
 #include "core/QVBCISettings.h"
@@ -29,6 +33,7 @@ const char* const kModule = "FLOWPATH";
 const char* const kRecordPurpose = "methodPropProperties";
 const char* const kNodePurpose = "node_t";
 const char* const kTextPurpose = "methodPropProperties text";
+const char* const kIndexPurpose = "method index";
 
 // Retired generations, oldest first. Only touched under methodEntryLock.
 node_t* head = nullptr;
@@ -61,22 +66,215 @@ methodPropProperties* findIn(node_t* node, const char* name) {
     return static_cast<methodPropProperties*>(apr_hash_get(map, name, APR_HASH_KEY_STRING));
 }
 
+// ---- The lock-free index of a generation ----
+// Linear probing over a power-of-two table kept under half full. A slot is written once: its
+// tag, then its record with a release store, so a reader that sees the record sees the tag, and
+// a record's methodName never changes. Writers hold methodEntryLock. A full-enough table is
+// copied into a larger one that is then published; readers still on the old one finish safely,
+// as old tables are freed only with the index (with the generation, which nobody then holds).
+// The per-event path looks a name up twice per method call, so the hash takes eight bytes per
+// step and the tag carries the name's length: equal tags mean equal lengths, and the names are
+// then compared word by word without a library call.
+
+struct IndexSlot {
+    std::atomic<uint64_t> tag;  // hash bits above kLenBits, the name's length (saturated) below
+    std::atomic<methodPropProperties*> m;
+};
+
+struct IndexTable {
+    size_t mask;  // capacity - 1
+    IndexTable* older;
+};
+
+constexpr int kLenBits = 16;
+constexpr uint64_t kLenMask = (1ULL << kLenBits) - 1;
+
+IndexSlot* slotsOf(IndexTable* t) {
+    return reinterpret_cast<IndexSlot*>(t + 1);
+}
+
+size_t homeSlot(const IndexTable* t, uint64_t tag) {
+    return static_cast<size_t>(tag >> kLenBits) & t->mask;
+}
+
+uint64_t load8(const char* p) {
+    uint64_t w;
+    memcpy(&w, p, 8);
+    return w;
+}
+
+uint32_t load4(const char* p) {
+    uint32_t w;
+    memcpy(&w, p, 4);
+    return w;
+}
+
+// The tag of name: its hash and its length.
+uint64_t tagOf(const char* name) {
+    const size_t len = strlen(name);
+    uint64_t h = 0x9e3779b97f4a7c15ULL ^ len;
+    uint64_t w = 0;
+    if (len >= 8) {
+        for (size_t i = 0; i + 8 < len; i += 8) {
+            h = (h ^ load8(name + i)) * 0xbf58476d1ce4e5b9ULL;
+            h ^= h >> 29;
+        }
+        // The last eight bytes, overlapping the words before when len is not a multiple of 8.
+        w = load8(name + len - 8);
+    } else if (len >= 4) {
+        w = (static_cast<uint64_t>(load4(name)) << 32) | load4(name + len - 4);
+    } else if (len > 0) {
+        w = static_cast<uint64_t>(static_cast<unsigned char>(name[0])) << 16 |
+            static_cast<uint64_t>(static_cast<unsigned char>(name[len / 2])) << 8 |
+            static_cast<unsigned char>(name[len - 1]);
+    }
+    h = (h ^ w) * 0xbf58476d1ce4e5b9ULL;
+    h ^= h >> 32;
+    h *= 0xd6e8feb86659fd93ULL;
+    h ^= h >> 32;
+    return (h & ~kLenMask) | (len < kLenMask ? len : kLenMask);
+}
+
+// Whether a and b, which both have at least len bytes, have the same len bytes.
+bool sameBytes(const char* a, const char* b, size_t len) {
+    if (len >= 8) {
+        for (size_t i = 0; i + 8 < len; i += 8)
+            if (load8(a + i) != load8(b + i)) return false;
+        return load8(a + len - 8) == load8(b + len - 8);
+    }
+    if (len >= 4) return load4(a) == load4(b) && load4(a + len - 4) == load4(b + len - 4);
+    for (size_t i = 0; i < len; i++)
+        if (a[i] != b[i]) return false;
+    return true;
+}
+
+IndexTable* newIndexTable(size_t capacity) {
+    void* mem = qvlb_calloc(sizeof(IndexTable) + capacity * sizeof(IndexSlot), kIndexPurpose, -1);
+    if (mem == nullptr) return nullptr;
+    auto* t = new (mem) IndexTable{capacity - 1, nullptr};
+    IndexSlot* s = slotsOf(t);
+    for (size_t i = 0; i < capacity; i++) new (&s[i]) IndexSlot{{0}, {nullptr}};
+    return t;
+}
+
+// Writer side: a free slot is known to exist.
+void placeInTable(IndexTable* t, uint64_t tag, methodPropProperties* m) {
+    IndexSlot* s = slotsOf(t);
+    size_t i = homeSlot(t, tag);
+    while (s[i].m.load(std::memory_order_relaxed) != nullptr) i = (i + 1) & t->mask;
+    s[i].tag.store(tag, std::memory_order_relaxed);
+    s[i].m.store(m, std::memory_order_release);
+}
+
+}  // namespace
+
+struct QVMethodIndex {
+    std::atomic<IndexTable*> table;
+    size_t count;  // under methodEntryLock
+};
+
+namespace {
+
+QVMethodIndex* createIndex(unsigned int expected) {
+    size_t capacity = 16;
+    while (capacity < static_cast<size_t>(expected) * 2 && capacity < (static_cast<size_t>(1) << 30))
+        capacity <<= 1;
+    IndexTable* t = newIndexTable(capacity);
+    if (t == nullptr) return nullptr;
+    void* mem = qvlb_calloc(sizeof(QVMethodIndex), kIndexPurpose, -1);
+    if (mem == nullptr) {
+        qvlb_free(t, kIndexPurpose, -1);
+        return nullptr;
+    }
+    auto* ix = new (mem) QVMethodIndex{};
+    ix->table.store(t, std::memory_order_relaxed);
+    return ix;
+}
+
+void destroyIndex(QVMethodIndex* ix) {
+    if (ix == nullptr) return;
+    for (IndexTable* t = ix->table.load(std::memory_order_relaxed); t != nullptr;) {
+        IndexTable* older = t->older;
+        qvlb_free(t, kIndexPurpose, -1);
+        t = older;
+    }
+    qvlb_free(ix, kIndexPurpose, -1);
+}
+
+methodPropProperties* indexFind(const QVMethodIndex* ix, const char* name) {
+    if (ix == nullptr || name == nullptr) return nullptr;
+    const uint64_t tag = tagOf(name);
+    const size_t len = static_cast<size_t>(tag & kLenMask);
+    IndexTable* t = ix->table.load(std::memory_order_acquire);
+    IndexSlot* s = slotsOf(t);
+    size_t i = homeSlot(t, tag);
+    // Under half full, so a free slot ends every probe; the table size bounds it regardless.
+    for (size_t n = 0; n <= t->mask; n++, i = (i + 1) & t->mask) {
+        methodPropProperties* m = s[i].m.load(std::memory_order_acquire);
+        if (m == nullptr) return nullptr;
+        if (s[i].tag.load(std::memory_order_relaxed) != tag) continue;
+        // Equal tags: both names have len bytes, unless the length saturated.
+        if (len < kLenMask ? sameBytes(m->methodName, name, len) : strcmp(m->methodName, name) == 0) return m;
+    }
+    return nullptr;
+}
+
+// Lock held; the name is not in the index yet. False when memory is short (the index then
+// lacks the name, and lookups of it take the lock).
+bool indexAdd(QVMethodIndex* ix, methodPropProperties* m) {
+    IndexTable* t = ix->table.load(std::memory_order_relaxed);
+    if ((ix->count + 1) * 2 > t->mask + 1) {
+        if (t->mask + 1 >= (static_cast<size_t>(1) << 31)) return false;
+        IndexTable* bigger = newIndexTable((t->mask + 1) * 2);
+        if (bigger == nullptr) return false;
+        IndexSlot* s = slotsOf(t);
+        for (size_t i = 0; i <= t->mask; i++) {
+            methodPropProperties* old = s[i].m.load(std::memory_order_relaxed);
+            if (old != nullptr) placeInTable(bigger, s[i].tag.load(std::memory_order_relaxed), old);
+        }
+        bigger->older = t;
+        ix->table.store(bigger, std::memory_order_release);
+        t = bigger;
+    }
+    placeInTable(t, tagOf(m->methodName), m);
+    ix->count++;
+    return true;
+}
+
+// The lookup of the per-event path. node is alive because the caller holds it.
+methodPropProperties* findLockFree(node_t* node, const char* name) {
+    return node != nullptr ? indexFind(node->index, name) : nullptr;
+}
+
+// The one way a name enters a generation (lock held; the name is new to it).
+void addToGeneration(node_t* node, methodPropProperties* m) {
+    apr_hash_set(node->dynamic_ptr, m->methodName, APR_HASH_KEY_STRING, m);
+    if (node->index != nullptr) indexAdd(node->index, m);
+}
+
 // Looks name up in node, then in the current generation cur: a name known to a newer generation
 // shares that record (added to node) rather than getting a second id.
 methodPropProperties* findShared(node_t* node, node_t* cur, const char* name) {
     if (methodPropProperties* m = findIn(node, name)) return m;
     if (cur == nullptr || cur == node) return nullptr;
     methodPropProperties* m = findIn(cur, name);
-    if (m != nullptr) apr_hash_set(node->dynamic_ptr, m->methodName, APR_HASH_KEY_STRING, m);
+    if (m != nullptr) addToGeneration(node, m);
     return m;
 }
 
-// A generation made empty, with its own pool so its maps go away with it.
-node_t* newGeneration() {
+// A generation made empty, with its own pool so its maps go away with it, and an index sized
+// for about expected names.
+node_t* newGeneration(unsigned int expected) {
     qvlb_apr_init();
     auto* node = static_cast<node_t*>(qvlb_calloc(sizeof(node_t), kNodePurpose, -1));
     if (node == nullptr) return nullptr;
     if (apr_pool_create_unmanaged_ex(&node->pool, nullptr, nullptr) != APR_SUCCESS) {
+        qvlb_free(node, kNodePurpose, -1);
+        return nullptr;
+    }
+    node->index = createIndex(expected);
+    if (node->index == nullptr) {
+        apr_pool_destroy(node->pool);
         qvlb_free(node, kNodePurpose, -1);
         return nullptr;
     }
@@ -86,9 +284,22 @@ node_t* newGeneration() {
 
 void freeGeneration(node_t* node) {
     if (node == nullptr) return;
-    // A generation that does not own its maps leaves them to their owner.
+    // A generation that does not own its maps leaves them to their owner; the index is always
+    // its own.
     if (node->type == 1 && node->pool != nullptr) apr_pool_destroy(node->pool);
+    destroyIndex(node->index);
     qvlb_free(node, kNodePurpose, -1);
+}
+
+// Fills a copied generation's index from its dynamic map (lock held, before it is published).
+void indexAll(node_t* node) {
+    for (apr_hash_index_t* hi = apr_hash_first(nullptr, node->dynamic_ptr); hi != nullptr;
+         hi = apr_hash_next(hi)) {
+        void* v = nullptr;
+        apr_hash_this(hi, nullptr, nullptr, &v);
+        auto* m = static_cast<methodPropProperties*>(v);
+        if (m != nullptr) indexAdd(node->index, m);
+    }
 }
 
 void freeRecord(methodPropProperties* m) {
@@ -212,11 +423,11 @@ methodPropProperties* updateMethodHashMap(const char* backendName, int isEntryPo
     qv_store(methodId, methodId + 1);
     m->isEntryPoint = isEntryPointPtr;
     m->type = static_cast<char>(type);
-    apr_hash_set(node->dynamic_ptr, m->methodName, APR_HASH_KEY_STRING, m);
+    addToGeneration(node, m);
     // Every record is also in the current generation, so a name created through an older
     // generation keeps its one id once that generation is gone.
     if (cur != nullptr && cur != node && cur->dynamic_ptr != nullptr && findIn(cur, m->methodName) == nullptr)
-        apr_hash_set(cur->dynamic_ptr, m->methodName, APR_HASH_KEY_STRING, m);
+        addToGeneration(cur, m);
     QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "Method '%s' registered with id %d", m->methodName,
                 m->methodId);
     sendMethodMetaRecord(m);
@@ -262,6 +473,11 @@ methodPropProperties* qvFindOrCreateMethodLocked(char* mName, node_t* node, int 
 methodPropProperties* searchAndUpdateMethodHashMap(char* mName, node_t* node, int updateFlag, int type,
                                                    int mNameSize) {
     QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method called");
+    // A name the generation knows is what the locked path would return first, whatever the flags.
+    if (methodPropProperties* known = findLockFree(node, mName)) {
+        QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method exit");
+        return known;
+    }
     bool created = false;
     methodPropProperties* m = qvFindOrCreateMethodLocked(mName, node, updateFlag, type, mNameSize, &created);
     // Outside the registry lock: the monitor takes its own locks to grow its arrays.
@@ -273,6 +489,7 @@ methodPropProperties* searchAndUpdateMethodHashMap(char* mName, node_t* node, in
 
 methodPropProperties* getMethodPropFromMethodName(const char* mName, node_t* node) {
     if (mName == nullptr || mName[0] == '\0') return nullptr;
+    if (methodPropProperties* known = findLockFree(node, mName)) return known;
     QVMethodHashMapGuard guard;
     return findIn(node ? node : methodHashMapNode, mName);
 }
@@ -340,7 +557,7 @@ int makeHashmapCopyAndaddToLL(int type) {
         return -1;
     }
     // Built before the current one is retired, so a failure leaves the registry as it was.
-    node_t* node = newGeneration();
+    node_t* node = newGeneration(cur->dynamic_ptr ? apr_hash_count(cur->dynamic_ptr) : 0);
     if (node == nullptr) return -1;
     node->ptr = apr_hash_copy(node->pool, cur->ptr ? cur->ptr : apr_hash_make(node->pool));
     node->dynamic_ptr =
@@ -349,6 +566,7 @@ int makeHashmapCopyAndaddToLL(int type) {
         freeGeneration(node);
         return -1;
     }
+    indexAll(node);
     methodHashMapNodeTemp = node;
     resetmethodHashMapNode(node, type);
     cur->timeStamp = my_gettimeofday();
@@ -412,7 +630,7 @@ int initMethodRegistry() {
     {
         QVMethodHashMapGuard guard;
         if (methodHashMapNode == nullptr) {
-            node_t* node = newGeneration();
+            node_t* node = newGeneration(0);
             if (node == nullptr) return -1;
             node->ptr = apr_hash_make(node->pool);
             node->dynamic_ptr = apr_hash_make(node->pool);

@@ -8,6 +8,7 @@
 #include <apr_pools.h>
 
 struct QVPerThreadData_t;
+struct QVMethodIndex;
 
 // Name under which DefaultMethod (the outermost pseudo-method of every flowpath) is registered.
 #define QV_DEFAULT_METHOD_NAME "Profiler.Korlund.BeginRequest"
@@ -58,6 +59,11 @@ struct methodPropProperties {
 // One generation of the registry. The maps live in the generation's own pool (pool), so a
 // retired generation of type 1 is freed together with its maps by destroying that pool; the
 // records in them are shared and never freed with a generation.
+// index mirrors dynamic_ptr for lookups without methodEntryLock (an open-addressing table of
+// record pointers private to the registry): every name put into dynamic_ptr (always under the
+// lock) is put into index too, and names are never removed. It is set before the generation is
+// published, never changed, and freed with the node whatever its type. Null (a generation built
+// elsewhere) only means every lookup takes the lock.
 struct node_t {
     apr_hash_t* ptr;          // methods from the instrumentation profile, by name
     apr_hash_t* dynamic_ptr;  // every method known to this generation, by methodName
@@ -66,6 +72,7 @@ struct node_t {
     long long timeStamp;      // wall clock (ms) when retired
     node_t* next;             // next retired generation
     apr_pool_t* pool;         // owner of ptr and dynamic_ptr (null when the maps are borrowed)
+    QVMethodIndex* index;     // methodName -> record, read without the lock (see above)
 };
 
 // The current generation. Changed only under methodEntryLock with a release store; flowpaths
@@ -121,7 +128,9 @@ class QVMethodHashMapGuard {
 int initMethodRegistry();
 
 // Find or create mName in generation node (null: the current generation, resolved under the
-// lock; otherwise a generation the caller holds a reference on). updateFlag 1 marks mName as a
+// lock; otherwise a generation the caller holds a reference on, or the lock). A name node
+// already knows is found without taking the lock and without allocating; anything else takes
+// the lock as below. updateFlag 1 marks mName as a
 // backend: past the backend monitor's maximum it folds into "Others", and the caller's buffer is
 // overwritten with "Others" when mNameSize (bytes writable at mName) is at least 7; callers that
 // pass no size promise QV_OTHERS_NAME_MIN_BUF bytes. A newly created backend is counted and
@@ -144,8 +153,9 @@ methodPropProperties* qvFindOrCreateMethodLocked(char* mName, node_t* node, int 
 // -1 when memory is short (field unchanged).
 int setMethodPropText(char** field, const char* text);
 
-// Lookup only, in node's dynamic_ptr (null node: the current generation), under the lock.
-// Returns the record or null.
+// Lookup only, in node's dynamic_ptr (null node: the current generation, under the lock).
+// A given node must be held by the caller (a reference or the lock); a name it knows is then
+// found without the lock, and a miss is confirmed under the lock. Returns the record or null.
 methodPropProperties* getMethodPropFromMethodName(const char* mName, node_t* node);
 
 // Creates and registers backendName in node (null: current generation): the next methodId,

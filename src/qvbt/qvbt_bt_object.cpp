@@ -60,8 +60,7 @@ int qvbt_bt_maps_init() {
             retired_maps = r;
         }
     }
-    memset(&config, 0, sizeof(config));
-    memset(&manager, 0, sizeof(manager));
+    // Field by field, never memset: request threads read these while a start re-initialises them.
     qv_store(config.max_bt_count, 256);
     qv_store(config.total_bt_count, 1);
     qvlb_lfmap_t* cfg = qvlb_lfmap_create(512);

@@ -5,10 +5,14 @@
 #include "backend/backend_module.h"
 #include "bt/QVBTManager.h"
 #include "bt/QVBTMonitor.h"
+#include "bt/QVMonitorCommon.h"
+#include "bt/QVMonitorDataModel.h"
 #include "bt/bt_module.h"
+#include "codec/codec_module.h"
+#include "collector/QVCServerConfig.h"
+#include "collector/QVDataDispatcher.h"
 #include "collector/QVMonitorReporter.h"
 #include "collector/Server.h"
-#include "codec/codec_module.h"
 #include "collector/collector_module.h"
 #include "core/qv_agent.h"
 #include "flowpath/QVFlowpathGenerator.h"
@@ -68,4 +72,21 @@ void qvlb_register_modules() {
     qv_wire_flowpath_hooks();
     wireCollectorCommands();
     qvFlowpathHooks.onResourceMetaRecord = qvCacheResourceMetaRecord;
+}
+
+void qvlb_reset_modules_for_test() {
+    qv_data_dispatcher_reset_for_test();
+    qvFlowpathGeneratorResetForTest();
+    qvClientManagerResetForTest();
+    qvbt_manager_reset_for_test();
+    qvMonitorDataModelResetForTest();
+    qvMonitorCommonResetForTest();
+    qvMethodMonitorResetForTest();
+    qvBackendMonitorResetForTest();
+    qvSQLProcessorResetForTest();
+    qv_flowpath_pool_reset_for_test();
+    qvMethodRegistryResetForTest();
+    clear_qvc_server_setting();
+    qvc_server_config_reset_for_test();
+    qv_agent_reset_for_test();
 }

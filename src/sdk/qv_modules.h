@@ -6,4 +6,9 @@
 // call it before agent_init. The SDK's initialisation does so itself.
 void qvlb_register_modules();
 
+// Frees and resets every module's state in dependency order (the data dispatcher first, the
+// instance record last), so a test that started the whole agent leaves nothing behind. Tests
+// only; no agent thread may be running.
+void qvlb_reset_modules_for_test();
+
 #endif

@@ -158,31 +158,64 @@ struct LineWriter {
     }
 };
 
-// printf's output for the conversions the SDK's messages use, without printf's cost. Returns
-// false at the first other conversion (flags, widths, other letters): the caller then formats
-// with vsnprintf from the start.
-bool formatFast(LineWriter& w, const char* fmt, va_list ap) {
+// One conversion of a message format and the literal text before it.
+struct FastSpec {
+    const char* text;  // literal text before the conversion
+    size_t textLen;
+    char conv;  // '%', 's', 'p', 'd', 'i' or 'u'
+    char longs;
+};
+// Conversions per message handled without printf; messages have a handful.
+constexpr int kFastSpecMax = 16;
+
+// Splits fmt into its conversions when every one is among those printf-free formatting handles
+// (%s, %p, %d, %i, %u, the integer ones also with l or ll, and %%); *tail is the text after the
+// last (tailLen bytes). False at anything else (flags, widths, other letters) or past
+// kFastSpecMax: the caller then formats with vsnprintf. The arguments are not touched here, so
+// that fall-back needs no copy of them (copying a va_list stalls the line on a store it has to
+// wait for).
+bool parseFast(const char* fmt, FastSpec* specs, int* count, const char** tail, size_t* tailLen) {
+    int n = 0;
     const char* run = fmt;
     const char* f = strchrnul(fmt, '%');
     for (; *f != '\0'; f = strchrnul(f + 1, '%')) {
-        w.bytes(run, static_cast<size_t>(f - run));
+        if (n == kFastSpecMax) return false;
+        FastSpec& sp = specs[n++];
+        sp.text = run;
+        sp.textLen = static_cast<size_t>(f - run);
         ++f;
         int longs = 0;
         while (*f == 'l' && longs < 2) {
             ++longs;
             ++f;
         }
-        switch (*f) {
+        const char c = *f;
+        const bool integer = c == 'd' || c == 'i' || c == 'u';
+        if (!integer && (longs != 0 || (c != '%' && c != 's' && c != 'p'))) return false;
+        sp.conv = c;
+        sp.longs = static_cast<char>(longs);
+        run = f + 1;
+    }
+    *count = n;
+    *tail = run;
+    *tailLen = static_cast<size_t>(f - run);  // f is at the terminating NUL
+    return true;
+}
+
+// printf's output for formats parseFast accepted.
+void formatFast(LineWriter& w, const FastSpec* specs, int count, const char* tail, size_t tailLen,
+                va_list ap) {
+    for (int i = 0; i < count; i++) {
+        const FastSpec& sp = specs[i];
+        w.bytes(sp.text, sp.textLen);
+        switch (sp.conv) {
             case '%':
-                if (longs != 0) return false;
                 w.lit("%");
                 break;
             case 's':
-                if (longs != 0) return false;
                 w.str(va_arg(ap, const char*));
                 break;
             case 'p': {
-                if (longs != 0) return false;
                 const void* v = va_arg(ap, const void*);
                 if (v == nullptr) {
                     w.lit("(nil)");
@@ -192,30 +225,25 @@ bool formatFast(LineWriter& w, const char* fmt, va_list ap) {
                 }
                 break;
             }
-            case 'd':
-            case 'i':
-                if (longs == 0)
-                    w.num(va_arg(ap, int));
-                else if (longs == 1)
-                    w.num(va_arg(ap, long));
-                else
-                    w.num(va_arg(ap, long long));
-                break;
             case 'u':
-                if (longs == 0)
+                if (sp.longs == 0)
                     w.num(va_arg(ap, unsigned int));
-                else if (longs == 1)
+                else if (sp.longs == 1)
                     w.num(va_arg(ap, unsigned long));
                 else
                     w.num(va_arg(ap, unsigned long long));
                 break;
-            default:
-                return false;
+            default:  // 'd', 'i'
+                if (sp.longs == 0)
+                    w.num(va_arg(ap, int));
+                else if (sp.longs == 1)
+                    w.num(va_arg(ap, long));
+                else
+                    w.num(va_arg(ap, long long));
+                break;
         }
-        run = f + 1;
     }
-    w.bytes(run, static_cast<size_t>(f - run));  // f is at the terminating NUL
-    return true;
+    w.bytes(tail, tailLen);
 }
 
 const PrefixCache& currentPrefix() {
@@ -320,16 +348,18 @@ int qv_sdk_trace_log(int level, const char* func_name, int line, const char* for
     if (format != nullptr) {
         va_list ap;
         va_start(ap, format);
-        va_list fast;
-        va_copy(fast, ap);
-        char* const msg = w.p;
-        if (!formatFast(w, format, fast)) {
-            w.p = msg;
+        FastSpec specs[kFastSpecMax];
+        int count = 0;
+        const char* tail = nullptr;
+        size_t tailLen = 0;
+        if (parseFast(format, specs, &count, &tail, &tailLen)) {
+            formatFast(w, specs, count, tail, tailLen, ap);
+        } else {
+            char* const msg = w.p;
             const size_t room = static_cast<size_t>(w.end - msg) + 1;  // vsnprintf counts the NUL
             int n = vsnprintf(msg, room, format, ap);
             if (n > 0) w.p = msg + (static_cast<size_t>(n) < room ? static_cast<size_t>(n) : room - 1);
         }
-        va_end(fast);
         va_end(ap);
     }
     *w.p++ = '\n';

@@ -38,6 +38,7 @@
 #include "sdk/qv_modules.h"
 #include "support/loopback_peer.h"
 #include "support/temp_home.h"
+#include "tool/QVClientManager.h"
 
 namespace {
 
@@ -96,6 +97,7 @@ class FlowpathTest : public ::testing::Test {
     void TearDown() override {
         qv_data_dispatcher_reset_for_test();
         qvFlowpathGeneratorResetForTest();
+        qvClientManagerResetForTest();  // the metadata cache fed by resource meta records
         qvbt_manager_reset_for_test();
         qvMonitorDataModelResetForTest();
         qvMonitorCommonResetForTest();
@@ -375,6 +377,33 @@ TEST_F(FlowpathTest, BlobEntriesOfEveryForm) {
     int id = idOf("Plain.work");
     EXPECT_EQ(blob(r), std::to_string(id) + ":0_0_5__" + std::to_string(id) + ":0_1_3____");
     EXPECT_EQ(r->tlNonServiceMethodCount, 1);
+}
+
+// The entries' numbers are formatted by hand: every digit count and both extremes read as printf
+// would print them.
+TEST_F(FlowpathTest, EntryNumbersReadAsPrintfWouldPrintThem) {
+    QVPerThreadData_t* r = start();
+    ASSERT_NE(r, nullptr);
+    std::vector<long long> values = {0, LLONG_MIN, LLONG_MAX, INT_MIN, INT_MAX, 4294967295LL, 4294967296LL};
+    for (long long p = 1;; p *= 10) {
+        for (long long v : {p - 1, p, p + 1, -p, -(p - 1)}) values.push_back(v);
+        if (p > LLONG_MAX / 10) break;
+    }
+    char want[256];
+    for (long long v : values) {
+        const int mid = static_cast<int>(v);  // wraps: INT_MIN and INT_MAX come up too
+        const long long neg = static_cast<long long>(0ULL - static_cast<unsigned long long>(v));
+        r->sequenceBlobLen = 0;
+        updateFPSeqBlob(r, mid, v, 0, -1, -1, 0, v, nullptr);
+        updateFPSeqBlob(r, mid, v, 1, -1, v < 0 ? 0 : v, 0, neg, nullptr);
+        snprintf(want, sizeof(want), "%d:%lld_0_%lld__%d:%lld_1_%lld_%lld___", mid, v, v, mid, neg, v,
+                 v < 0 ? 0 : v);
+        ASSERT_EQ(blob(r), want) << v;
+        r->sequenceBlobLen = 0;
+        updateFPSeqBlob(r, mid, v, 0, mid < 0 ? 0 : mid, -1, 0, 0, nullptr);
+        snprintf(want, sizeof(want), "%d_0_%lld_%d_", mid, v, mid < 0 ? 0 : mid);
+        ASSERT_EQ(blob(r), want) << v;
+    }
 }
 
 TEST_F(FlowpathTest, CalloutRecordsOfEveryForm) {

@@ -1,6 +1,6 @@
-// Tests of the method registry: find-or-create and ids, generations sharing records, the three
-// resets, reference counts and sweeping, the "Others" fold-over, the method metadata record, and
-// DefaultMethod after start-up.
+// Tests of the method registry: find-or-create and ids, lookups without the lock, generations
+// sharing records, the three resets, reference counts and sweeping, the "Others" fold-over, the
+// method metadata record, and DefaultMethod after start-up.
 #include "flowpath/QVMethodHashMap.h"
 
 #include <gtest/gtest.h>
@@ -100,6 +100,47 @@ TEST_F(Registry, GenerationsShareRecordsAndIdsKeepIncreasing) {
     EXPECT_EQ(get("C"), c);
     EXPECT_NE(home_->traceLogs().find("Added to linklist and make copy., methodHashMapNode = "),
               std::string::npos);
+}
+
+// Lookups in a given generation take no lock for known names; they must still find every name of
+// that generation (any length, across index growth and copies) and nothing of a newer one.
+TEST_F(Registry, KnownNamesOfAGenerationAreFoundWithoutNewIds) {
+    std::vector<std::string> names;
+    for (int len = 1; len <= 40; len++) {
+        names.push_back(std::string(len, 'm'));
+        names.push_back("x" + std::string(len > 1 ? len - 1 : 0, 'm'));  // same length, other first byte
+        names.push_back(std::string(len > 1 ? len - 1 : 0, 'm') + "x");  // other last byte
+    }
+    for (int i = 0; i < 200; i++) names.push_back("Svc::handler" + std::to_string(i));
+    std::vector<methodPropProperties*> recs;
+    for (const std::string& n : names) {
+        recs.push_back(get(n.c_str()));
+        ASSERT_NE(recs.back(), nullptr) << n;
+    }
+    const int nextId = qv_load(methodId);
+    node_t* g1 = methodHashMapNode;
+    for (size_t i = 0; i < names.size(); i++) {
+        EXPECT_EQ(getMethodPropFromMethodName(names[i].c_str(), g1), recs[i]) << names[i];
+        std::string buf = names[i];
+        EXPECT_EQ(searchAndUpdateMethodHashMap(buf.data(), g1, 1, 2, static_cast<int>(buf.size() + 1)),
+                  recs[i]);
+    }
+    EXPECT_EQ(qv_load(methodId), nextId);  // nothing created, not even as a backend
+    EXPECT_EQ(getMethodPropFromMethodName("Svc::handler200", g1), nullptr);
+    EXPECT_EQ(getMethodPropFromMethodName("", g1), nullptr);
+
+    ASSERT_EQ(makeHashmapCopyAndaddToLL(0), 0);
+    node_t* g2 = methodHashMapNode;
+    for (size_t i = 0; i < names.size(); i++)
+        EXPECT_EQ(getMethodPropFromMethodName(names[i].c_str(), g2), recs[i]);
+    methodPropProperties* late = get("Late::one");
+    EXPECT_EQ(getMethodPropFromMethodName("Late::one", g2), late);
+    EXPECT_EQ(getMethodPropFromMethodName("Late::one", g1), nullptr);
+    // Met through the older generation, the name joins it with its one record.
+    std::string lateName = "Late::one";
+    EXPECT_EQ(searchAndUpdateMethodHashMap(lateName.data(), g1, 0, 0, 10), late);
+    EXPECT_EQ(getMethodPropFromMethodName("Late::one", g1), late);
+    EXPECT_EQ(qv_load(methodId), nextId + 1);
 }
 
 TEST_F(Registry, ResetTypesClearTheirFields) {
@@ -383,6 +424,92 @@ TEST(RegistryConcurrency, SameNewNamesGiveOneMethodEach) {
     std::sort(ids.begin(), ids.end());
     EXPECT_EQ(std::adjacent_find(ids.begin(), ids.end()), ids.end());
     EXPECT_EQ(qv_load(methodId), QV_FIRST_METHOD_ID + 1 + kNames);
+    checkAndDeleteNode();
+    EXPECT_EQ(checkForLinkList(), 0);
+    qvMethodRegistryResetForTest();
+    qv_agent_reset_for_test();
+}
+
+// Lookups without the lock in a held generation, racing the creation of other names (growing the
+// index) and generation changes with sweeps: a known name always gives its record, a name being
+// created gives nothing or its one record, and a name never created gives nothing.
+TEST(RegistryConcurrency, LockFreeLookupsRaceInsertsAndGenerationChanges) {
+    TempAgentHome home;
+    agent_init("lookuptest", 0, "lookuptest", nullptr);
+    ASSERT_EQ(initMethodRegistry(), 0);
+    constexpr int kKnown = 64;
+    constexpr int kNew = 3000;
+    constexpr int kReaders = 3;
+    std::vector<std::string> known;
+    std::vector<methodPropProperties*> knownRecs;
+    for (int i = 0; i < kKnown; i++) {
+        known.push_back("Known::m" + std::to_string(i));
+        char buf[64];
+        snprintf(buf, sizeof(buf), "%s", known.back().c_str());
+        knownRecs.push_back(searchAndUpdateMethodHashMap(buf, nullptr, 0, 0, sizeof(buf)));
+        ASSERT_NE(knownRecs.back(), nullptr);
+    }
+    std::vector<std::string> fresh;
+    for (int i = 0; i < kNew; i++)
+        fresh.push_back("Fresh::method::with::a::longer::name" + std::to_string(i));
+
+    std::atomic<bool> stop{false};
+    std::atomic<int> bad{0};
+    // Per reader: what it saw for fresh names, checked against the final records afterwards.
+    std::vector<std::vector<std::pair<int, methodPropProperties*>>> seen(kReaders);
+
+    std::thread writer([&] {
+        for (int i = 0; i < kNew; i++) {
+            char buf[96];
+            snprintf(buf, sizeof(buf), "%s", fresh[i].c_str());
+            if (searchAndUpdateMethodHashMap(buf, nullptr, i % 5 == 0 ? 1 : 0, 0, sizeof(buf)) == nullptr)
+                bad++;
+        }
+    });
+    std::thread generations([&] {
+        while (!stop.load()) {
+            makeHashmapCopyAndaddToLL(2);
+            checkAndDeleteNode();
+            std::this_thread::yield();
+        }
+    });
+    std::vector<std::thread> readers;
+    for (int t = 0; t < kReaders; t++) {
+        readers.emplace_back([&, t] {
+            auto fp = std::make_unique<QVPerThreadData_t>();
+            saveNodeAndIncrementMethodRefCount(fp.get());
+            for (int round = 0; !stop.load() || round < 50; round++) {
+                node_t* gen = fp->hasMapNodePtr;
+                for (int i = 0; i < kKnown; i++) {
+                    char buf[64];
+                    snprintf(buf, sizeof(buf), "%s", known[i].c_str());
+                    if (getMethodPropFromMethodName(buf, gen) != knownRecs[i]) bad++;
+                    if (searchAndUpdateMethodHashMap(buf, gen, 0, 0, sizeof(buf)) != knownRecs[i]) bad++;
+                }
+                if (getMethodPropFromMethodName("Never::created", gen) != nullptr) bad++;
+                const int i = (round * 7919 + t * 104729) % kNew;
+                methodPropProperties* m = getMethodPropFromMethodName(fresh[i].c_str(), gen);
+                if (m != nullptr && seen[t].size() < 100000) seen[t].emplace_back(i, m);
+                // Now and then move on to the current generation, as a flowpath finding its own stale.
+                if (round % 8 == 0) switchToCurrentMethodHashMapNode(fp.get());
+                if (round > 100000) break;
+            }
+            qvDecrementMethodRefCount(fp->hasMapNodePtr);
+        });
+    }
+    writer.join();
+    stop = true;
+    for (auto& r : readers) r.join();
+    generations.join();
+
+    EXPECT_EQ(bad.load(), 0);
+    for (int i = 0; i < kNew; i++) ASSERT_NE(getMethodPropFromMethodName(fresh[i].c_str(), nullptr), nullptr);
+    for (const auto& s : seen)
+        for (const auto& [i, m] : s)
+            ASSERT_EQ(getMethodPropFromMethodName(fresh[i].c_str(), nullptr), m) << fresh[i];
+    node_t* cur = methodHashMapNode;
+    for (int i = 0; i < kNew; i++) ASSERT_NE(getMethodPropFromMethodName(fresh[i].c_str(), cur), nullptr);
+    EXPECT_EQ(qv_load(methodId), QV_FIRST_METHOD_ID + 1 + kKnown + kNew);
     checkAndDeleteNode();
     EXPECT_EQ(checkForLinkList(), 0);
     qvMethodRegistryResetForTest();
