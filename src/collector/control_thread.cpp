@@ -555,6 +555,9 @@ int handle_msg_from_qvc(controlSocketBuffer_t* buf) {
             qv_store(heartbeat_count, 0);
             qv_store(health_check_fail, 1);
             qv_store(is_switch_over, 1);
+            // The collector is taken for dead: its data and auto-sensor connections go too, so the
+            // next collector's start opens them afresh.
+            checkAllDataConnAndcloseIfAny();
             return 1;
         }
         const int num = poll.wait(qv_load(controlPollTimeoutMs), err, sizeof(err));

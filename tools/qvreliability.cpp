@@ -1,0 +1,636 @@
+// qvreliability: measures how the agent behaves when its collector fails. Part 1 runs SDK
+// transactions on several threads while tools/qvcollector is killed and restarted, timing every SDK
+// call and accounting for every flowpath end record; part 2 counts the process's descriptors and
+// threads around many control reconnections. Prints the figures the README reports.
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "collector/QVCServerConfig.h"
+#include "collector/QVDataDispatcher.h"
+#include "collector/QVMonitorReporter.h"
+#include "collector/Server.h"
+#include "collector/control_thread.h"
+#include "core/qv_agent.h"
+#include "flowpath/QVPerThreadData.h"
+#include "foundation/qvlb_atomic.h"
+#include "sdk/qv_sdk.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long long nowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count();
+}
+
+long long nowMs() {
+    return nowNs() / 1000000;
+}
+
+std::string readFile(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+bool waitUntil(const std::function<bool()>& pred, long long ms) {
+    const long long deadline = nowMs() + ms;
+    for (;;) {
+        if (pred()) return true;
+        if (nowMs() >= deadline) return pred();
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
+// The collector simulator as a child: commands on its stdin, events in <out>/events.log.
+class Collector {
+  public:
+    ~Collector() { stop(SIGKILL); }
+
+    bool start(const std::string& binary, const fs::path& out, int port,
+               const std::vector<std::string>& keywords, bool autoStart = true) {
+        out_ = out;
+        fs::create_directories(out_);
+        const fs::path portFile = out_ / "port";
+        std::vector<std::string> argv = {binary,
+                                         "--port",
+                                         std::to_string(port),
+                                         "--port-file",
+                                         portFile.string(),
+                                         "--out",
+                                         out_.string(),
+                                         "--summary-interval",
+                                         "0",
+                                         "--interactive",
+                                         "--keyword",
+                                         "qvMonitorInterval=5"};
+        if (!autoStart) argv.push_back("--no-start");
+        for (const std::string& k : keywords) {
+            argv.push_back("--keyword");
+            argv.push_back(k);
+        }
+        std::vector<char*> cargv;
+        for (std::string& a : argv) cargv.push_back(a.data());
+        cargv.push_back(nullptr);
+        const std::string events = (out_ / "events.log").string();
+        int in[2];
+        if (pipe2(in, O_CLOEXEC) != 0) return false;
+        pid_ = fork();
+        if (pid_ == 0) {
+            // Async-signal-safe calls only (the agent's threads run in the parent); none of the
+            // agent's sockets may stay open in the child.
+            dup2(in[0], 0);
+            const int err = open(events.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+            if (err >= 0) dup2(err, 2);
+            const int devnull = open("/dev/null", O_WRONLY);
+            if (devnull >= 0) dup2(devnull, 1);
+            close_range(3, ~0U, 0);
+            execv(cargv[0], cargv.data());
+            _exit(127);
+        }
+        close(in[0]);
+        if (pid_ < 0) {
+            close(in[1]);
+            return false;
+        }
+        stdin_ = in[1];
+        if (!waitUntil([&] { return !readFile(portFile).empty() || !alive(); }, 10000) || !alive())
+            return false;
+        port_ = std::atoi(readFile(portFile).c_str());
+        return port_ > 0;
+    }
+
+    void send(const std::string& commands) {
+        if (stdin_ >= 0 && write(stdin_, commands.data(), commands.size()) < 0)
+            perror("qvreliability: write");
+    }
+
+    bool alive() {
+        if (pid_ <= 0) return false;
+        int st = 0;
+        if (waitpid(pid_, &st, WNOHANG) == pid_) {
+            pid_ = -1;
+            if (stdin_ >= 0) close(stdin_);
+            stdin_ = -1;
+            return false;
+        }
+        return true;
+    }
+
+    void stop(int sig) {
+        if (pid_ <= 0) return;
+        kill(pid_, sig);
+        waitUntil([&] { return !alive(); }, 10000);
+    }
+
+    int port() const { return port_; }
+    std::string file(const std::string& name) const { return readFile(out_ / name); }
+
+  private:
+    fs::path out_;
+    pid_t pid_ = -1;
+    int stdin_ = -1;
+    int port_ = 0;
+};
+
+// ---- SDK call timing -------------------------------------------------------------------------
+
+enum Call { kBegin, kEntry, kExit, kDbBegin, kDbEnd, kHttpBegin, kHttpEnd, kEnd, kCalls };
+const char* const kCallNames[kCalls] = {
+    "qv_bt_begin",          "qv_method_entry",          "qv_method_exit",         "qv_ip_db_callout_begin",
+    "qv_ip_db_callout_end", "qv_ip_http_callout_begin", "qv_ip_http_callout_end", "qv_bt_end"};
+
+struct CallStats {
+    long long count[kCalls] = {};
+    long long totalNs[kCalls] = {};
+    long long maxNs[kCalls] = {};
+    long long over1ms[kCalls] = {};
+    long long maxAtMs[kCalls] = {};  // when the slowest call started (steady clock)
+
+    void add(Call c, long long startNs, long long ns) {
+        ++count[c];
+        totalNs[c] += ns;
+        if (ns > 1000000) ++over1ms[c];
+        if (ns > maxNs[c]) {
+            maxNs[c] = ns;
+            maxAtMs[c] = startNs / 1000000;
+        }
+    }
+    void merge(const CallStats& o) {
+        for (int c = 0; c < kCalls; ++c) {
+            count[c] += o.count[c];
+            totalNs[c] += o.totalNs[c];
+            over1ms[c] += o.over1ms[c];
+            if (o.maxNs[c] > maxNs[c]) {
+                maxNs[c] = o.maxNs[c];
+                maxAtMs[c] = o.maxAtMs[c];
+            }
+        }
+    }
+};
+
+template <class F>
+auto timed(CallStats& s, Call c, F f) {
+    const long long t0 = nowNs();
+    auto r = f();
+    s.add(c, t0, nowNs() - t0);
+    return r;
+}
+
+struct Ended {
+    std::string fpi;
+    long long atMs;
+};
+
+struct Worker {
+    CallStats stats;
+    std::vector<Ended> ended;
+    long long refused = 0;
+};
+
+std::atomic<long long> g_attempted{0};
+
+// One request as the example application makes it: two nested methods, a database and an HTTP
+// callout.
+void oneTransaction(Worker& w, int thread, long long n) {
+    char url[64], outer[] = "Rel::handle", inner[] = "Rel::load", db[] = "rel-db",
+                  sql[] = "select * from t where id = ?", http[] = "rel-api", path[] = "/v1/x";
+    snprintf(url, sizeof(url), "/rel/t%d/k%lld", thread, n % 4);
+    qvBTHandle h = timed(w.stats, kBegin, [&] { return qv_bt_begin(url, nullptr); });
+    if (h == nullptr) {
+        ++w.refused;
+        return;
+    }
+    timed(w.stats, kEntry, [&] { return qv_method_entry(h, outer), 0; });
+    timed(w.stats, kEntry, [&] { return qv_method_entry(h, inner), 0; });
+    qvIPCallOutHandle d = timed(w.stats, kDbBegin, [&] { return qv_ip_db_callout_begin(h, db, sql); });
+    timed(w.stats, kDbEnd, [&] { return qv_ip_db_callout_end(h, d); });
+    timed(w.stats, kExit, [&] { return qv_method_exit(h, inner), 0; });
+    qvIPCallOutHandle a = timed(w.stats, kHttpBegin, [&] { return qv_ip_http_callout_begin(h, http, path); });
+    timed(w.stats, kHttpEnd, [&] { return qv_ip_http_callout_end(h, a); });
+    timed(w.stats, kExit, [&] { return qv_method_exit(h, outer), 0; });
+    // The record stays the transaction's until the test run ends, so its id can be read here.
+    std::string fpi(static_cast<QVPerThreadData_t*>(h)->flowpathInstanceStr);
+    timed(w.stats, kEnd, [&] { return qv_bt_end(h); });
+    w.ended.push_back({std::move(fpi), nowMs()});
+}
+
+// Ids of the flowpath end records ("4,<id>,...") in the complete lines of a capture.
+void collectEnds(const std::string& data, std::unordered_map<std::string, int>* seen, long long* malformed) {
+    size_t start = 0;
+    for (size_t nl = data.find('\n'); nl != std::string::npos; nl = data.find('\n', start)) {
+        const std::string_view line(data.data() + start, nl - start);
+        start = nl + 1;
+        if (line.empty() || line.starts_with("qv_data_msg_req:")) continue;
+        size_t i = 0;
+        while (i < line.size() && line[i] >= '0' && line[i] <= '9') ++i;
+        if (i == 0 || i >= line.size() || line[i] != ',') {
+            ++*malformed;
+            continue;
+        }
+        if (line.starts_with("4,")) {
+            const size_t comma = line.find(',', 2);
+            ++(*seen)[std::string(line.substr(2, comma == std::string_view::npos ? line.npos : comma - 2))];
+        }
+    }
+}
+
+void shortenAgentWaits() {
+    qv_store(controlRetryIntervalMs, 100LL);
+    qv_store(dataConnRetryIntervalMs, 100);
+    qv_store(monitorReportSecondMs, 100LL);
+    qv_store(stopDrainMinuteMs, 100LL);
+    qv_store(controlPollTimeoutMs, 100LL);
+    qv_store(controlReconnectPauseMs, 20LL);
+}
+
+bool dataThreadRunning() {
+    return qv_load(qvApplication->QVBCISetting.data_thread_running) != 0;
+}
+
+bool testRunning() {
+    return qv_load(qvApplication->Server.testRunRunning) != 0;
+}
+
+// Ends the test run on collector c and waits until the agent's data thread delivered its last
+// record and closed the connection.
+bool stopTestRun(Collector& c) {
+    c.send("stop\n");
+    if (!waitUntil([&] { return !testRunning(); }, 30000)) return false;
+    if (!waitUntil([&] { return !dataThreadRunning(); }, 30000)) return false;
+    return waitUntil(
+        [&] {
+            const std::string ev = c.file("events.log");
+            size_t closes = 0, opens = 0;
+            for (size_t at = ev.find("data-"); at != std::string::npos; at = ev.find("data-", at + 1)) {
+                const size_t eol = ev.find('\n', at);
+                const std::string_view l(ev.data() + at, (eol == std::string::npos ? ev.size() : eol) - at);
+                if (l.find(" opened:") != std::string_view::npos) ++opens;
+                if (l.find(" closed:") != std::string_view::npos) ++closes;
+            }
+            return closes >= opens;
+        },
+        30000);
+}
+
+struct FdCount {
+    int total = 0;
+    std::map<std::string, int> byKind;  // socket, pipe, anon_inode, file
+};
+
+FdCount countFds() {
+    FdCount out;
+    for (const auto& e : fs::directory_iterator("/proc/self/fd")) {
+        std::error_code ec;
+        std::string target = fs::read_symlink(e.path(), ec).string();
+        std::string kind = target.rfind("socket:", 0) == 0      ? "socket"
+                           : target.rfind("pipe:", 0) == 0      ? "pipe"
+                           : target.rfind("anon_inode", 0) == 0 ? "anon_inode"
+                                                                : "file";
+        ++out.total;
+        ++out.byKind[kind];
+    }
+    return out;
+}
+
+int countThreads() {
+    int n = 0;
+    for (const auto& e : fs::directory_iterator("/proc/self/task")) n += e.is_directory() ? 1 : 0;
+    return n;
+}
+
+std::string describe(const FdCount& f) {
+    std::string s = std::to_string(f.total) + " (";
+    bool first = true;
+    for (const auto& [k, v] : f.byKind) {
+        s += (first ? "" : ", ") + k + " " + std::to_string(v);
+        first = false;
+    }
+    return s + ")";
+}
+
+struct Options {
+    long long transactions = 100000;
+    int kills = 20;
+    int threads = 4;
+    int cycles = 1000;
+    long long downMs = 200;
+    long long rate = 2000;  // transactions per second, all threads together; 0: as fast as possible
+    std::string collector;
+    std::string work;
+    bool keep = false;
+    std::vector<std::string> keywords;  // extra start keywords for the collector
+};
+
+bool parseArgs(int argc, char** argv, Options* o) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        const bool v = i + 1 < argc;
+        if (a == "--transactions" && v) {
+            o->transactions = std::atoll(argv[++i]);
+        } else if (a == "--kills" && v) {
+            o->kills = std::atoi(argv[++i]);
+        } else if (a == "--threads" && v) {
+            o->threads = std::atoi(argv[++i]);
+        } else if (a == "--cycles" && v) {
+            o->cycles = std::atoi(argv[++i]);
+        } else if (a == "--rate" && v) {
+            o->rate = std::atoll(argv[++i]);
+        } else if (a == "--down-ms" && v) {
+            o->downMs = std::atoll(argv[++i]);
+        } else if (a == "--collector" && v) {
+            o->collector = argv[++i];
+        } else if (a == "--work" && v) {
+            o->work = argv[++i];
+        } else if (a == "--keyword" && v) {
+            o->keywords.push_back(argv[++i]);
+        } else if (a == "--keep") {
+            o->keep = true;
+        } else {
+            fprintf(stderr,
+                    "usage: qvreliability [--transactions N (100000)] [--kills K (20)] [--threads T (4)]\n"
+                    "                     [--rate TX_PER_S (2000)] [--down-ms MS (200)] [--cycles C (1000)]\n"
+                    "                     [--collector PATH] [--keyword K=V]..."
+                    "                     [--work DIR] [--keep]\n");
+            return false;
+        }
+    }
+    return o->transactions > 0 && o->kills >= 0 && o->threads > 0 && o->threads <= 64 && o->cycles >= 0 &&
+           o->downMs >= 0 && o->rate >= 0;
+}
+
+// Part 1. Returns true when every figure held.
+bool runKillPart(const Options& o, const fs::path& work) {
+    printf(
+        "== part 1: %lld transactions on %d threads at %lld/s, collector killed %d times (%lld ms down each) "
+        "==\n",
+        o.transactions, o.threads, o.rate, o.kills, o.downMs);
+    std::vector<std::unique_ptr<Collector>> incarnations;
+    incarnations.push_back(std::make_unique<Collector>());
+    if (!incarnations.back()->start(o.collector, work / "kill-0", 0, o.keywords)) {
+        fprintf(stderr, "qvreliability: the collector did not start\n");
+        return false;
+    }
+    const int port = incarnations.back()->port();
+    fs::create_directories(work / "home" / "config");
+    fs::create_directories(work / "home" / "logs");
+    fs::create_directories(work / "home" / "etc");
+    std::ofstream(work / "home" / "etc" / "version") << "1.0.0 reliability\n";
+    std::ofstream(work / "home" / "config" / "qvsettings.conf")
+        << "tier=Rel\nserver=loopback\ninstance=rel\nqvcHost=127.0.0.1\nqvcPort=" << port << "\n";
+    const std::string home = (work / "home").string() + "/";
+    setenv("QVHOME", home.c_str(), 1);
+    shortenAgentWaits();
+    qv_init_internal(0);
+    if (!waitUntil([&] { return incarnations.back()->file("data-1.rec").find("\n99,") != std::string::npos; },
+                   30000)) {
+        fprintf(stderr, "qvreliability: no data connection\n");
+        return false;
+    }
+
+    std::vector<Worker> workers(static_cast<size_t>(o.threads));
+    std::vector<std::thread> threads;
+    const long long startMs = nowMs();
+    for (int t = 0; t < o.threads; ++t) {
+        threads.emplace_back([&, t] {
+            // Each thread keeps its share of the rate, as request threads of a server would.
+            const long long periodNs = o.rate > 0 ? 1000000000LL * o.threads / o.rate : 0;
+            long long next = nowNs();
+            for (;;) {
+                const long long n = g_attempted.fetch_add(1);
+                if (n >= o.transactions) break;
+                oneTransaction(workers[static_cast<size_t>(t)], t, n);
+                next += periodNs;
+                const long long wait = next - nowNs();
+                if (wait > 0) std::this_thread::sleep_for(std::chrono::nanoseconds(wait));
+            }
+        });
+    }
+    std::vector<long long> killAtMs;
+    for (int k = 1; k <= o.kills; ++k) {
+        const long long at = o.transactions * k / (o.kills + 1);
+        while (g_attempted.load() < at) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        killAtMs.push_back(nowMs());
+        incarnations.back()->stop(SIGKILL);
+        std::this_thread::sleep_for(std::chrono::milliseconds(o.downMs));
+        incarnations.push_back(std::make_unique<Collector>());
+        if (!incarnations.back()->start(o.collector, work / ("kill-" + std::to_string(k)), port,
+                                        o.keywords)) {
+            fprintf(stderr, "qvreliability: restart %d failed\n", k);
+            return false;
+        }
+    }
+    for (auto& th : threads) th.join();
+    const long long runMs = nowMs() - startMs;
+    // The last collector starts a test run again once the agent reconnected; end it there so the
+    // data thread writes out what it holds.
+    Collector& last = *incarnations.back();
+    waitUntil([&] { return testRunning() && dataThreadRunning(); }, 30000);
+    const bool stopped = stopTestRun(last);
+
+    CallStats all;
+    long long refused = 0;
+    std::vector<Ended> ended;
+    for (Worker& w : workers) {
+        all.merge(w.stats);
+        refused += w.refused;
+        ended.insert(ended.end(), w.ended.begin(), w.ended.end());
+    }
+    std::unordered_map<std::string, int> seen;
+    long long malformed = 0;
+    for (size_t k = 0; k < incarnations.size(); ++k)
+        for (int n = 1;; ++n) {
+            const fs::path f = work / ("kill-" + std::to_string(k)) / ("data-" + std::to_string(n) + ".rec");
+            if (!fs::exists(f)) break;
+            collectEnds(readFile(f), &seen, &malformed);
+        }
+    long long delivered = 0, duplicates = 0, strangers = 0;
+    std::unordered_set<std::string> mine;
+    for (const Ended& e : ended) mine.insert(e.fpi);
+    for (const auto& [fpi, n] : seen) {
+        if (mine.count(fpi) == 0) {
+            ++strangers;
+            continue;
+        }
+        ++delivered;
+        duplicates += n - 1;
+    }
+    // Where the missing ones ended, relative to the kill that followed them.
+    std::map<long long, long long> missingBeforeKill;  // ms before the next kill (bucketed) -> count
+    long long missing = 0, missingAfterLastKill = 0;
+    for (const Ended& e : ended) {
+        if (seen.count(e.fpi) != 0) continue;
+        ++missing;
+        auto next = std::lower_bound(killAtMs.begin(), killAtMs.end(), e.atMs);
+        if (next == killAtMs.end()) {
+            ++missingAfterLastKill;
+            continue;
+        }
+        const long long before = *next - e.atMs;
+        ++missingBeforeKill[before < 10 ? 10 : before < 100 ? 100 : before < 1000 ? 1000 : 100000];
+    }
+    const long long discarded = qv_load(qvApplication->QVSys.discardCount);
+
+    printf(
+        "run: %.1f s, %lld transactions attempted, %zu traced, %lld refused by qv_bt_begin (no test run "
+        "while the agent reconnected)\n",
+        runMs / 1000.0, o.transactions, ended.size(), refused);
+    printf("SDK call latency (all threads):\n");
+    printf("  %-26s %10s %10s %10s %8s\n", "call", "calls", "mean us", "max us", ">1 ms");
+    long long maxNs = 0, over = 0;
+    int slowest = 0;
+    for (int c = 0; c < kCalls; ++c) {
+        if (all.count[c] == 0) continue;
+        printf("  %-26s %10lld %10.2f %10.1f %8lld\n", kCallNames[c], all.count[c],
+               all.totalNs[c] / 1000.0 / static_cast<double>(all.count[c]), all.maxNs[c] / 1000.0,
+               all.over1ms[c]);
+        over += all.over1ms[c];
+        if (all.maxNs[c] > maxNs) {
+            maxNs = all.maxNs[c];
+            slowest = c;
+        }
+    }
+    long long nearestKill = -1;
+    for (long long k : killAtMs)
+        if (nearestKill < 0 || std::llabs(k - all.maxAtMs[slowest]) < std::llabs(nearestKill))
+            nearestKill = k - all.maxAtMs[slowest];
+    printf("  slowest call: %s, %.3f ms, %lld ms from the nearest kill\n", kCallNames[slowest], maxNs / 1e6,
+           nearestKill < 0 ? -nearestKill : nearestKill);
+    printf(
+        "records: %zu flowpaths ended, %lld end records delivered (%lld duplicated, %lld unknown ids), %lld "
+        "missing, discardCount %lld, malformed lines %lld, test run stopped cleanly: %s\n",
+        ended.size(), delivered, duplicates, strangers, missing, discarded, malformed,
+        stopped ? "yes" : "no");
+    if (missing > 0) {
+        printf("  missing ones by time from their end to the next kill:");
+        for (const auto& [bucket, n] : missingBeforeKill) printf(" <%lld ms: %lld;", bucket, n);
+        printf(" after the last kill: %lld\n", missingAfterLastKill);
+    }
+    const bool latencyOk = maxNs <= 1000000;
+    const bool recordsOk = missing <= discarded && duplicates == 0 && malformed == 0;
+    {
+        std::ifstream st("/proc/self/status");
+        for (std::string l; std::getline(st, l);)
+            if (l.rfind("VmHWM:", 0) == 0 || l.rfind("VmRSS:", 0) == 0) printf("memory: %s\n", l.c_str());
+    }
+    printf("figure: no SDK call over 1 ms: %s (%lld calls over)\n", latencyOk ? "met" : "MISSED", over);
+    printf(
+        "figure: every end record delivered or counted in discardCount: %s (missing %lld, discardCount "
+        "%lld)\n",
+        recordsOk ? "met" : "MISSED", missing, discarded);
+    return latencyOk && recordsOk;
+}
+
+// Part 2. Returns true when descriptors and threads are unchanged.
+bool runReconnectPart(const Options& o, const fs::path& work) {
+    printf("== part 2: %d control reconnections (collector drops the connection, then starts a run) ==\n",
+           o.cycles);
+    Collector c;
+    if (!c.start(o.collector, work / "cycles", 0, o.keywords, false)) return false;
+    // The agent still points at part 1's port: move it, as a settings edit would.
+    std::ofstream(work / "home" / "config" / "qvsettings.conf")
+        << "tier=Rel\nserver=loopback\ninstance=rel\nqvcHost=127.0.0.1\nqvcPort=" << c.port() << "\n";
+    auto dataConns = [&] {
+        int n = 0;
+        while (c.file("data-" + std::to_string(n + 1) + ".rec").find("\n99,") != std::string::npos) ++n;
+        return n;
+    };
+    // One cycle: the collector closes the control connection; the agent reconnects, its test run
+    // and data thread end; the collector starts a run, which makes a new data connection.
+    auto cycle = [&](int i) {
+        if (i > 0) {
+            c.send("disconnect\n");
+            if (!waitUntil([&] { return !testRunning() && !dataThreadRunning(); }, 30000)) return false;
+        }
+        c.send("start\n");
+        return waitUntil([&] { return dataConns() >= i + 1 && testRunning(); }, 30000);
+    };
+    // Descriptors are compared in the same state: connected, no test run, data and auto-sensor
+    // threads ended (their connections closed).
+    auto quiesce = [&] {
+        return stopTestRun(c) &&
+               waitUntil(
+                   [&] {
+                       return !dataThreadRunning() &&
+                              qv_load(qvApplication->QVBCISetting.autoSensor_thread_running) == 0;
+                   },
+                   30000);
+    };
+    if (!cycle(0) || !quiesce()) {
+        fprintf(stderr, "qvreliability: the agent did not reach the new collector\n");
+        return false;
+    }
+    const FdCount before = countFds();
+    const int threadsBefore = countThreads();
+    const long long t0 = nowMs();
+    int done = 0;
+    for (int i = 1; i <= o.cycles; ++i, ++done)
+        if (!cycle(i)) {
+            fprintf(stderr, "qvreliability: cycle %d did not complete\n", i);
+            break;
+        }
+    const bool quiet = quiesce();
+    const FdCount after = countFds();
+    const int threadsAfter = countThreads();
+    printf("cycles: %d in %.1f s\n", done, (nowMs() - t0) / 1000.0);
+    printf("open descriptors before: %s, after: %s\n", describe(before).c_str(), describe(after).c_str());
+    printf("threads before: %d, after: %d\n", threadsBefore, threadsAfter);
+    const bool ok = done == o.cycles && quiet && before.total == after.total && threadsBefore == threadsAfter;
+    printf("figure: %d reconnect cycles leave the open descriptors unchanged: %s\n", done,
+           ok ? "met" : "MISSED");
+    stopTestRun(c);
+    return ok;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options o;
+    if (!parseArgs(argc, argv, &o)) return 2;
+    if (o.collector.empty()) {
+        std::error_code ec;
+        o.collector = (fs::read_symlink("/proc/self/exe", ec).parent_path() / "qvcollector").string();
+    }
+    fs::path work = o.work;
+    if (work.empty()) {
+        std::string tmpl = (fs::temp_directory_path() / "qvreliability.XXXXXX").string();
+        if (mkdtemp(tmpl.data()) == nullptr) return 1;
+        work = tmpl;
+    }
+    fs::create_directories(work);
+    signal(SIGPIPE, SIG_IGN);
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    bool ok = runKillPart(o, work);
+    if (o.cycles > 0) ok = runReconnectPart(o, work) && ok;
+    qv_agent_shutdown();
+    if (o.keep)
+        printf("files kept in %s\n", work.c_str());
+    else
+        fs::remove_all(work);
+    return ok ? 0 : 1;
+}
