@@ -159,28 +159,28 @@ struct LineWriter {
 };
 
 // One conversion of a message format and the literal text before it.
-struct FastSpec {
+struct FastConv {
     const char* text;  // literal text before the conversion
     size_t textLen;
     char conv;  // '%', 's', 'p', 'd', 'i' or 'u'
     char longs;
 };
 // Conversions per message handled without printf; messages have a handful.
-constexpr int kFastSpecMax = 16;
+constexpr int kFastConvMax = 16;
 
 // Splits fmt into its conversions when every one is among those printf-free formatting handles
 // (%s, %p, %d, %i, %u, the integer ones also with l or ll, and %%); *tail is the text after the
 // last (tailLen bytes). False at anything else (flags, widths, other letters) or past
-// kFastSpecMax: the caller then formats with vsnprintf. The arguments are not touched here, so
+// kFastConvMax: the caller then formats with vsnprintf. The arguments are not touched here, so
 // that fall-back needs no copy of them (copying a va_list stalls the line on a store it has to
 // wait for).
-bool parseFast(const char* fmt, FastSpec* specs, int* count, const char** tail, size_t* tailLen) {
+bool parseFast(const char* fmt, FastConv* convs, int* count, const char** tail, size_t* tailLen) {
     int n = 0;
     const char* run = fmt;
     const char* f = strchrnul(fmt, '%');
     for (; *f != '\0'; f = strchrnul(f + 1, '%')) {
-        if (n == kFastSpecMax) return false;
-        FastSpec& sp = specs[n++];
+        if (n == kFastConvMax) return false;
+        FastConv& sp = convs[n++];
         sp.text = run;
         sp.textLen = static_cast<size_t>(f - run);
         ++f;
@@ -203,10 +203,10 @@ bool parseFast(const char* fmt, FastSpec* specs, int* count, const char** tail, 
 }
 
 // printf's output for formats parseFast accepted.
-void formatFast(LineWriter& w, const FastSpec* specs, int count, const char* tail, size_t tailLen,
+void formatFast(LineWriter& w, const FastConv* convs, int count, const char* tail, size_t tailLen,
                 va_list ap) {
     for (int i = 0; i < count; i++) {
-        const FastSpec& sp = specs[i];
+        const FastConv& sp = convs[i];
         w.bytes(sp.text, sp.textLen);
         switch (sp.conv) {
             case '%':
@@ -348,12 +348,12 @@ int qv_sdk_trace_log(int level, const char* func_name, int line, const char* for
     if (format != nullptr) {
         va_list ap;
         va_start(ap, format);
-        FastSpec specs[kFastSpecMax];
+        FastConv convs[kFastConvMax];
         int count = 0;
         const char* tail = nullptr;
         size_t tailLen = 0;
-        if (parseFast(format, specs, &count, &tail, &tailLen)) {
-            formatFast(w, specs, count, tail, tailLen, ap);
+        if (parseFast(format, convs, &count, &tail, &tailLen)) {
+            formatFast(w, convs, count, tail, tailLen, ap);
         } else {
             char* const msg = w.p;
             const size_t room = static_cast<size_t>(w.end - msg) + 1;  // vsnprintf counts the NUL
