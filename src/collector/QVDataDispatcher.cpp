@@ -62,6 +62,9 @@ apr_thread_mutex_t* dataSktLock = nullptr;
 
 // Set when the data thread is to end; the thread polls it with qv_load.
 int dataThreadStop = 0;
+// Set by the data thread once it has decided to stop (its test run ended) and is writing out the
+// last records; a start arriving meanwhile waits for it instead of finding it "already there".
+int dataThreadEnding = 0;
 // Heartbeat countdown of handleHeartBeat (data thread only).
 int heartBeatCountdown = 0;
 // Set (under dataSendLock) while processData drains the buffers because the control
@@ -339,6 +342,7 @@ void clean_data_thread() {
 int checkAndStopThread() {
     QVProxyInstance_t* app = qvApplication;
     if (!testRunStopped()) return 0;
+    qv_store(dataThreadEnding, 1);
     if (app != nullptr) {
         QV_TRACE_IF(ctlLevel() > 0, kModule, "Info",
                     "BCI Data thread is to be stopped. Server.isTenRecordDump = %d.",
@@ -420,6 +424,16 @@ int check_data_thread() {
     std::lock_guard<std::recursive_mutex> guard(threadCtlMutex());
     QVProxyInstance_t* app = qvApplication;
     if (app == nullptr) return 1;
+    if (qv_load(app->QVBCISetting.data_thread_running) != 0 && qv_load(dataThreadEnding) != 0 &&
+        data_thread_id != nullptr) {
+        // The previous run's thread is writing out its last records: let it finish, then start
+        // the new run's thread.
+        QV_TRACE_IF(ctlLevel() > 0, kModule, "Info",
+                    "Data thread of the previous test run is ending; waiting for it.");
+        apr_status_t st;
+        apr_thread_join(&st, data_thread_id);
+        data_thread_id = nullptr;
+    }
     if (qv_load(app->QVBCISetting.data_thread_running) != 0) {
         QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Data thread already exist.");
         return 1;
@@ -439,6 +453,7 @@ int check_data_thread() {
         data_thread_id = nullptr;
     }
     qv_store(dataThreadStop, 0);
+    qv_store(dataThreadEnding, 0);
     setControlDataReqMessage();
     // Both set before the thread runs: it may clear the running flag itself at once, and a fast
     // connection replays metadata, which needs the busy flag already set.
