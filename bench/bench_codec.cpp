@@ -15,25 +15,7 @@
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_hashmap.h"
 
-// Counting interposer: every malloc/calloc/realloc of the process passes here; only calls made
-// while counting is on are counted.
-extern "C" void* __libc_malloc(size_t);
-extern "C" void* __libc_calloc(size_t, size_t);
-extern "C" void* __libc_realloc(void*, size_t);
-static std::atomic<bool> g_counting{false};
-static std::atomic<long> g_allocs{0};
-extern "C" void* malloc(size_t n) noexcept {
-    if (g_counting.load(std::memory_order_relaxed)) g_allocs.fetch_add(1, std::memory_order_relaxed);
-    return __libc_malloc(n);
-}
-extern "C" void* calloc(size_t n, size_t m) noexcept {
-    if (g_counting.load(std::memory_order_relaxed)) g_allocs.fetch_add(1, std::memory_order_relaxed);
-    return __libc_calloc(n, m);
-}
-extern "C" void* realloc(void* p, size_t n) noexcept {
-    if (g_counting.load(std::memory_order_relaxed)) g_allocs.fetch_add(1, std::memory_order_relaxed);
-    return __libc_realloc(p, n);
-}
+#include "bench_support.h"
 
 namespace {
 

@@ -18,25 +18,7 @@
 #include "core/qv_agent.h"
 #include "foundation/qvlb_atomic.h"
 
-// Counting interposer: every malloc/calloc/realloc of the process (the agent and APR included)
-// passes here; only calls made while counting is on are counted.
-extern "C" void* __libc_malloc(size_t);
-extern "C" void* __libc_calloc(size_t, size_t);
-extern "C" void* __libc_realloc(void*, size_t);
-static std::atomic<bool> g_counting{false};
-static std::atomic<long> g_allocs{0};
-extern "C" void* malloc(size_t n) noexcept {
-    if (g_counting.load(std::memory_order_relaxed)) g_allocs.fetch_add(1, std::memory_order_relaxed);
-    return __libc_malloc(n);
-}
-extern "C" void* calloc(size_t n, size_t m) noexcept {
-    if (g_counting.load(std::memory_order_relaxed)) g_allocs.fetch_add(1, std::memory_order_relaxed);
-    return __libc_calloc(n, m);
-}
-extern "C" void* realloc(void* p, size_t n) noexcept {
-    if (g_counting.load(std::memory_order_relaxed)) g_allocs.fetch_add(1, std::memory_order_relaxed);
-    return __libc_realloc(p, n);
-}
+#include "bench_support.h"
 
 namespace {
 
@@ -98,47 +80,6 @@ void BM_DumpData200(benchmark::State& state) {
     drainUnsent();
 }
 BENCHMARK(BM_DumpData200);
-
-// Counts what arrives on 127.0.0.1, one connection at a time.
-class Reader {
-  public:
-    bool start() {
-        fd_ = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof(a);
-        if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 || listen(fd_, 4) != 0 ||
-            getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) != 0)
-            return false;
-        port_ = ntohs(a.sin_port);
-        thread_ = std::thread([this] {
-            std::vector<char> buf(1 << 20);
-            for (;;) {
-                const int c = accept(fd_, nullptr, nullptr);
-                if (c < 0) return;
-                ssize_t n;
-                while ((n = read(c, buf.data(), buf.size())) > 0)
-                    bytes_.fetch_add(n, std::memory_order_relaxed);
-                close(c);
-            }
-        });
-        return true;
-    }
-    void stop() {
-        shutdown(fd_, SHUT_RDWR);
-        close(fd_);
-        if (thread_.joinable()) thread_.join();
-    }
-    int port() const { return port_; }
-    long long bytes() const { return bytes_.load(std::memory_order_relaxed); }
-
-  private:
-    int fd_ = -1;
-    int port_ = 0;
-    std::atomic<long long> bytes_{0};
-    std::thread thread_;
-};
 
 void BM_TwoProducersToLoopback(benchmark::State& state) {
     setUpAgent();
