@@ -42,7 +42,7 @@ constexpr int kPairsPerTransaction = 20000;
 void truncateSdkLog() {
     qvSDKLog* log = qv_sdk_log;
     if (log == nullptr || log->file_fp == nullptr) return;
-    fflush(log->file_fp);
+    qv_sdk_log_flush();
     if (ftruncate(fileno(log->file_fp), 0) == 0) fseek(log->file_fp, 0, SEEK_SET);
 }
 

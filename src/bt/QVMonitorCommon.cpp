@@ -58,7 +58,8 @@ apr_thread_mutex_t* qvMonitorRegistryLock() {
 
 int initLock(apr_thread_mutex_t** lock) {
     if (lock == nullptr) return -1;
-    QVLockGuard guard(qvMonitorRegistryLock());
+    // qvlb_create_nested_mutex serialises creation itself; taking the registry lock here too would
+    // make a model being prepared in the background hold up registrations.
     apr_status_t rv = qvlb_create_nested_mutex(lock, nullptr);
     if (rv != APR_SUCCESS) {
         char err[256];

@@ -29,6 +29,39 @@ QVMonitorDataModel** allModels = nullptr;
 int allModelCount = 0;
 int allModelCap = 0;
 
+// The registered models in registration order, readable without any lock so that a merge never
+// holds up a registration: fixed chunks that never move, filled under the registry lock, with
+// the count published last (release). registeredCount drops to 0 when the registry is emptied; the
+// chunks are kept for the next registrations. A reader that raced with that merges a model just
+// unregistered, which is harmless (models are never freed while the agent runs).
+constexpr int kChunkModels = 4096;
+constexpr int kMaxChunks = 4096;  // 16 M models; registration fails beyond
+QVMonitorDataModel** registeredChunks[kMaxChunks];
+int registeredCount = 0;
+
+// Slot for registration number i, allocating its chunk when needed. Caller holds the registry lock.
+bool reserveRegisteredSlot(int i) {
+    const int chunk = i / kChunkModels;
+    if (chunk >= kMaxChunks) return false;
+    if (qv_load_acquire(registeredChunks[chunk]) != nullptr) return true;
+    auto* fresh = static_cast<QVMonitorDataModel**>(
+        qvlb_calloc(sizeof(QVMonitorDataModel*) * kChunkModels, "registeredModels", chunk));
+    if (fresh == nullptr) return false;
+    qv_store_release(registeredChunks[chunk], fresh);
+    return true;
+}
+
+// Makes room for one more entry in *arr, doubling it when full. Caller holds the registry lock.
+bool reserveOne(QVMonitorDataModel*** arr, int count, int* cap, const char* purpose) {
+    if (count < *cap) return true;
+    int grown = *cap == 0 ? 64 : *cap * 2;
+    void* p = qvlb_realloc(*arr, sizeof(QVMonitorDataModel*) * static_cast<size_t>(grown), purpose, grown);
+    if (p == nullptr) return false;
+    *arr = static_cast<QVMonitorDataModel**>(p);
+    *cap = grown;
+    return true;
+}
+
 int btLevel() {
     return qvApplication ? qv_load(qvApplication->QVSys.btMonitorTraceLevel) : 0;
 }
@@ -62,10 +95,9 @@ void freeModel(QVMonitorDataModel* m) {
     qvlb_free(m->btmDataArray, "btmDataArray", -1);
     qvlb_free(m->mmDataArray, "mmDataArray", -1);
     qvlb_free(m->ipmDataArray, "ipmDataArray", -1);
-    // The memory of the mutexes stays in the control pool; destroying releases the OS objects.
-    if (m->lockForBT) apr_thread_mutex_destroy(m->lockForBT);
-    if (m->lockForMM) apr_thread_mutex_destroy(m->lockForMM);
-    if (m->lockForIP) apr_thread_mutex_destroy(m->lockForIP);
+    qvlb_destroy_mutex(&m->lockForBT);
+    qvlb_destroy_mutex(&m->lockForMM);
+    qvlb_destroy_mutex(&m->lockForIP);
     qvlb_free(m, "QVMonitorDataModel", -1);
 }
 
@@ -95,14 +127,10 @@ QVMonitorDataModel* createModel() {
 bool registerModel(long long threadId, QVMonitorDataModel* m) {
     qvlb_hashmap_t* map = ensureRegistry();
     if (map == nullptr) return false;
-    if (allModelCount == allModelCap) {
-        int cap = allModelCap == 0 ? 64 : allModelCap * 2;
-        void* p =
-            qvlb_realloc(allModels, sizeof(QVMonitorDataModel*) * static_cast<size_t>(cap), "allModels", cap);
-        if (p == nullptr) return false;
-        allModels = static_cast<QVMonitorDataModel**>(p);
-        allModelCap = cap;
-    }
+    // Room in both lists first, so a model is in both or in neither.
+    if (!reserveOne(&allModels, allModelCount, &allModelCap, "allModels") ||
+        !reserveRegisteredSlot(registeredCount))
+        return false;
     char key[48];
     snprintf(key, sizeof(key), "%lld", threadId);
     // A number already taken by an earlier block's record: keep both models under distinct keys.
@@ -110,6 +138,8 @@ bool registerModel(long long threadId, QVMonitorDataModel* m) {
         snprintf(key, sizeof(key), "%lld#%d", threadId, k);
     if (modify_hashmap(map, key, m) != 0) return false;
     allModels[allModelCount++] = m;
+    qv_store_release(registeredChunks[registeredCount / kChunkModels][registeredCount % kChunkModels], m);
+    qv_store_release(registeredCount, registeredCount + 1);
     QV_TRACE_IF(btLevel() > 1, kModule, "Info", "Registered monitor model %p of thread ID %lld under '%s'",
                 static_cast<void*>(m), threadId, key);
     return true;
@@ -145,16 +175,6 @@ void freeBlocks(apr_thread_mutex_t* lock, T** const& arr, const int& size, const
     }
 }
 
-struct ForEachCtx {
-    void (*fn)(QVMonitorDataModel*, void*);
-    void* ctx;
-};
-
-void forEachAdapter(const char*, void* value, void* ctx) {
-    auto* c = static_cast<ForEachCtx*>(ctx);
-    if (value != nullptr) c->fn(static_cast<QVMonitorDataModel*>(value), c->ctx);
-}
-
 }  // namespace
 
 void initThreadBasedModelMap() {
@@ -173,13 +193,39 @@ void initQVMonitorDataModel(QVPerThreadData_t* qvTD) {
                     qvTD->tlThreadId);
         return;
     }
+    adoptMonitorDataModel(qvTD, m);
+    QV_TRACE_IF(btLevel() == 4, kModule, "Info", "Method exit");
+}
+
+QVMonitorDataModel* newMonitorDataModel() {
+    return createModel();
+}
+
+void adoptMonitorDataModel(QVPerThreadData_t* qvTD, QVMonitorDataModel* model) {
+    if (model == nullptr) return;
     QVLockGuard guard(qvMonitorRegistryLock());
-    if (qv_load_acquire(qvTD->tlMonitorDataModel) != nullptr || !registerModel(qvTD->tlThreadId, m)) {
-        freeModel(m);
+    if (qvTD == nullptr || qv_load_acquire(qvTD->tlMonitorDataModel) != nullptr ||
+        !registerModel(qvTD->tlThreadId, model)) {
+        freeModel(model);
         return;
     }
-    qv_store_release(qvTD->tlMonitorDataModel, m);
-    QV_TRACE_IF(btLevel() == 4, kModule, "Info", "Method exit");
+    qv_store_release(qvTD->tlMonitorDataModel, model);
+}
+
+void registerMonitorDataModel(QVPerThreadData_t* qvTD) {
+    if (qvTD == nullptr) return;
+    QVMonitorDataModel* m = qv_load_acquire(qvTD->tlMonitorDataModel);
+    if (m == nullptr) return;
+    QVLockGuard guard(qvMonitorRegistryLock());
+    if (!registerModel(qvTD->tlThreadId, m))
+        QV_TRACE_IF(
+            true, "MEMORY", "Error",
+            "Monitor model of thread ID %lld not registered: out of memory; its counts are not reported",
+            qvTD->tlThreadId);
+}
+
+void discardMonitorDataModel(QVMonitorDataModel* model) {
+    freeModel(model);
 }
 
 int checkAndInitMonitorDataModel(QVPerThreadData_t* qvTD) {
@@ -208,6 +254,7 @@ void destroyQVMonitorDataModel() {
         return;
     }
     clear_hashmap(map);
+    qv_store_release(registeredCount, 0);
     QV_TRACE_IF(methodLevel() > 0, "METHOD_MON", "Info", "Sucessfully destroyed the MonitorDataModel. %p",
                 static_cast<void*>(map));
 }
@@ -219,9 +266,14 @@ int qvMonitorModelCount() {
 
 void forEachMonitorDataModel(void (*fn)(QVMonitorDataModel* model, void* ctx), void* ctx) {
     if (fn == nullptr) return;
-    QVLockGuard guard(qvMonitorRegistryLock());
-    ForEachCtx c{fn, ctx};
-    foreach_hashmap(registry(), forEachAdapter, &c);
+    // No registry lock: a merge walks one model per record ever made, and registrations (a new
+    // block of records) must not wait for it.
+    const int n = qv_load_acquire(registeredCount);
+    for (int i = 0; i < n; i++) {
+        QVMonitorDataModel** chunk = qv_load_acquire(registeredChunks[i / kChunkModels]);
+        QVMonitorDataModel* m = qv_load_acquire(chunk[i % kChunkModels]);
+        if (m != nullptr) fn(m, ctx);
+    }
 }
 
 void updatePropertiesOfBT(QVPerThreadData_t* qvTD, int btId) {
@@ -274,6 +326,11 @@ void qvMonitorDataModelResetForTest() {
     allModels = nullptr;
     allModelCount = 0;
     allModelCap = 0;
+    for (int c = 0; c < kMaxChunks && registeredChunks[c] != nullptr; c++) {
+        qvlb_free(registeredChunks[c], "registeredModels", c);
+        registeredChunks[c] = nullptr;
+    }
+    registeredCount = 0;
     destroy_hashmap(registry());
     qv_store_release(threadBasedModelMap, static_cast<qvlb_hashmap_t*>(nullptr));
 }

@@ -46,6 +46,17 @@ void initThreadBasedModelMap();
 // under "MEMORY" and leaves tlMonitorDataModel null. Thread-safe; null qvTD does nothing.
 void initQVMonitorDataModel(QVPerThreadData_t* qvTD);
 
+// initQVMonitorDataModel in parts, for models made ahead of their record. new: a model, not
+// registered (null when memory is short). adopt: registers model as qvTD's and stores it there,
+// or frees it when qvTD is null or already has one, or registration fails. register: registers
+// the model already stored in qvTD (the pool stores it while holding its lock and registers it
+// after; the record counts into it meanwhile). discard: frees a model never registered.
+// Thread-safe.
+QVMonitorDataModel* newMonitorDataModel();
+void adoptMonitorDataModel(QVPerThreadData_t* qvTD, QVMonitorDataModel* model);
+void registerMonitorDataModel(QVPerThreadData_t* qvTD);
+void discardMonitorDataModel(QVMonitorDataModel* model);
+
 // Attaches the model registered under qvTD's tlThreadId ("%lld"), or creates one when none is
 // registered. Returns 1 when a model was created (the caller may count its threads), 0 when one
 // was attached or qvTD already had one, -1 on null qvTD or allocation failure. Thread-safe.
@@ -58,9 +69,10 @@ void destroyQVMonitorDataModel();
 // Registered models. Thread-safe.
 int qvMonitorModelCount();
 
-// Calls fn(model, ctx) for every registered model while holding controlThreadTmpLock and the
-// registry's reader lock: fn takes the model's array lock itself and must not register models or
-// call other registry functions. Models of one tlThreadId are visited in no particular order.
+// Calls fn(model, ctx) for every model registered when the call began, in registration order.
+// The registry lock is held only while the list is copied, so fn may run while models are being
+// registered; fn takes the model's array lock itself. A copy that cannot be allocated skips the
+// walk (logged).
 void forEachMonitorDataModel(void (*fn)(QVMonitorDataModel* model, void* ctx), void* ctx);
 
 // Counts qvTD's finished request (tlBTObj, tlDuration, tlFpCPUTime, qTimeInMS, syncTime, waitTime,

@@ -13,6 +13,9 @@ void qv_bt_register_hooks() {
     qvAgentHooks.initThreadBasedModelMap = initThreadBasedModelMap;
     qvAgentHooks.initBTSubsystem = QVBTConfigModelInit;
     qvFlowpathPoolHooks.initQVMonitorDataModel = initQVMonitorDataModel;
+    qvFlowpathPoolHooks.createMonitorDataModel = newMonitorDataModel;
+    qvFlowpathPoolHooks.registerMonitorDataModel = registerMonitorDataModel;
+    qvFlowpathPoolHooks.discardMonitorDataModel = discardMonitorDataModel;
     qvFlowpathPoolHooks.resetMonitorDataModelArrays = resetMonitorDataModelArrays;
     qvlb_set_keyword_parser("enableBTMonitor", parseBTMonitorKeyword);
     qvlb_set_keyword_parser("maxBTCount", parseMaxBTCount);

@@ -4,7 +4,8 @@
 #define BT_MODULE_H
 
 // Fills qvAgentHooks.initThreadBasedModelMap and .initBTSubsystem,
-// qvFlowpathPoolHooks.initQVMonitorDataModel and .resetMonitorDataModelArrays, and installs the
+// qvFlowpathPoolHooks' model entries (init, create, register, discard) and .resetMonitorDataModelArrays,
+// and installs the
 // handlers of enableBTMonitor, maxBTCount, BTAggDataArraySize, enableBTMonitorError and
 // doNotDiscardFlowPaths. Idempotent; call before agent_init. Not thread-safe against a running
 // agent.

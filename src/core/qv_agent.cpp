@@ -78,12 +78,6 @@ void freeInstance(QVProxyInstance_t* inst) {
     qvlb_free(inst, "QVProxyInstance_t", -1);
 }
 
-void destroyMutex(apr_thread_mutex_t*& m) {
-    // The memory stays in control_pool, which lives for the whole process.
-    if (m != nullptr) apr_thread_mutex_destroy(m);
-    m = nullptr;
-}
-
 }  // namespace
 
 int qvlb_control_trace_level() {
@@ -237,6 +231,7 @@ void qv_agent_shutdown() {
     }
     // After the control thread: it is the one that starts the data thread.
     if (qvAgentHooks.stopDataThread) qvAgentHooks.stopDataThread();
+    if (qvAgentHooks.stopRecordReserve) qvAgentHooks.stopRecordReserve();
 }
 
 void qv_agent_reset_for_test() {
@@ -253,11 +248,11 @@ void qv_agent_reset_for_test() {
     qvlb_free(proc_name, "proc_name", -1);
     proc_name = nullptr;
     pid = 0;
-    destroyMutex(controlThreadTmpLock);
-    destroyMutex(methodEntryLock);
+    qvlb_destroy_mutex(&controlThreadTmpLock);
+    qvlb_destroy_mutex(&methodEntryLock);
     destroy_hashmap(qvTDHashMap);
     qvTDHashMap = nullptr;
-    destroyMutex(qvTDHashMapLock);
+    qvlb_destroy_mutex(&qvTDHashMapLock);
     qvlb_free(QVProxy.qvHomePath, "QVProxy.qvHomePath", -1);
     qvlb_free(QVProxy.qvcHost, "QVProxy.qvcHost", -1);
     qvlb_free(QVProxy.tierName, "QVProxy.tierName", -1);

@@ -147,6 +147,7 @@ struct QVAgentHooks {
     void* (*controlThreadEntry)(apr_thread_t*, void*);  // body of the control thread
     void (*controlSockBufInit)();                       // control connection's receive buffer (QVSysInit)
     void (*stopDataThread)();                           // ends and joins the data thread (shutdown)
+    void (*stopRecordReserve)();                        // joins the thread preparing pool blocks
     void (*initMethodRegistry)();                       // first generation and DefaultMethod
     void (*initBTSubsystem)();                          // QVBTConfigModelInit: maps, monitor, rule files
     void (*initMonitors)();                             // method and backend monitors

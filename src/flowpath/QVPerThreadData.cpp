@@ -8,6 +8,7 @@
 #include "collector/QVDataDispatcher.h"
 #include "core/QVSys.h"
 #include "core/qv_agent.h"
+#include "flowpath/QVTlsPoolReserve.h"
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_hashmap.h"
 #include "foundation/qvlb_mem.h"
@@ -55,10 +56,6 @@ bool hotspotOn() {
     return qvApplication != nullptr && getEnableTxHotspot() == 1;
 }
 
-int proxyModeSetting() {
-    return qvApplication ? qv_load(qvApplication->QVSys.proxyMode) : 0;
-}
-
 // The mutex may be needed before start-up created it (tests, or an SDK call without connect);
 // qvlb_create_nested_mutex makes concurrent first use create exactly one.
 apr_thread_mutex_t* poolMutex() {
@@ -81,7 +78,7 @@ void rememberBlock(QVPerThreadData_t* block) {
         int cap = blockCap == 0 ? 16 : blockCap * 2;
         void* p = qvlb_realloc(blocks, sizeof(QVPerThreadData_t*) * static_cast<size_t>(cap),
                                "TLS pool block list", -1);
-        // Losing track of a block only matters to the test reset, which would then leak it.
+        // A block not remembered is neither reset at test start nor freed by the test reset.
         if (p == nullptr) return;
         blocks = static_cast<QVPerThreadData_t**>(p);
         blockCap = cap;
@@ -142,7 +139,56 @@ void releaseLocked(QVPerThreadData_t* tls, bool detached) {
     tls->busy_prev = nullptr;
 }
 
+// Steps 3 to 5 of get_free_tls_slot: moves the free list's head tls to the busy list. Caller
+// holds tlsMutex.
+void takeHeadLocked(QVPerThreadData_t* tls) {
+    gFreeTLSHead = tls->free_next;
+    tls->free_next = nullptr;
+    tls->free_prev = nullptr;
+    qv_store(gFreeTLSCnt, gFreeTLSCnt - 1);
+
+    if (gBusyTLSTail != nullptr) {
+        gBusyTLSTail->busy_next = tls;
+        tls->busy_prev = gBusyTLSTail;
+        tls->busy_next = nullptr;
+        gBusyTLSTail = tls;
+    } else {
+        gBusyTLSHead = tls;
+        gBusyTLSTail = tls;
+        tls->busy_next = nullptr;
+        tls->busy_prev = nullptr;
+        QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "gBusyTLSHead and gBusyTLSTail is pointing to same");
+    }
+    qv_store(gBusyTLSCnt, gBusyTLSCnt + 1);
+    // Under the lock rather than after it: another thread may be growing g_tlsidx.
+    qv_store(size_array, g_tlsidx);
+}
+
+// Models of a new block that get_free_tls_slot registers once it has released tlsMutex: 64
+// registrations (a hash insert each) would otherwise hold up every thread waiting for a record.
+// Only the registration waits; the records count into their models from the start.
+struct PendingRegistration {
+    QVPerThreadData_t* pool;
+    uint64_t slots;
+};
+thread_local bool tlDeferRegistration = false;
+thread_local PendingRegistration tlPendingRegistration = {nullptr, 0};
+
+void registerModels(QVPerThreadData_t* pool, uint64_t slots) {
+    if (pool == nullptr || qvFlowpathPoolHooks.registerMonitorDataModel == nullptr) return;
+    for (int i = 0; i < QV_TLS_POOL_BLOCK; i++)
+        if ((slots >> i) & 1) qvFlowpathPoolHooks.registerMonitorDataModel(&pool[i]);
+}
+
 }  // namespace
+
+int tlsPoolProxyMode() {
+    return qvApplication ? qv_load(qvApplication->QVSys.proxyMode) : 0;
+}
+
+bool tlsPoolForwardsOnly() {
+    return tlsPoolProxyMode() == 1 && qv_load(QVProxy.proxyServerFlag) == 0;
+}
 
 QVPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt) {
     QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method called,  num of slots = %d\n", QV_TLS_POOL_BLOCK);
@@ -156,14 +202,20 @@ QVPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt) {
     }
 
     QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "Going to allocte the new thread pool\n");
-    auto* pool = static_cast<QVPerThreadData_t*>(
-        qvlb_calloc(sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK, kPoolPurpose, -1));
-    if (pool == nullptr) return nullptr;
-    logMemset(kPoolPurpose, pool, sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK);
+    int proxyMode = tlsPoolProxyMode();
+    bool forwardsOnly = tlsPoolForwardsOnly();
+    QVTlsPreparedBlock prepared;
+    if (!qvTlsPoolReserveTake(&prepared)) {
+        prepared = QVTlsPreparedBlock{};
+        prepared.pool = static_cast<QVPerThreadData_t*>(
+            qvlb_calloc(sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK, kPoolPurpose, -1));
+        if (prepared.pool == nullptr) return nullptr;
+        logMemset(kPoolPurpose, prepared.pool, sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK);
+    }
+    QVPerThreadData_t* pool = prepared.pool;
     rememberBlock(pool);
+    uint64_t toRegister = 0;  // slots whose prepared model still has to be registered
 
-    int proxyMode = proxyModeSetting();
-    bool forwardsOnly = proxyMode == 1 && qv_load(QVProxy.proxyServerFlag) == 0;
     for (int i = 0; i < QV_TLS_POOL_BLOCK; i++) {
         QVPerThreadData_t* slot = &pool[i];
         slot->tlsIdx = g_tlsidx;
@@ -181,8 +233,21 @@ QVPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt) {
                         "Idx to last slot of pool = %d, its free_next is set to NULL", i);
         }
         slot->tlThreadId = static_cast<long long>(loc_BusyTLSCnt) + i + 1;
-        if (proxyMode != 1 && qvFlowpathPoolHooks.initQVMonitorDataModel != nullptr)
-            qvFlowpathPoolHooks.initQVMonitorDataModel(slot);
+        QVMonitorDataModel* model = prepared.models[i];
+        prepared.models[i] = nullptr;
+        if (proxyMode != 1) {
+            // A prepared model only needs registering under the number just given.
+            if (model != nullptr && qvFlowpathPoolHooks.registerMonitorDataModel != nullptr) {
+                qv_store_release(slot->tlMonitorDataModel, model);
+                toRegister |= uint64_t{1} << i;
+            } else if (qvFlowpathPoolHooks.initQVMonitorDataModel != nullptr) {
+                if (model != nullptr && qvFlowpathPoolHooks.discardMonitorDataModel != nullptr)
+                    qvFlowpathPoolHooks.discardMonitorDataModel(model);
+                qvFlowpathPoolHooks.initQVMonitorDataModel(slot);
+            }
+        } else if (model != nullptr && qvFlowpathPoolHooks.discardMonitorDataModel != nullptr) {
+            qvFlowpathPoolHooks.discardMonitorDataModel(model);
+        }
         slot->busy_next = nullptr;
         slot->busy_prev = nullptr;
     }
@@ -191,48 +256,46 @@ QVPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt) {
     QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "After updating gBusyTLSCnt = %d", gBusyTLSCnt);
     QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method Exit, gFreeTLSCnt=%d, tls_pool=%p", gFreeTLSCnt,
                 static_cast<void*>(pool));
+    if (tlDeferRegistration) {
+        tlPendingRegistration = {pool, toRegister};
+    } else {
+        registerModels(pool, toRegister);
+    }
+    qvTlsPoolReserveRequest();
     return pool;
 }
 
 QVPerThreadData_t* get_free_tls_slot() {
     QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method called");
     QVPerThreadData_t* tls = nullptr;
+    int grewAtBusyCount = -1;
     {
         QVLockGuard guard(poolMutex());
         int oldSize = g_tlsidx;
         if (gFreeTLSHead == nullptr) {
-            QV_TRACE_IF(true, kModule, "Info", "TLS pool found to NULL allocating pool again; gBusyTLSCnt=%d",
-                        gBusyTLSCnt);
+            // Logged once the lock is released: a trace line is a file write.
+            grewAtBusyCount = gBusyTLSCnt;
+            tlDeferRegistration = true;
             gFreeTLSHead = create_tls_pool(gBusyTLSCnt);
+            tlDeferRegistration = false;
             if (gFreeTLSHead != nullptr && hotspotOn()) growHotspotTable(oldSize + QV_TLS_POOL_BLOCK);
             QV_TRACE_IF(fpLevel() > 2, kModule, "Info",
                         "After updating gBusyTLSCnt = %d and new size=%d and g_tlsidx=%d", gBusyTLSCnt,
                         oldSize + QV_TLS_POOL_BLOCK, g_tlsidx);
         }
         tls = gFreeTLSHead;
-        if (tls == nullptr) return nullptr;
-
-        gFreeTLSHead = tls->free_next;
-        tls->free_next = nullptr;
-        tls->free_prev = nullptr;
-        qv_store(gFreeTLSCnt, gFreeTLSCnt - 1);
-
-        if (gBusyTLSTail != nullptr) {
-            gBusyTLSTail->busy_next = tls;
-            tls->busy_prev = gBusyTLSTail;
-            tls->busy_next = nullptr;
-            gBusyTLSTail = tls;
-        } else {
-            gBusyTLSHead = tls;
-            gBusyTLSTail = tls;
-            tls->busy_next = nullptr;
-            tls->busy_prev = nullptr;
-            QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "gBusyTLSHead and gBusyTLSTail is pointing to same");
-        }
-        qv_store(gBusyTLSCnt, gBusyTLSCnt + 1);
-        // Under the lock rather than after it: another thread may be growing g_tlsidx.
-        qv_store(size_array, g_tlsidx);
+        if (tls != nullptr) takeHeadLocked(tls);
     }
+    if (tlPendingRegistration.pool != nullptr) {
+        const PendingRegistration pending = tlPendingRegistration;
+        tlPendingRegistration = {nullptr, 0};
+        // The reserve's thread registers them at its lower priority; this call then returns at
+        // once.
+        if (!qvTlsPoolReserveRegisterLater(pending.pool, pending.slots))
+            registerModels(pending.pool, pending.slots);
+    }
+    QV_TRACE_IF(grewAtBusyCount >= 0, kModule, "Info",
+                "TLS pool found to NULL allocating pool again; gBusyTLSCnt=%d", grewAtBusyCount);
     QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method exit, tls = %p", static_cast<void*>(tls));
     return tls;
 }
@@ -372,12 +435,27 @@ void dumpFpFromBusyList() {
 
 void resetMonitorDataModelFromTLS() {
     QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method called");
-    // Walking links that other threads relink is a data race, so the walks hold the pool lock.
-    QVLockGuard guard(poolMutex());
-    if (gFreeTLSHead == nullptr) QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "Free TLS link list is empty.");
-    for (QVPerThreadData_t* p = gFreeTLSHead; p != nullptr; p = p->free_next) resetMonitorDataModel(p);
-    if (gBusyTLSHead == nullptr) QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "Busy TLS link list is empty.");
-    for (QVPerThreadData_t* p = gBusyTLSHead; p != nullptr; p = p->busy_next) resetMonitorDataModel(p);
+    {
+        QVLockGuard guard(poolMutex());
+        if (gFreeTLSHead == nullptr)
+            QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "Free TLS link list is empty.");
+        if (gBusyTLSHead == nullptr)
+            QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "Busy TLS link list is empty.");
+    }
+    // Every record ever carved, block by block, rather than the two lists: walking links that other
+    // threads relink would need the pool lock for the whole walk, and the busy list of an SDK
+    // process holds every transaction since the last test stop. The lock is held only to read
+    // the next block. Records lost to the free list's tail are reset too, so no stale count of
+    // theirs survives into the new test run.
+    for (int b = 0;; b++) {
+        QVPerThreadData_t* block = nullptr;
+        {
+            QVLockGuard guard(poolMutex());
+            if (b >= blockCount) break;
+            block = blocks[b];
+        }
+        for (int i = 0; i < QV_TLS_POOL_BLOCK; i++) resetMonitorDataModel(&block[i]);
+    }
     QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method exit");
 }
 
@@ -386,11 +464,12 @@ int getTlsHotspotTableRows() {
 }
 
 void qv_flowpath_pool_reset_for_test() {
+    qvTlsPoolReserveStop();
     for (int b = 0; b < blockCount; b++) {
         for (int i = 0; i < QV_TLS_POOL_BLOCK; i++) {
             QVPerThreadData_t* slot = &blocks[b][i];
-            if (slot->sequenceBlobLock != nullptr) apr_thread_mutex_destroy(slot->sequenceBlobLock);
-            if (slot->updateBTLock != nullptr) apr_thread_mutex_destroy(slot->updateBTLock);
+            qvlb_destroy_mutex(&slot->sequenceBlobLock);
+            qvlb_destroy_mutex(&slot->updateBTLock);
         }
         qvlb_free(blocks[b], kPoolPurpose, -1);
     }

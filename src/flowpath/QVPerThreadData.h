@@ -154,16 +154,26 @@ extern qvlb_hashmap_t* fpiToTLS;
 // them before start-up; an empty entry is skipped.
 struct QVFlowpathPoolHooks {
     void (*initQVMonitorDataModel)(QVPerThreadData_t* qvTD);         // create and register the model
+    QVMonitorDataModel* (*createMonitorDataModel)();                 // a model not registered yet
+    void (*registerMonitorDataModel)(QVPerThreadData_t* qvTD);       // register the model stored in qvTD
+    void (*discardMonitorDataModel)(QVMonitorDataModel* model);      // free one never registered
     void (*dumpIncompleteFPAtTestStop)(QVPerThreadData_t* qvTD);     // write a running flowpath at test stop
     void (*resetMonitorDataModelArrays)(QVMonitorDataModel* model);  // zero btm/mm/ipm arrays
 };
 extern QVFlowpathPoolHooks qvFlowpathPoolHooks;
+
+// proxyMode of the system settings (0 before start-up), and whether this process only forwards
+// its events to a proxy (proxy mode with the proxy server flag off): its records need no mutexes.
+int tlsPoolProxyMode();
+bool tlsPoolForwardsOnly();
 
 // Carves a block of 64 zeroed records chained as a free list (gFreeTLSTail becomes its last
 // record) and returns its first record. tlThreadId of slot i is loc_BusyTLSCnt + i + 1. Creates
 // tlsMutex and, with the hotspot feature on, a 64-row hotspot table when they are absent. The
 // caller stores the result in gFreeTLSHead; call it with tlsMutex held once other threads may
 // use the pool. Returns null when memory is exhausted (logged under "MEMORY"), counts untouched.
+// The block made ahead by the record reserve (QVTlsPoolReserve.h) is used when one is ready, and
+// the next one is asked for, so the caller usually only links and numbers the records.
 QVPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt);
 
 // Takes a record for a new transaction and puts it on the busy list. When the free list is empty
@@ -191,8 +201,8 @@ void resetMonitorDataModel(QVPerThreadData_t* qvTD);
 // and gives it back, then flushes the data dispatcher. Runs on the data thread.
 void dumpFpFromBusyList();
 
-// Zeroes the monitor arrays of every record on the free and the busy list. Takes tlsMutex for the
-// walks, so list changes by other threads wait until it is done.
+// Zeroes the monitor arrays of every record the pool has carved (free, busy, or lost behind the
+// free list's tail). tlsMutex is held only to read each block, so takes and frees go on meanwhile.
 void resetMonitorDataModelFromTLS();
 
 // Rows allocated in the hotspot table (0 when there is none). Thread-safe.

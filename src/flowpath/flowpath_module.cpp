@@ -7,6 +7,7 @@
 #include "flowpath/QVFlowpathGenerator.h"
 #include "flowpath/QVMethodHashMap.h"
 #include "flowpath/QVPerThreadData.h"
+#include "flowpath/QVTlsPoolReserve.h"
 #include "foundation/qvlb_hashmap.h"
 #include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_util.h"
@@ -33,6 +34,7 @@ void initMethodRegistryHook() {
 void qv_flowpath_register_hooks() {
     qvAgentHooks.createFpiToTLS = createFpiToTLS;
     qvAgentHooks.createTlsPool = createTlsPool;
+    qvAgentHooks.stopRecordReserve = qvTlsPoolReserveStop;
     qvAgentHooks.initMethodRegistry = initMethodRegistryHook;
     qvDispatcherHooks.dumpFpFromBusyList = dumpFpFromBusyList;
     qvFlowpathPoolHooks.dumpIncompleteFPAtTestStop = dumpIncompleteFPAtTestStop;

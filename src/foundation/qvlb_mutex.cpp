@@ -19,3 +19,10 @@ apr_status_t qvlb_create_nested_mutex(apr_thread_mutex_t** m, apr_pool_t* pool) 
     if (rv == APR_SUCCESS) qv_store_release(*m, created);
     return rv;
 }
+
+void qvlb_destroy_mutex(apr_thread_mutex_t** m) {
+    if (m == nullptr || *m == nullptr) return;
+    std::lock_guard<std::recursive_mutex> guard(qvlb_pool_lock());
+    apr_thread_mutex_destroy(*m);
+    *m = nullptr;
+}

@@ -9,7 +9,7 @@
 // BasicLockable view of an APR mutex, for std::lock_guard / std::unique_lock / std::scoped_lock.
 // A null mutex locks as a no-op (start-up order leaves some locks absent in tests).
 class QVMutexRef {
-public:
+  public:
     explicit QVMutexRef(apr_thread_mutex_t* m) : m_(m) {}
     void lock() {
         if (m_) apr_thread_mutex_lock(m_);
@@ -19,19 +19,19 @@ public:
     }
     bool try_lock() { return m_ == nullptr || apr_thread_mutex_trylock(m_) == APR_SUCCESS; }
 
-private:
+  private:
     apr_thread_mutex_t* m_;
 };
 
 // Scoped lock of one APR mutex; nothing when the mutex is null.
 class QVLockGuard {
-public:
+  public:
     explicit QVLockGuard(apr_thread_mutex_t* m) : m_(m) { m_.lock(); }
     ~QVLockGuard() { m_.unlock(); }
     QVLockGuard(const QVLockGuard&) = delete;
     QVLockGuard& operator=(const QVLockGuard&) = delete;
 
-private:
+  private:
     QVMutexRef m_;
 };
 
@@ -39,5 +39,9 @@ private:
 // threads at once: exactly one mutex is created. A null pool uses the agent's control pool
 // (created on demand). Returns APR_SUCCESS or the APR error.
 apr_status_t qvlb_create_nested_mutex(apr_thread_mutex_t** m, apr_pool_t* pool);
+
+// Destroys *m (if any) and nulls it. Destroying runs the mutex's pool clean-up, so it takes the
+// lock that serialises pool use. The memory stays in the pool. Nobody may hold or use the mutex.
+void qvlb_destroy_mutex(apr_thread_mutex_t** m);
 
 #endif

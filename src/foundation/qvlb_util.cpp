@@ -1,6 +1,10 @@
 // Process-wide APR set-up, wall clock, environment, date text, directories and threads.
 #include "foundation/qvlb_util.h"
 
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <apr_general.h>
 #include <apr_strings.h>
 #include <apr_time.h>
@@ -125,4 +129,10 @@ bool qvlb_sleep_ms_interruptible(long long ms, const int* stop) {
         left -= d;
     }
     return stop != nullptr && qv_load(*stop) != 0;
+}
+
+void qvlb_lower_thread_priority() {
+    // On Linux the nice value belongs to the thread named by its id, not to the whole process.
+    const auto tid = static_cast<id_t>(syscall(SYS_gettid));
+    (void)setpriority(PRIO_PROCESS, tid, 10);
 }

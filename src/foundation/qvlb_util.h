@@ -45,6 +45,11 @@ apr_status_t qvlb_thread_create(apr_thread_t** thread, apr_thread_start_t func, 
 // Sleeps up to ms milliseconds in short steps, returning early (true) once *stop becomes
 // non-zero (relaxed atomic load); stop may be null. Used for the agent's long waits so shutdown and tests are
 // prompt.
+// Lowers the calling thread's scheduling priority (nice 10) so that the agent's background work
+// (merging monitor counters, preparing record blocks) gives way to the application's threads on
+// a busy machine. Failure is ignored: the thread then runs at the normal priority.
+void qvlb_lower_thread_priority();
+
 bool qvlb_sleep_ms_interruptible(long long ms, const int* stop);
 
 #endif

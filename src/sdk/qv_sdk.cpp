@@ -22,6 +22,7 @@
 #include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_util.h"
 #include "sdk/qv_modules.h"
+#include "sdk/qv_sdk_log_writer.h"
 
 qvSDKLog* qv_sdk_log = nullptr;
 int g_qv_sdk_log_init = 0;
@@ -40,10 +41,6 @@ struct LevelText {
 const LevelText kLevelWords[] = {
     {"DEBUG |", 7}, {"INFO |", 6}, {"WARNING |", 9}, {"CRITICAL |", 10}, {"ERROR |", 7}};
 const char kHeaderLine[] = "#Date      TimeStamp|PID   |level|function_name:line|format\n";
-// stdio's default buffer is one page; a larger one keeps write(2) out of most log calls.
-constexpr size_t kStreamBufferSize = 64 * 1024;
-// The stream buffer handed to setvbuf; freed after the stream is closed.
-char* streamBuffer = nullptr;
 
 // qvMethodEntry's URL argument is fixed for SDK calls.
 char sdkUrl[] = "/test";
@@ -262,11 +259,10 @@ const PrefixCache& currentPrefix() {
 
 void closeLogFile(qvSDKLog* rec) {
     if (rec == nullptr || rec->file_fp == nullptr) return;
+    qvSdkLogWriterClose();
     fflush(rec->file_fp);
     fclose(rec->file_fp);
     rec->file_fp = nullptr;
-    qvlb_free(streamBuffer, "qvSDKLog stream buffer", -1);
-    streamBuffer = nullptr;
 }
 
 // Releases the stored-transaction table, its lock and sdk_pool.
@@ -364,7 +360,7 @@ int qv_sdk_trace_log(int level, const char* func_name, int line, const char* for
     }
     *w.p++ = '\n';
     const size_t pos = static_cast<size_t>(w.p - out);
-    fwrite(out, 1, pos, fp);
+    if (qvSdkLogWriterAppend(out, pos) == QVSdkLogAppend::NotOpen) fwrite(out, 1, pos, fp);
     return 0;
 }
 
@@ -387,11 +383,10 @@ void qv_sdk_create_file_name() {
         fprintf(stderr, "ERROR |%s: %d |Unable to open file: %s\n", __func__, __LINE__, rec->file_name[0]);
         return;
     }
-    streamBuffer = static_cast<char*>(qvlb_malloc(kStreamBufferSize, "qvSDKLog stream buffer", -1));
-    if (streamBuffer != nullptr) setvbuf(fp, streamBuffer, _IOFBF, kStreamBufferSize);
     fwrite(kHeaderLine, 1, sizeof(kHeaderLine) - 1, fp);
     qv_store(rec->cur_file_size, qv_load(rec->cur_file_size) + static_cast<int>(sizeof(kHeaderLine) - 1));
     fflush(fp);
+    qvSdkLogWriterOpen(fp);
     rec->file_fp = fp;
 }
 
@@ -415,7 +410,7 @@ qvSDKLog* qv_sdk_log_init() {
 
 void qv_sdk_log_flush() {
     qvSDKLog* rec = qv_load_acquire(qv_sdk_log);
-    if (rec != nullptr && rec->file_fp != nullptr) fflush(rec->file_fp);
+    if (rec != nullptr && rec->file_fp != nullptr) qvSdkLogWriterFlush();
 }
 
 methodPropProperties* ipCallOutSearchUpdate(char* ip_name, int type, node_t* methodHashMapNode) {

@@ -35,7 +35,7 @@ struct qvSDKLog {
     int (*log)(int level, const char* func_name, int line, const char* format, ...)
         __attribute__((format(printf, 4, 5)));
     FILE* file_fp;   // the open "_0" file, or null
-    void* sdk_lock;  // unused: stdio serialises the one write per line
+    void* sdk_lock;  // unused: the log writer serialises the lines
 };
 
 // The SDK log record, or null before the log is set up and after qv_free. Published with a
@@ -81,8 +81,9 @@ void qv_sdk_create_file_name();
 // Writes one line: for levels 1..5 the prefix "<time> |<pid> |<LEVEL> |<func_name> : <line> |"
 // (DEBUG, INFO, WARNING, CRITICAL, ERROR), then the message and "\n"; other levels no prefix.
 // Formats %s (null prints "(null)"), %d, %i, %u (also with l or ll), %p and %% itself, as printf
-// would; anything else (flags, widths, other conversions) goes through vsnprintf. One fwrite per
-// line, so lines of different threads never mix; lines are not flushed one by one. The time
+// would; anything else (flags, widths, other conversions) goes through vsnprintf. The whole line
+// is staged at once (qv_sdk_log_writer.h), so lines of different threads never mix, and the
+// caller never waits for the disk; a line the staging buffer cannot take is dropped. The time
 // text is formed once per second per thread. Returns 0, or -1 (and a note on stderr) without an
 // open file. Any thread.
 int qv_sdk_trace_log(int level, const char* func_name, int line, const char* format, ...)
@@ -98,7 +99,8 @@ void qv_sdk_log_time(char* time_str, size_t time_str_size);
 // when memory is short. Any thread.
 methodPropProperties* ipCallOutSearchUpdate(char* ip_name, int type, node_t* methodHashMapNode);
 
-// Flushes the SDK log file (tests read it while the SDK runs). Any thread.
+// Writes every staged line to the SDK log file and flushes it (tests read it while the SDK
+// runs). Any thread.
 void qv_sdk_log_flush();
 
 // Releases everything this module holds (as qv_free, without its log lines) and clears every

@@ -2,7 +2,12 @@
 // counter block's update, dispatch and merge rules.
 #include <gtest/gtest.h>
 
+#include <apr_time.h>
+
+#include <atomic>
 #include <cstring>
+#include <thread>
+#include <vector>
 #include <memory>
 #include <set>
 #include <string>
@@ -152,6 +157,60 @@ TEST_F(MonitorModelTest, RepeatedThreadIdsKeepEveryModelAndLookupAttachesTheFirs
     destroyQVMonitorDataModel();
     EXPECT_EQ(qvMonitorModelCount(), 0);
     destroyQVMonitorDataModel();  // empty: logged, nothing else
+}
+
+TEST_F(MonitorModelTest, GrownBlockIsNumberedLockedAndItsModelsRegisteredAfterTheTake) {
+    std::vector<QVPerThreadData_t*> taken;
+    for (int i = 0; i < 65; i++) taken.push_back(take());
+    QVPerThreadData_t* first = taken[64];  // first record of the grown block
+    EXPECT_EQ(first->tlsIdx, 64);
+    EXPECT_EQ(first->tlThreadId, 65);  // 64 records were busy when it was carved
+    // The record counts into its model at once; the registration may follow on the reserve's thread.
+    ASSERT_NE(first->tlMonitorDataModel, nullptr);
+    for (int i = 0; i < 200 && qvMonitorModelCount() < 128; i++) apr_sleep(5000);
+    EXPECT_EQ(qvMonitorModelCount(), 128);
+    std::set<QVMonitorDataModel*> walked;
+    forEachMonitorDataModel(
+        [](QVMonitorDataModel* m, void* ctx) { static_cast<std::set<QVMonitorDataModel*>*>(ctx)->insert(m); },
+        &walked);
+    EXPECT_EQ(walked.size(), 128u);
+    for (int i = 0; i < QV_TLS_POOL_BLOCK; i++) {
+        QVPerThreadData_t* slot = &first[i];
+        EXPECT_EQ(slot->tlsIdx, 64 + i);
+        EXPECT_NE(slot->sequenceBlobLock, nullptr);
+        EXPECT_NE(slot->updateBTLock, nullptr);
+        EXPECT_EQ(walked.count(slot->tlMonitorDataModel), 1u) << "slot " << i;
+    }
+}
+
+class MonitorRegistryConcurrency : public MonitorModelTest {};
+
+// A merge walks the registry while blocks of records register their models.
+TEST_F(MonitorRegistryConcurrency, WalkDuringRegistrationSeesAGrowingPrefix) {
+    std::atomic<bool> done{false};
+    std::atomic<int> lastSeen{0};
+    std::atomic<bool> shrank{false};
+    std::thread walker([&] {
+        while (!done.load()) {
+            int n = 0;
+            forEachMonitorDataModel(
+                [](QVMonitorDataModel* m, void* ctx) {
+                    ASSERT_NE(m, nullptr);
+                    ++*static_cast<int*>(ctx);
+                },
+                &n);
+            if (n < lastSeen.load()) shrank = true;
+            lastSeen = n;
+        }
+    });
+    for (int b = 0; b < 20; b++) {
+        QVLockGuard guard(tlsMutex);
+        ASSERT_NE(create_tls_pool(0), nullptr);
+    }
+    done = true;
+    walker.join();
+    EXPECT_FALSE(shrank.load());
+    EXPECT_EQ(qvMonitorModelCount(), 64 * 21);
 }
 
 TEST(BTCounters, GenericUpdateAndQueueTimeRule) {

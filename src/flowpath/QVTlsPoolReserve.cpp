@@ -1,0 +1,210 @@
+// The background thread that keeps one block of records ready for create_tls_pool.
+#include "flowpath/QVTlsPoolReserve.h"
+
+#include <unistd.h>
+
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <system_error>
+#include <thread>
+
+#include "foundation/qvlb_mem.h"
+#include "foundation/qvlb_mt_log.h"
+#include "foundation/qvlb_mutex.h"
+#include "foundation/qvlb_util.h"
+
+namespace {
+
+const char* const kPoolPurpose = "Create TLS pool of QVPerThreadData_t";
+
+// Lives on the heap and is never destroyed: the thread may still wait on the condition variable
+// when the process exits, and destroying a condition variable with a waiter is undefined.
+struct Reserve {
+    std::mutex lock;
+    std::condition_variable wake;
+    std::thread* thread = nullptr;  // leaked, not deleted, when it belongs to a parent process
+    pid_t owner = 0;                // process that started thread
+    bool wanted = false;
+    bool stopping = false;
+    bool hasReady = false;
+    QVTlsPreparedBlock ready{};
+    // Blocks whose models wait for registration, oldest first.
+    struct Pending {
+        QVPerThreadData_t* pool;
+        uint64_t slots;
+    };
+    static constexpr int kPendingMax = 64;
+    Pending pending[kPendingMax];
+    int pendingCount = 0;
+};
+
+Reserve& reserve() {
+    static Reserve* r = new Reserve;
+    return *r;
+}
+
+bool build(QVTlsPreparedBlock* b) {
+    memset(b, 0, sizeof(*b));
+    const int proxyMode = tlsPoolProxyMode();
+    b->withLocks = !tlsPoolForwardsOnly();
+    b->withModels = proxyMode != 1 && qvFlowpathPoolHooks.createMonitorDataModel != nullptr;
+    b->pool = static_cast<QVPerThreadData_t*>(
+        qvlb_calloc(sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK, kPoolPurpose, -1));
+    if (b->pool == nullptr) return false;
+    for (int i = 0; i < QV_TLS_POOL_BLOCK; i++) {
+        QVPerThreadData_t* slot = &b->pool[i];
+        if (b->withLocks) {
+            qvlb_create_nested_mutex(&slot->sequenceBlobLock, nullptr);
+            qvlb_create_nested_mutex(&slot->updateBTLock, nullptr);
+        }
+        if (b->withModels) b->models[i] = qvFlowpathPoolHooks.createMonitorDataModel();
+        // Fault in the page the linking step writes, here rather than under tlsMutex.
+        slot->busy_next = nullptr;
+        slot->tlsIdx = 0;
+    }
+    return true;
+}
+
+void registerSlots(QVPerThreadData_t* pool, uint64_t slots) {
+    if (qvFlowpathPoolHooks.registerMonitorDataModel == nullptr) return;
+    for (int i = 0; i < QV_TLS_POOL_BLOCK; i++)
+        if ((slots >> i) & 1) qvFlowpathPoolHooks.registerMonitorDataModel(&pool[i]);
+}
+
+// Registers every pending block. Caller holds lk, which is released while registering.
+void registerPending(Reserve& r, std::unique_lock<std::mutex>& lk) {
+    while (r.pendingCount > 0) {
+        const Reserve::Pending p = r.pending[0];
+        r.pendingCount--;
+        memmove(r.pending, r.pending + 1, sizeof(r.pending[0]) * static_cast<size_t>(r.pendingCount));
+        lk.unlock();
+        registerSlots(p.pool, p.slots);
+        lk.lock();
+    }
+}
+
+void run() {
+    qvlb_lower_thread_priority();
+    Reserve& r = reserve();
+    std::unique_lock<std::mutex> lk(r.lock);
+    for (;;) {
+        r.wake.wait(lk, [&] { return r.stopping || r.pendingCount > 0 || (r.wanted && !r.hasReady); });
+        if (r.stopping) return;
+        registerPending(r, lk);
+        if (r.stopping) return;
+        if (!r.wanted || r.hasReady) continue;
+        r.wanted = false;
+        lk.unlock();
+        QVTlsPreparedBlock b;
+        const bool ok = build(&b);
+        lk.lock();
+        if (!ok) {
+            // The next request tries again; meanwhile create_tls_pool carves its own.
+            QV_TRACE_IF(true, "MEMORY", "Error", "Could not prepare a block of %d records",
+                        QV_TLS_POOL_BLOCK);
+            continue;
+        }
+        if (r.stopping) {
+            qvTlsPreparedBlockDiscard(&b);
+            return;
+        }
+        r.ready = b;
+        r.hasReady = true;
+    }
+}
+
+// Caller holds r.lock. A child process inherits the parent's state but not its thread.
+void forgetParentThread(Reserve& r) {
+    if (r.thread == nullptr || r.owner == getpid()) return;
+    r.thread = nullptr;  // the parent's object: neither joinable nor deletable here
+    r.hasReady = false;  // the child's copy of the block is its own memory, kept unused
+    r.wanted = false;
+    // Registrations the parent had queued: the child's copies of those records need them too.
+    std::unique_lock<std::mutex> lk(r.lock, std::adopt_lock);
+    registerPending(r, lk);
+    lk.release();
+}
+
+}  // namespace
+
+bool qvTlsPoolReserveTake(QVTlsPreparedBlock* out) {
+    if (out == nullptr) return false;
+    Reserve& r = reserve();
+    std::unique_lock<std::mutex> lk(r.lock, std::try_to_lock);
+    if (!lk.owns_lock()) return false;
+    forgetParentThread(r);
+    if (!r.hasReady) return false;
+    *out = r.ready;
+    r.hasReady = false;
+    return true;
+}
+
+void qvTlsPoolReserveRequest() {
+    Reserve& r = reserve();
+    std::unique_lock<std::mutex> lk(r.lock, std::try_to_lock);
+    if (!lk.owns_lock()) return;
+    forgetParentThread(r);
+    if (r.stopping) return;
+    if (r.thread == nullptr) {
+        try {
+            r.thread = new std::thread(run);
+            r.owner = getpid();
+        } catch (const std::exception&) {
+            QV_TRACE_IF(true, "MEMORY", "Error", "Could not start the record reserve thread");
+            return;
+        }
+    }
+    r.wanted = true;
+    r.wake.notify_one();
+}
+
+bool qvTlsPoolReserveRegisterLater(QVPerThreadData_t* pool, uint64_t slots) {
+    if (pool == nullptr) return true;
+    Reserve& r = reserve();
+    std::unique_lock<std::mutex> lk(r.lock, std::try_to_lock);
+    if (!lk.owns_lock()) return false;
+    forgetParentThread(r);
+    if (r.thread == nullptr || r.stopping || r.pendingCount == Reserve::kPendingMax) return false;
+    r.pending[r.pendingCount++] = {pool, slots};
+    r.wake.notify_one();
+    return true;
+}
+
+void qvTlsPoolReserveStop() {
+    Reserve& r = reserve();
+    std::thread* t = nullptr;
+    {
+        std::lock_guard<std::mutex> lk(r.lock);
+        forgetParentThread(r);
+        t = r.thread;
+        r.thread = nullptr;
+        r.stopping = true;
+    }
+    r.wake.notify_all();
+    if (t != nullptr) {
+        t->join();
+        delete t;
+    }
+    std::unique_lock<std::mutex> lk(r.lock);
+    registerPending(r, lk);
+    if (r.hasReady) qvTlsPreparedBlockDiscard(&r.ready);
+    r.hasReady = false;
+    r.wanted = false;
+    r.stopping = false;
+}
+
+void qvTlsPreparedBlockDiscard(QVTlsPreparedBlock* block) {
+    if (block == nullptr || block->pool == nullptr) return;
+    for (int i = 0; i < QV_TLS_POOL_BLOCK; i++) {
+        QVPerThreadData_t* slot = &block->pool[i];
+        qvlb_destroy_mutex(&slot->sequenceBlobLock);
+        qvlb_destroy_mutex(&slot->updateBTLock);
+        if (block->models[i] != nullptr && qvFlowpathPoolHooks.discardMonitorDataModel != nullptr)
+            qvFlowpathPoolHooks.discardMonitorDataModel(block->models[i]);
+        block->models[i] = nullptr;
+    }
+    qvlb_free(block->pool, kPoolPurpose, -1);
+    block->pool = nullptr;
+}

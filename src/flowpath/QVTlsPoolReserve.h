@@ -1,0 +1,44 @@
+// A block of records made ahead of need. Carving a block (1.1 MB of records, two mutexes per
+// record and a monitor model each) takes about half a millisecond, and the pool carves one every 64
+// transactions under tlsMutex, so every application thread would wait for it. A background thread
+// keeps one block ready instead; create_tls_pool links it and asks for the next. When none is ready
+// (a burst, a failed allocation, a forked child) the caller carves its own block as before.
+#ifndef QVTLSPOOLRESERVE_H
+#define QVTLSPOOLRESERVE_H
+
+#include "flowpath/QVPerThreadData.h"
+
+// A prepared block: zeroed records, their two mutexes when withLocks, and one unregistered model per
+// record in models[] when withModels (entries may be null where creation failed). Pool links,
+// tlsIdx and tlThreadId are left for create_tls_pool.
+struct QVTlsPreparedBlock {
+    QVPerThreadData_t* pool;
+    QVMonitorDataModel* models[QV_TLS_POOL_BLOCK];
+    bool withLocks;
+    bool withModels;
+};
+
+// Takes the ready block into *out. Never waits: returns false when none is ready or the reserve is
+// busy handing one over. The caller owns the block afterwards.
+bool qvTlsPoolReserveTake(QVTlsPreparedBlock* out);
+
+// Asks for the next block, starting the background thread on first use (and again in a forked
+// child, which has no copy of it). Never waits for the block.
+void qvTlsPoolReserveRequest();
+
+// Hands the registration of a linked block's models (slot i of pool when bit i of slots is set)
+// to the background thread, which registers them through qvFlowpathPoolHooks. Never waits:
+// returns false when the thread is not running or its queue is full or busy; the caller then
+// registers them itself.
+bool qvTlsPoolReserveRegisterLater(QVPerThreadData_t* pool, uint64_t slots);
+
+// Stops and joins the background thread, registers what it had not registered yet and frees a
+// block still unused. The next request starts
+// it again. Used by shutdown and tests.
+void qvTlsPoolReserveStop();
+
+// Frees a prepared block that will not be linked: its mutexes, its models (through the pool hooks)
+// and its records. Null pool does nothing.
+void qvTlsPreparedBlockDiscard(QVTlsPreparedBlock* block);
+
+#endif

@@ -1,0 +1,217 @@
+// Staging buffers and the background thread of the SDK log.
+#include "sdk/qv_sdk_log_writer.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+#include "foundation/qvlb_mem.h"
+#include "sdk/qv_sdk.h"
+
+namespace {
+
+constexpr auto kWriteEvery = std::chrono::milliseconds(200);
+
+// Heap-allocated and never destroyed: at process exit the thread may still wait on the condition
+// variable, and destroying a condition variable with a waiter is undefined.
+struct Writer {
+    // Lock order: io before stage. stage guards the buffers, fp and the flags; io serialises the
+    // writes to the file so staged lines reach it in order.
+    std::mutex io;
+    std::mutex stage;
+    std::condition_variable wake;
+    FILE* fp = nullptr;
+    char* bufs[2] = {nullptr, nullptr};
+    size_t used[2] = {0, 0};
+    int active = 0;
+    bool stopping = false;
+    bool signalled = false;         // the thread was woken for a filling buffer
+    std::thread* thread = nullptr;  // null in a forked child: the parent's thread is not there
+    long long dropped = 0;
+    long long droppedReported = 0;
+};
+
+Writer& writer() {
+    static Writer* w = new Writer;
+    return *w;
+}
+
+// Swaps the buffers and writes the one that was being filled, outside the staging lock, so
+// appends go on meanwhile. Caller holds io.
+void drainLocked(Writer& w) {
+    FILE* fp;
+    int idx;
+    size_t n;
+    long long newlyDropped;
+    {
+        std::lock_guard<std::mutex> lk(w.stage);
+        fp = w.fp;
+        idx = w.active;
+        n = w.used[idx];
+        w.active ^= 1;
+        w.signalled = false;
+        newlyDropped = w.dropped - w.droppedReported;
+        w.droppedReported = w.dropped;
+    }
+    if (fp == nullptr) return;
+    if (n > 0) fwrite(w.bufs[idx], 1, n, fp);
+    if (newlyDropped > 0) {
+        char t[21];
+        qv_sdk_log_time(t, sizeof(t));
+        fprintf(fp, "%s |%d |ERROR |%s : %d |%lld log lines dropped: the disk did not keep up\n", t,
+                static_cast<int>(getpid()), __func__, __LINE__, newlyDropped);
+    }
+    fflush(fp);
+    std::lock_guard<std::mutex> lk(w.stage);
+    w.used[idx] = 0;
+}
+
+void run() {
+    Writer& w = writer();
+    for (;;) {
+        {
+            std::unique_lock<std::mutex> lk(w.stage);
+            w.wake.wait_for(lk, kWriteEvery, [&] { return w.stopping || w.signalled; });
+            if (w.stopping) return;
+        }
+        std::lock_guard<std::mutex> io(w.io);
+        drainLocked(w);
+    }
+}
+
+// Caller holds stage. Started on first use (and again in a forked child).
+void startThreadLocked(Writer& w) {
+    if (w.thread != nullptr || w.stopping) return;
+    try {
+        w.thread = new std::thread(run);
+    } catch (const std::exception&) {
+        // Lines stay staged until a flush, or are dropped when the buffer fills.
+    }
+}
+
+void atForkPrepare() {
+    writer().io.lock();
+    writer().stage.lock();
+}
+
+void atForkParent() {
+    writer().stage.unlock();
+    writer().io.unlock();
+}
+
+void atForkChild() {
+    Writer& w = writer();
+    w.thread = nullptr;  // the parent's object: neither joinable nor deletable here
+    w.signalled = false;
+    w.used[0] = w.used[1] = 0;  // the parent's lines: the parent writes them
+    w.stage.unlock();
+    w.io.unlock();
+}
+
+// Lines still staged when the process exits without qv_free reach the file, as a stdio buffer's
+// would.
+void flushAtExit() {
+    qvSdkLogWriterFlush();
+}
+
+void registerProcessHandlers() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        pthread_atfork(atForkPrepare, atForkParent, atForkChild);
+        atexit(flushAtExit);
+    });
+}
+
+}  // namespace
+
+bool qvSdkLogWriterOpen(FILE* fp) {
+    qvSdkLogWriterClose();
+    registerProcessHandlers();
+    Writer& w = writer();
+    char* a = static_cast<char*>(qvlb_malloc(QV_SDK_LOG_STAGE_BYTES, "SDK log staging buffer", 0));
+    char* b = static_cast<char*>(qvlb_malloc(QV_SDK_LOG_STAGE_BYTES, "SDK log staging buffer", 1));
+    std::lock_guard<std::mutex> lk(w.stage);
+    w.fp = fp;
+    if (a == nullptr || b == nullptr) {
+        qvlb_free(a, "SDK log staging buffer", 0);
+        qvlb_free(b, "SDK log staging buffer", 1);
+        return false;
+    }
+    w.bufs[0] = a;
+    w.bufs[1] = b;
+    w.used[0] = w.used[1] = 0;
+    w.active = 0;
+    return true;
+}
+
+QVSdkLogAppend qvSdkLogWriterAppend(const char* line, size_t len) {
+    Writer& w = writer();
+    std::unique_lock<std::mutex> lk(w.stage);
+    if (w.fp == nullptr) return QVSdkLogAppend::NotOpen;
+    if (w.bufs[0] == nullptr) {
+        // No staging memory: write through, as a plain stream would.
+        FILE* fp = w.fp;
+        lk.unlock();
+        fwrite(line, 1, len, fp);
+        return QVSdkLogAppend::Written;
+    }
+    startThreadLocked(w);
+    size_t& used = w.used[w.active];
+    if (len > QV_SDK_LOG_STAGE_BYTES - used) {
+        ++w.dropped;
+        return QVSdkLogAppend::Dropped;
+    }
+    memcpy(w.bufs[w.active] + used, line, len);
+    used += len;
+    if (!w.signalled && used >= QV_SDK_LOG_STAGE_BYTES / 2) {
+        w.signalled = true;
+        w.wake.notify_one();
+    }
+    return QVSdkLogAppend::Written;
+}
+
+void qvSdkLogWriterFlush() {
+    Writer& w = writer();
+    std::lock_guard<std::mutex> io(w.io);
+    // Both buffers: the other one may hold lines a failed thread start left behind.
+    drainLocked(w);
+    drainLocked(w);
+}
+
+void qvSdkLogWriterClose() {
+    Writer& w = writer();
+    qvSdkLogWriterFlush();
+    std::thread* t;
+    {
+        std::lock_guard<std::mutex> lk(w.stage);
+        t = w.thread;
+        w.thread = nullptr;
+        w.stopping = true;
+    }
+    w.wake.notify_all();
+    if (t != nullptr) {
+        t->join();
+        delete t;
+    }
+    std::lock_guard<std::mutex> io(w.io);
+    drainLocked(w);  // lines staged while the thread stopped
+    std::lock_guard<std::mutex> lk(w.stage);
+    w.stopping = false;
+    w.fp = nullptr;
+    qvlb_free(w.bufs[0], "SDK log staging buffer", 0);
+    qvlb_free(w.bufs[1], "SDK log staging buffer", 1);
+    w.bufs[0] = w.bufs[1] = nullptr;
+    w.used[0] = w.used[1] = 0;
+}
+
+long long qvSdkLogWriterDropped() {
+    Writer& w = writer();
+    std::lock_guard<std::mutex> lk(w.stage);
+    return w.dropped;
+}
