@@ -9,6 +9,7 @@
 #include "bt/QVMonitorCommon.h"
 #include "core/qv_agent.h"
 #include "flowpath/QVPerThreadData.h"
+#include "flowpath/QVTlsPoolReserve.h"
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_hashmap.h"
 #include "foundation/qvlb_mem.h"
@@ -320,6 +321,8 @@ void resetMonitorDataModelArrays(QVMonitorDataModel* model) {
 }
 
 void qvMonitorDataModelResetForTest() {
+    // The record reserve's thread may still be making or registering models.
+    qvTlsPoolReserveStop();
     QVLockGuard guard(qvMonitorRegistryLock());
     for (int i = 0; i < allModelCount; i++) freeModel(allModels[i]);
     qvlb_free(allModels, "allModels", -1);

@@ -10,6 +10,7 @@
 #include <system_error>
 #include <thread>
 
+#include "foundation/qvlb_fault.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
@@ -87,6 +88,7 @@ void registerPending(Reserve& r, std::unique_lock<std::mutex>& lk) {
 
 void run() {
     qvlb_lower_thread_priority();
+    qvlb_fault_exempt_this_thread();
     Reserve& r = reserve();
     std::unique_lock<std::mutex> lk(r.lock);
     for (;;) {

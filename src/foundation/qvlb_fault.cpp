@@ -17,13 +17,14 @@ struct FaultState {
 std::atomic<unsigned> g_armed{0};
 std::mutex g_fault_mutex;
 FaultState g_state[QV_FAULT_COUNT];
+thread_local bool tlExempt = false;
 
 }  // namespace
 
 bool qvlb_fault(QVFaultPoint point) {
     if (point < 0 || point >= QV_FAULT_COUNT) return false;
     const unsigned bit = 1u << point;
-    if ((g_armed.load(std::memory_order_relaxed) & bit) == 0) return false;
+    if ((g_armed.load(std::memory_order_relaxed) & bit) == 0 || tlExempt) return false;
     // Armed points are a test-only slow path; a mutex keeps skip/count consistent between threads.
     std::lock_guard<std::mutex> guard(g_fault_mutex);
     FaultState& s = g_state[point];
@@ -39,6 +40,10 @@ bool qvlb_fault(QVFaultPoint point) {
     }
     g_armed.fetch_and(~bit, std::memory_order_relaxed);
     return false;
+}
+
+void qvlb_fault_exempt_this_thread() {
+    tlExempt = true;
 }
 
 void qvlb_fault_arm(QVFaultPoint point, int skip, int count) {

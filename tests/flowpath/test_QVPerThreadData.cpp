@@ -12,6 +12,7 @@
 #include "collector/QVDataDispatcher.h"
 #include "core/qv_agent.h"
 #include "flowpath/QVPerThreadData.h"
+#include "flowpath/QVTlsPoolReserve.h"
 #include "flowpath/flowpath_module.h"
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_fault.h"
@@ -256,6 +257,7 @@ TEST_F(PoolTest, FailedBlockAllocationReturnsNullAndRecovers) {
 #ifdef QV_FAULT_POINTS
     startPool();
     for (int i = 0; i < 64; i++) take();
+    qvTlsPoolReserveStop();  // no prepared block: the carve below allocates its own
     qvlb_fault_arm(QV_FAULT_MALLOC, 0, 1);
     EXPECT_EQ(get_free_tls_slot(), nullptr);
     qvlb_fault_reset();
