@@ -174,12 +174,6 @@ struct PendingRegistration {
 thread_local bool tlDeferRegistration = false;
 thread_local PendingRegistration tlPendingRegistration = {nullptr, 0};
 
-void registerModels(QVPerThreadData_t* pool, uint64_t slots) {
-    if (pool == nullptr || qvFlowpathPoolHooks.registerMonitorDataModel == nullptr) return;
-    for (int i = 0; i < QV_TLS_POOL_BLOCK; i++)
-        if ((slots >> i) & 1) qvFlowpathPoolHooks.registerMonitorDataModel(&pool[i]);
-}
-
 }  // namespace
 
 int tlsPoolProxyMode() {
@@ -259,7 +253,7 @@ QVPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt) {
     if (tlDeferRegistration) {
         tlPendingRegistration = {pool, toRegister};
     } else {
-        registerModels(pool, toRegister);
+        qvTlsRegisterBlockModels(pool, toRegister);
     }
     qvTlsPoolReserveRequest();
     return pool;
@@ -292,7 +286,7 @@ QVPerThreadData_t* get_free_tls_slot() {
         // The reserve's thread registers them at its lower priority; this call then returns at
         // once.
         if (!qvTlsPoolReserveRegisterLater(pending.pool, pending.slots))
-            registerModels(pending.pool, pending.slots);
+            qvTlsRegisterBlockModels(pending.pool, pending.slots);
     }
     QV_TRACE_IF(grewAtBusyCount >= 0, kModule, "Info",
                 "TLS pool found to NULL allocating pool again; gBusyTLSCnt=%d", grewAtBusyCount);

@@ -68,12 +68,6 @@ bool build(QVTlsPreparedBlock* b) {
     return true;
 }
 
-void registerSlots(QVPerThreadData_t* pool, uint64_t slots) {
-    if (qvFlowpathPoolHooks.registerMonitorDataModel == nullptr) return;
-    for (int i = 0; i < QV_TLS_POOL_BLOCK; i++)
-        if ((slots >> i) & 1) qvFlowpathPoolHooks.registerMonitorDataModel(&pool[i]);
-}
-
 // Registers every pending block. Caller holds lk, which is released while registering.
 void registerPending(Reserve& r, std::unique_lock<std::mutex>& lk) {
     while (r.pendingCount > 0) {
@@ -81,7 +75,7 @@ void registerPending(Reserve& r, std::unique_lock<std::mutex>& lk) {
         r.pendingCount--;
         memmove(r.pending, r.pending + 1, sizeof(r.pending[0]) * static_cast<size_t>(r.pendingCount));
         lk.unlock();
-        registerSlots(p.pool, p.slots);
+        qvTlsRegisterBlockModels(p.pool, p.slots);
         lk.lock();
     }
 }
@@ -160,6 +154,12 @@ void qvTlsPoolReserveRequest() {
     }
     r.wanted = true;
     r.wake.notify_one();
+}
+
+void qvTlsRegisterBlockModels(QVPerThreadData_t* pool, uint64_t slots) {
+    if (pool == nullptr || qvFlowpathPoolHooks.registerMonitorDataModel == nullptr) return;
+    for (int i = 0; i < QV_TLS_POOL_BLOCK; i++)
+        if ((slots >> i) & 1) qvFlowpathPoolHooks.registerMonitorDataModel(&pool[i]);
 }
 
 bool qvTlsPoolReserveRegisterLater(QVPerThreadData_t* pool, uint64_t slots) {

@@ -26,6 +26,10 @@ bool qvTlsPoolReserveTake(QVTlsPreparedBlock* out);
 // child, which has no copy of it). Never waits for the block.
 void qvTlsPoolReserveRequest();
 
+// Registers the models stored in slot i of pool for every bit i set in slots, through
+// qvFlowpathPoolHooks. Thread-safe; null pool does nothing.
+void qvTlsRegisterBlockModels(QVPerThreadData_t* pool, uint64_t slots);
+
 // Hands the registration of a linked block's models (slot i of pool when bit i of slots is set)
 // to the background thread, which registers them through qvFlowpathPoolHooks. Never waits:
 // returns false when the thread is not running or its queue is full or busy; the caller then
