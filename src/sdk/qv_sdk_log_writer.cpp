@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <thread>
 
 #include "foundation/qvlb_mem.h"
@@ -95,22 +96,27 @@ void startThreadLocked(Writer& w) {
     }
 }
 
+// Only the file lock is held across a fork, so the stream is never copied mid-write. Staging is
+// not locked: a fork copies the whole address space, and application threads appending lines
+// must not wait for that.
 void atForkPrepare() {
     writer().io.lock();
-    writer().stage.lock();
 }
 
 void atForkParent() {
-    writer().stage.unlock();
     writer().io.unlock();
 }
 
+// The child has one thread; a parent thread may have held the staging lock, or waited on the
+// condition variable, at the fork. Both are made afresh (their old state belongs to threads
+// that do not exist here), and the staged lines are dropped: the parent writes them.
 void atForkChild() {
     Writer& w = writer();
+    new (&w.stage) std::mutex;
+    new (&w.wake) std::condition_variable;
     w.thread = nullptr;  // the parent's object: neither joinable nor deletable here
     w.signalled = false;
-    w.used[0] = w.used[1] = 0;  // the parent's lines: the parent writes them
-    w.stage.unlock();
+    w.used[0] = w.used[1] = 0;
     w.io.unlock();
 }
 

@@ -1,11 +1,16 @@
 // Tests of the SDK log's writer: lines from many threads arrive whole and in each thread's order,
 // and a file that cannot be written makes lines drop (counted, then reported) instead of making
-// the callers wait.
+// the callers wait. A fork while threads log leaves both processes logging, without the child
+// repeating the parent's lines.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <map>
 #include <sstream>
@@ -87,6 +92,71 @@ TEST(SdkLogWriter, StalledFileDropsAndCountsLinesWithoutBlockingCallers) {
     EXPECT_EQ(static_cast<int>(got.size() / line.size()), total - dropped);
     EXPECT_NE(got.find("|" + std::to_string(dropped) + " log lines dropped: the disk did not keep up\n"),
               std::string::npos);
+}
+
+// Waits up to 10 s for a child; a child stuck on a lock the fork left held is killed.
+bool exitedCleanly(pid_t pid) {
+    int status = 0;
+    for (int i = 0; i < 1000; i++) {
+        if (waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return false;
+}
+
+TEST(SdkLogWriter, ForkWhileThreadsLogLeavesBothProcessesLogging) {
+    FILE* fp = tmpfile();
+    ASSERT_NE(fp, nullptr);
+    ASSERT_TRUE(qvSdkLogWriterOpen(fp));
+    constexpr int kThreads = 3, kForks = 10;
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> ts;
+    for (int t = 0; t < kThreads; t++)
+        ts.emplace_back([t, &stop] {
+            char line[64];
+            for (int i = 0; !stop.load(); i++) {
+                const int n = snprintf(line, sizeof(line), "t%d line %d\n", t, i);
+                qvSdkLogWriterAppend(line, static_cast<size_t>(n));
+            }
+        });
+    for (int f = 0; f < kForks; f++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        const pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            char line[32];
+            const int n = snprintf(line, sizeof(line), "child %d\n", f);
+            const bool ok = qvSdkLogWriterAppend(line, static_cast<size_t>(n)) == QVSdkLogAppend::Written;
+            qvSdkLogWriterFlush();
+            _exit(ok ? 0 : 1);
+        }
+        EXPECT_TRUE(exitedCleanly(pid)) << "fork " << f;
+    }
+    stop = true;
+    for (auto& th : ts) th.join();
+    qvSdkLogWriterClose();
+
+    rewind(fp);
+    std::string all = readAll(fileno(fp));
+    fclose(fp);
+    std::map<int, int> next;
+    int children = 0;
+    std::istringstream in(all);
+    std::string l;
+    while (std::getline(in, l)) {
+        int t = -1, i = -1;
+        if (sscanf(l.c_str(), "child %d", &i) == 1) {
+            children++;
+            continue;
+        }
+        ASSERT_EQ(sscanf(l.c_str(), "t%d line %d", &t, &i), 2) << l;
+        // Lines may be dropped when the buffers fill, never repeated or reordered.
+        EXPECT_GE(i, next[t]) << "thread " << t;
+        next[t] = i + 1;
+    }
+    EXPECT_EQ(children, kForks);
 }
 
 }  // namespace
