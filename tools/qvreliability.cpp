@@ -5,6 +5,9 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -100,19 +103,19 @@ class Collector {
         const std::string events = (out_ / "events.log").string();
         int in[2];
         if (pipe2(in, O_CLOEXEC) != 0) return false;
-        pid_ = fork();
-        if (pid_ == 0) {
-            // Async-signal-safe calls only (the agent's threads run in the parent); none of the
-            // agent's sockets may stay open in the child.
-            dup2(in[0], 0);
-            const int err = open(events.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-            if (err >= 0) dup2(err, 2);
-            const int devnull = open("/dev/null", O_WRONLY);
-            if (devnull >= 0) dup2(devnull, 1);
-            close_range(3, ~0U, 0);
-            execv(cargv[0], cargv.data());
-            _exit(127);
-        }
+        // posix_spawn shares the address space until the exec: a fork would copy this process's
+        // page tables, stalling the application threads being measured for milliseconds.
+        // None of the agent's sockets may stay open in the collector.
+        posix_spawn_file_actions_t fa;
+        posix_spawn_file_actions_init(&fa);
+        posix_spawn_file_actions_adddup2(&fa, in[0], 0);
+        posix_spawn_file_actions_addopen(&fa, 2, events.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addclosefrom_np(&fa, 3);
+        pid_t pid = -1;
+        const int rc = posix_spawn(&pid, cargv[0], &fa, nullptr, cargv.data(), environ);
+        posix_spawn_file_actions_destroy(&fa);
+        pid_ = rc == 0 ? pid : -1;
         close(in[0]);
         if (pid_ < 0) {
             close(in[1]);
@@ -194,11 +197,28 @@ struct CallStats {
     }
 };
 
+// --slow-calls: every call over 1 ms is printed with what the thread went through meanwhile
+// (page faults, waits, preemptions), which tells a lock wait from a fault from the scheduler.
+bool gReportSlowCalls = false;
+
 template <class F>
 auto timed(CallStats& s, Call c, F f) {
+    struct rusage before {};
+    if (gReportSlowCalls) getrusage(RUSAGE_THREAD, &before);
     const long long t0 = nowNs();
     auto r = f();
-    s.add(c, t0, nowNs() - t0);
+    const long long ns = nowNs() - t0;
+    if (gReportSlowCalls && ns > 1000000) {
+        struct rusage after {};
+        getrusage(RUSAGE_THREAD, &after);
+        fprintf(
+            stderr,
+            "slow call: %s on thread %ld at %.6f s: %.3f ms, %ld page faults, %ld waits, %ld preemptions\n",
+            kCallNames[c], static_cast<long>(syscall(SYS_gettid)), t0 / 1e9, ns / 1e6,
+            after.ru_minflt - before.ru_minflt + after.ru_majflt - before.ru_majflt,
+            after.ru_nvcsw - before.ru_nvcsw, after.ru_nivcsw - before.ru_nivcsw);
+    }
+    s.add(c, t0, ns);
     return r;
 }
 
@@ -371,12 +391,14 @@ bool parseArgs(int argc, char** argv, Options* o) {
             o->keywords.push_back(argv[++i]);
         } else if (a == "--keep") {
             o->keep = true;
+        } else if (a == "--slow-calls") {
+            gReportSlowCalls = true;
         } else {
             fprintf(stderr,
                     "usage: qvreliability [--transactions N (100000)] [--kills K (20)] [--threads T (4)]\n"
                     "                     [--rate TX_PER_S (2000)] [--down-ms MS (200)] [--cycles C (1000)]\n"
-                    "                     [--collector PATH] [--keyword K=V]..."
-                    "                     [--work DIR] [--keep]\n");
+                    "                     [--collector PATH] [--keyword K=V]...\n"
+                    "                     [--work DIR] [--keep] [--slow-calls]\n");
             return false;
         }
     }

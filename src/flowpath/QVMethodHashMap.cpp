@@ -369,7 +369,7 @@ void sendMethodMetaRecord(const methodPropProperties* m) {
 }  // namespace
 
 void getMethodHashMapLock() {
-    if (methodEntryLock) apr_thread_mutex_lock(methodEntryLock);
+    qvlb_mutex_lock(methodEntryLock);
 }
 
 void releaseMethodHashMapLock() {

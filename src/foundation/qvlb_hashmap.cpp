@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "foundation/qvlb_mem.h"
+#include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_util.h"
 
 namespace {
@@ -32,7 +33,11 @@ namespace {
 
 class ReadGuard {
   public:
-    explicit ReadGuard(qvlb_hashmap_t* m) : m_(m) { pthread_rwlock_rdlock(&m_->lock); }
+    explicit ReadGuard(qvlb_hashmap_t* m) : m_(m) {
+        pthread_rwlock_t* l = &m_->lock;
+        qvlb_spin_then_block([l] { return pthread_rwlock_tryrdlock(l) == 0; },
+                             [l] { pthread_rwlock_rdlock(l); });
+    }
     ~ReadGuard() { pthread_rwlock_unlock(&m_->lock); }
     ReadGuard(const ReadGuard&) = delete;
     ReadGuard& operator=(const ReadGuard&) = delete;
@@ -43,7 +48,11 @@ class ReadGuard {
 
 class WriteGuard {
   public:
-    explicit WriteGuard(qvlb_hashmap_t* m) : m_(m) { pthread_rwlock_wrlock(&m_->lock); }
+    explicit WriteGuard(qvlb_hashmap_t* m) : m_(m) {
+        pthread_rwlock_t* l = &m_->lock;
+        qvlb_spin_then_block([l] { return pthread_rwlock_trywrlock(l) == 0; },
+                             [l] { pthread_rwlock_wrlock(l); });
+    }
     ~WriteGuard() { pthread_rwlock_unlock(&m_->lock); }
     WriteGuard(const WriteGuard&) = delete;
     WriteGuard& operator=(const WriteGuard&) = delete;

@@ -415,10 +415,15 @@ void qv_sdk_log_flush() {
 
 methodPropProperties* ipCallOutSearchUpdate(char* ip_name, int type, node_t* methodHashMapNode) {
     if (empty(ip_name)) return nullptr;
-    methodPropProperties* rec = nullptr;
+    QV_SDK_LOG(2, "Method Called");
+    // A known name (every call but a backend's first) is found without the registry lock.
+    methodPropProperties* rec = getMethodPropFromMethodName(ip_name, methodHashMapNode);
+    if (rec != nullptr) {
+        QV_SDK_LOG(1, "ip_name found in hashmap, ip_name = [%s]", ip_name);
+        return rec;
+    }
     {
         QVMethodHashMapGuard guard;
-        QV_SDK_LOG(2, "Method Called");
         rec = getMethodPropFromMethodName(ip_name, methodHashMapNode);
         if (rec != nullptr) {
             QV_SDK_LOG(1, "ip_name found in hashmap, ip_name = [%s]", ip_name);
