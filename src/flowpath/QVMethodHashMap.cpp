@@ -366,6 +366,44 @@ void sendMethodMetaRecord(const methodPropProperties* m) {
     dumpData(rec, len);
 }
 
+// Flowpaths between reading methodHashMapNode and counting their reference on it. A retired
+// generation is only freed while none is, so no reference is ever counted on freed memory:
+// a flowpath that starts after the sweep's check reads the generation that replaced it.
+int referencesInFlight = 0;
+
+// Counts a reference on the current generation without methodEntryLock (every flowpath takes
+// one, and a lock there would make them queue). *count: the count after this reference.
+node_t* takeCurrentGenerationReference(int* count) {
+    __atomic_add_fetch(&referencesInFlight, 1, __ATOMIC_SEQ_CST);
+    node_t* cur = __atomic_load_n(&methodHashMapNode, __ATOMIC_SEQ_CST);
+    if (cur != nullptr) *count = __atomic_add_fetch(&cur->ref_count, 1, __ATOMIC_RELAXED);
+    __atomic_sub_fetch(&referencesInFlight, 1, __ATOMIC_RELEASE);
+    return cur;
+}
+
+// Gives back a reference the caller holds; never below 0. False when the count was already 0.
+bool dropGenerationReference(node_t* node) {
+    int v = __atomic_load_n(&node->ref_count, __ATOMIC_RELAXED);
+    while (v > 0) {
+        if (__atomic_compare_exchange_n(&node->ref_count, &v, v - 1, true, __ATOMIC_RELEASE,
+                                        __ATOMIC_RELAXED))
+            return true;
+    }
+    return false;
+}
+
+// True once no flowpath is between reading the current generation and counting on it. Waits a
+// few microseconds at most: such a window is a handful of instructions, unless its thread was
+// preempted, and then the sweep is left for the next time.
+bool noReferenceInFlight() {
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    for (int i = 0; i < 1000; i++) {
+        if (__atomic_load_n(&referencesInFlight, __ATOMIC_ACQUIRE) == 0) return true;
+        qvlb_cpu_relax();
+    }
+    return false;
+}
+
 }  // namespace
 
 void getMethodHashMapLock() {
@@ -496,36 +534,31 @@ methodPropProperties* getMethodPropFromMethodName(const char* mName, node_t* nod
 
 void saveNodeAndIncrementMethodRefCount(QVPerThreadData_t* qvTD) {
     if (qvTD == nullptr) return;
-    QVMethodHashMapGuard guard;
-    node_t* cur = methodHashMapNode;
+    int count = 0;
+    node_t* cur = takeCurrentGenerationReference(&count);
     if (cur == nullptr) return;
     qvTD->hasMapNodePtr = cur;
-    cur->ref_count++;
-    if (cur->ref_count >= 100)
+    if (count >= 100)
         QV_TRACE_IF(fpLevel() > 0, kModule, "Info",
-                    "MethodHaspMap Reference count reached 100. [methodHashMapNode->ref_count = %d]",
-                    cur->ref_count);
+                    "MethodHaspMap Reference count reached 100. [methodHashMapNode->ref_count = %d]", count);
 }
 
 void qvDecrementMethodRefCount(node_t* node) {
     if (node == nullptr) return;
-    QVMethodHashMapGuard guard;
-    if (node->ref_count > 0)
-        node->ref_count--;
-    else
+    if (!dropGenerationReference(node))
         QV_TRACE_IF(fpLevel() > 0, kModule, "Error", "Reference count of method hash map %p is already 0",
                     static_cast<void*>(node));
 }
 
 node_t* switchToCurrentMethodHashMapNode(QVPerThreadData_t* qvTD) {
-    QVMethodHashMapGuard guard;
-    node_t* cur = methodHashMapNode;
+    node_t* cur = qv_load_acquire(methodHashMapNode);
     if (qvTD == nullptr || cur == nullptr || qvTD->hasMapNodePtr == cur) return cur;
-    if (qvTD->hasMapNodePtr != nullptr && qvTD->hasMapNodePtr->ref_count > 0)
-        qvTD->hasMapNodePtr->ref_count--;
-    qvTD->hasMapNodePtr = cur;
-    cur->ref_count++;
-    return cur;
+    int count = 0;
+    node_t* taken = takeCurrentGenerationReference(&count);
+    if (taken == nullptr) return nullptr;
+    if (qvTD->hasMapNodePtr != nullptr) dropGenerationReference(qvTD->hasMapNodePtr);
+    qvTD->hasMapNodePtr = taken;
+    return taken;
 }
 
 void resetmethodHashMapNode(node_t* node, int type) {
@@ -571,7 +604,7 @@ int makeHashmapCopyAndaddToLL(int type) {
     resetmethodHashMapNode(node, type);
     cur->timeStamp = my_gettimeofday();
     addNodeToLinklist(cur);
-    qv_store_release(methodHashMapNode, node);
+    __atomic_store_n(&methodHashMapNode, node, __ATOMIC_SEQ_CST);  // see takeCurrentGenerationReference
     methodHashMapNodeTemp = nullptr;
     QV_TRACE_IF(fpLevel() > 1, kModule, "Info", "Added to linklist and make copy., methodHashMapNode = %p",
                 static_cast<void*>(node));
@@ -596,20 +629,24 @@ int checkAndDeleteNode() {
         QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "Linklist is empty. hence retuning");
         return 0;
     }
+    if (!noReferenceInFlight()) {
+        QV_TRACE_IF(fpLevel() > 2, kModule, "Info",
+                    "A flowpath is taking a generation; sweep left for later");
+        return 0;
+    }
     int freed = 0;
     node_t* prev = nullptr;
     node_t* n = head;
     while (n != nullptr) {
         node_t* next = n->next;
-        if (n->ref_count == 0) {
+        if (__atomic_load_n(&n->ref_count, __ATOMIC_ACQUIRE) == 0) {
             if (prev == nullptr)
                 head = next;
             else
                 prev->next = next;
             if (tail == n) tail = prev;
             QV_TRACE_IF(fpLevel() > 2, kModule, "Info",
-                        "Node removed from linklist. [node = %p, ref_count = %d]", static_cast<void*>(n),
-                        n->ref_count);
+                        "Node removed from linklist. [node = %p, ref_count = %d]", static_cast<void*>(n), 0);
             freeGeneration(n);
             retiredCount--;
             freed++;

@@ -67,7 +67,7 @@ struct methodPropProperties {
 struct node_t {
     apr_hash_t* ptr;          // methods from the instrumentation profile, by name
     apr_hash_t* dynamic_ptr;  // every method known to this generation, by methodName
-    int ref_count;            // flowpaths holding this generation
+    int ref_count;            // flowpaths holding this generation (atomic operations only)
     char type;                // 1: owns its maps (freed with the node)
     long long timeStamp;      // wall clock (ms) when retired
     node_t* next;             // next retired generation
@@ -168,17 +168,18 @@ methodPropProperties* updateMethodHashMap(const char* backendName, int isEntryPo
                                           node_t* node);
 #define QV_METHOD_META_NAME_MAX 4000
 
-// Under the lock: qvTD->hasMapNodePtr = current generation, whose ref_count is incremented.
+// qvTD->hasMapNodePtr = current generation, whose ref_count is incremented (atomically, without
+// the lock: every flowpath start comes here).
 // Logs "MethodHaspMap Reference count reached 100. ..." at 100 references and more. Null qvTD
 // or no generation: nothing.
 void saveNodeAndIncrementMethodRefCount(QVPerThreadData_t* qvTD);
 
-// Under the lock: decrements node's ref_count (never below 0; an unbalanced call is logged).
+// Decrements node's ref_count atomically (never below 0; an unbalanced call is logged).
 // Pass the generation the flowpath holds (qvTD->hasMapNodePtr). Null: nothing.
 void qvDecrementMethodRefCount(node_t* node);
 
-// Under the lock: moves qvTD's reference from its generation to the current one (decrement the
-// old, increment the new, hasMapNodePtr updated) and returns the current generation. For a
+// Moves qvTD's reference from its generation to the current one (increment the new, decrement
+// the old, hasMapNodePtr updated; atomically, without the lock) and returns that generation. For a
 // flowpath that finds its generation stale. A record without a generation just takes one.
 node_t* switchToCurrentMethodHashMapNode(QVPerThreadData_t* qvTD);
 
@@ -195,7 +196,8 @@ int makeHashmapCopyAndaddToLL(int type);
 void resetmethodHashMapNode(node_t* node, int type);
 
 // Under the lock: unlinks and frees every retired generation whose ref_count is 0 (maps freed
-// when its type is 1). Returns the number of generations freed.
+// when its type is 1). Returns the number of generations freed. Frees nothing (and returns 0)
+// while a flowpath is in the middle of taking its reference: the next sweep frees them.
 int checkAndDeleteNode();
 
 // 1 when the retired list is not empty, else 0. Under the lock.

@@ -42,10 +42,7 @@ class Registry : public ::testing::Test {
         std::string n = name;
         return searchAndUpdateMethodHashMap(n.data(), nullptr, 0, 0, static_cast<int>(n.size() + 1));
     }
-    static int refCount(node_t* n) {
-        QVMethodHashMapGuard g;
-        return n->ref_count;
-    }
+    static int refCount(node_t* n) { return __atomic_load_n(&n->ref_count, __ATOMIC_RELAXED); }
     std::unique_ptr<TempAgentHome> home_;
 };
 
@@ -512,6 +509,41 @@ TEST(RegistryConcurrency, LockFreeLookupsRaceInsertsAndGenerationChanges) {
     EXPECT_EQ(qv_load(methodId), QV_FIRST_METHOD_ID + 1 + kKnown + kNew);
     checkAndDeleteNode();
     EXPECT_EQ(checkForLinkList(), 0);
+    qvMethodRegistryResetForTest();
+    qv_agent_reset_for_test();
+}
+
+// Flowpaths take and give back generation references without the lock while generations are
+// retired and swept: no reference lands on a freed generation (the sanitizers watch), counts
+// balance, and once every flowpath has ended one sweep frees every retired generation.
+TEST(RegistryConcurrency, ReferencesTakenWithoutTheLockRaceSweeps) {
+    TempAgentHome home;
+    agent_init("reftest", 0, "reftest", nullptr);
+    ASSERT_EQ(initMethodRegistry(), 0);
+    constexpr int kFlowpaths = 3, kRounds = 20000;
+    std::atomic<int> running{kFlowpaths};
+    std::vector<std::thread> flowpaths;
+    for (int t = 0; t < kFlowpaths; t++)
+        flowpaths.emplace_back([&] {
+            auto fp = std::make_unique<QVPerThreadData_t>();
+            for (int i = 0; i < kRounds; i++) {
+                saveNodeAndIncrementMethodRefCount(fp.get());
+                if (i % 16 == 0) switchToCurrentMethodHashMapNode(fp.get());
+                qvDecrementMethodRefCount(fp->hasMapNodePtr);
+            }
+            running--;
+        });
+    int retired = 0;
+    while (running.load() > 0) {
+        if (makeHashmapCopyAndaddToLL(2) == 0) retired++;
+        checkAndDeleteNode();
+    }
+    for (auto& f : flowpaths) f.join();
+    EXPECT_GT(retired, 0);
+    checkAndDeleteNode();
+    EXPECT_EQ(checkForLinkList(), 0);
+    EXPECT_EQ(getRetiredMethodHashMapCount(), 0);
+    EXPECT_EQ(__atomic_load_n(&methodHashMapNode->ref_count, __ATOMIC_RELAXED), 0);
     qvMethodRegistryResetForTest();
     qv_agent_reset_for_test();
 }
