@@ -396,9 +396,10 @@ bool dropGenerationReference(node_t* node) {
 // few microseconds at most: such a window is a handful of instructions, unless its thread was
 // preempted, and then the sweep is left for the next time.
 bool noReferenceInFlight() {
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
     for (int i = 0; i < 1000; i++) {
-        if (__atomic_load_n(&referencesInFlight, __ATOMIC_ACQUIRE) == 0) return true;
+        // A read-modify-write, not a plain load: it is ordered with the flowpaths' sequentially
+        // consistent steps, so one that is not counted here reads the new generation.
+        if (__atomic_fetch_add(&referencesInFlight, 0, __ATOMIC_SEQ_CST) == 0) return true;
         qvlb_cpu_relax();
     }
     return false;
