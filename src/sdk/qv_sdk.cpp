@@ -416,23 +416,24 @@ void qv_sdk_log_flush() {
 methodPropProperties* ipCallOutSearchUpdate(char* ip_name, int type, node_t* methodHashMapNode) {
     if (empty(ip_name)) return nullptr;
     QV_SDK_LOG(2, "Method Called");
-    // A known name (every call but a backend's first) is found without the registry lock.
+    // A known name (every call but a backend's first) is found without the registry lock; the
+    // test and the insert of a new one form one step under it.
     methodPropProperties* rec = getMethodPropFromMethodName(ip_name, methodHashMapNode);
-    if (rec != nullptr) {
-        QV_SDK_LOG(1, "ip_name found in hashmap, ip_name = [%s]", ip_name);
-        return rec;
-    }
-    {
+    bool added = false;
+    if (rec == nullptr) {
         QVMethodHashMapGuard guard;
         rec = getMethodPropFromMethodName(ip_name, methodHashMapNode);
-        if (rec != nullptr) {
-            QV_SDK_LOG(1, "ip_name found in hashmap, ip_name = [%s]", ip_name);
-            return rec;
+        if (rec == nullptr) {
+            QV_SDK_LOG(1, "Adding ip_name = [%s], to hashmap", ip_name);
+            rec = updateMethodHashMap(ip_name, 0, 0, methodHashMapNode);
+            if (rec == nullptr) return nullptr;
+            qv_store(rec->type, static_cast<char>(type));
+            added = true;
         }
-        QV_SDK_LOG(1, "Adding ip_name = [%s], to hashmap", ip_name);
-        rec = updateMethodHashMap(ip_name, 0, 0, methodHashMapNode);
-        if (rec == nullptr) return nullptr;
-        qv_store(rec->type, static_cast<char>(type));
+    }
+    if (!added) {
+        QV_SDK_LOG(1, "ip_name found in hashmap, ip_name = [%s]", ip_name);
+        return rec;
     }
     // Outside the registry lock: the backend monitor takes its own lock.
     QV_SDK_LOG(1, "Going to increament backend data array");
