@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <cstring>
+#include <new>
+#include <unordered_map>
 
 #include "bt/QVBTMonitorDataCounters.h"
 #include "bt/QVMonitorCommon.h"
@@ -39,6 +41,15 @@ constexpr int kChunkModels = 4096;
 constexpr int kMaxChunks = 4096;  // 16 M models; registration fails beyond
 QVMonitorDataModel** registeredChunks[kMaxChunks];
 int registeredCount = 0;
+
+// Next "#k" to try per thread identifier, so that the thousandth record sharing a number is
+// registered without probing the keys of the 999 before it. Under the registry lock; emptied with
+// the registry. Only a hint: the key is still checked before use. Never destroyed, as agent
+// threads may still register while the process exits.
+std::unordered_map<long long, int>& keySuffixes() {
+    static auto* map = new std::unordered_map<long long, int>;
+    return *map;
+}
 
 // Slot for registration number i, allocating its chunk when needed. Caller holds the registry lock.
 bool reserveRegisteredSlot(int i) {
@@ -135,9 +146,20 @@ bool registerModel(long long threadId, QVMonitorDataModel* m) {
     char key[48];
     snprintf(key, sizeof(key), "%lld", threadId);
     // A number already taken by an earlier block's record: keep both models under distinct keys.
-    for (int k = 2; search_hashmap(map, key) != nullptr; k++)
-        snprintf(key, sizeof(key), "%lld#%d", threadId, k);
+    int* hint = nullptr;
+    try {
+        hint = &keySuffixes().try_emplace(threadId, 2).first->second;
+    } catch (const std::bad_alloc&) {
+        // Without the hint the keys are probed from "#2".
+    }
+    int k = hint != nullptr ? *hint : 2;
+    if (search_hashmap(map, key) != nullptr) {
+        do
+            snprintf(key, sizeof(key), "%lld#%d", threadId, k++);
+        while (search_hashmap(map, key) != nullptr);
+    }
     if (modify_hashmap(map, key, m) != 0) return false;
+    if (hint != nullptr) *hint = k;
     allModels[allModelCount++] = m;
     qv_store_release(registeredChunks[registeredCount / kChunkModels][registeredCount % kChunkModels], m);
     qv_store_release(registeredCount, registeredCount + 1);
@@ -255,6 +277,7 @@ void destroyQVMonitorDataModel() {
         return;
     }
     clear_hashmap(map);
+    keySuffixes().clear();
     qv_store_release(registeredCount, 0);
     QV_TRACE_IF(methodLevel() > 0, "METHOD_MON", "Info", "Sucessfully destroyed the MonitorDataModel. %p",
                 static_cast<void*>(map));
@@ -334,6 +357,7 @@ void qvMonitorDataModelResetForTest() {
         registeredChunks[c] = nullptr;
     }
     registeredCount = 0;
+    keySuffixes().clear();
     destroy_hashmap(registry());
     qv_store_release(threadBasedModelMap, static_cast<qvlb_hashmap_t*>(nullptr));
 }

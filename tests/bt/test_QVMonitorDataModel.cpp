@@ -153,10 +153,26 @@ TEST_F(MonitorModelTest, RepeatedThreadIdsKeepEveryModelAndLookupAttachesTheFirs
     EXPECT_NE(fresh.tlMonitorDataModel, nullptr);
     EXPECT_EQ(qvMonitorModelCount(), 129);
     EXPECT_EQ(checkAndInitMonitorDataModel(nullptr), -1);
+    {
+        // A third use of the same numbers gets keys of its own too.
+        QVLockGuard guard(tlsMutex);
+        ASSERT_NE(create_tls_pool(10), nullptr);
+    }
+    EXPECT_EQ(qvMonitorModelCount(), 129 + QV_TLS_POOL_BLOCK);
 
     destroyQVMonitorDataModel();
     EXPECT_EQ(qvMonitorModelCount(), 0);
     destroyQVMonitorDataModel();  // empty: logged, nothing else
+    // An emptied registry hands out the same keys again.
+    QVPerThreadData_t again[2]{};
+    again[0].tlThreadId = again[1].tlThreadId = 11;
+    initQVMonitorDataModel(&again[0]);
+    initQVMonitorDataModel(&again[1]);
+    EXPECT_EQ(qvMonitorModelCount(), 2);
+    QVPerThreadData_t lookup{};
+    lookup.tlThreadId = 11;
+    EXPECT_EQ(checkAndInitMonitorDataModel(&lookup), 0);
+    EXPECT_EQ(lookup.tlMonitorDataModel, again[0].tlMonitorDataModel);
 }
 
 TEST_F(MonitorModelTest, GrownBlockIsNumberedLockedAndItsModelsRegisteredAfterTheTake) {
