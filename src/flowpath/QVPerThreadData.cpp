@@ -251,11 +251,13 @@ QVPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt) {
     QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method Exit, gFreeTLSCnt=%d, tls_pool=%p", gFreeTLSCnt,
                 static_cast<void*>(pool));
     if (tlDeferRegistration) {
+        // Both wait for tlsMutex to be released: waking the reserve's thread here could hand it
+        // the CPU while every other request waits for the lock.
         tlPendingRegistration = {pool, toRegister};
     } else {
         qvTlsRegisterBlockModels(pool, toRegister);
+        qvTlsPoolReserveRequest();
     }
-    qvTlsPoolReserveRequest();
     return pool;
 }
 
@@ -283,9 +285,9 @@ QVPerThreadData_t* get_free_tls_slot() {
     if (tlPendingRegistration.pool != nullptr) {
         const PendingRegistration pending = tlPendingRegistration;
         tlPendingRegistration = {nullptr, 0};
-        // The reserve's thread registers them at its lower priority; this call then returns at
-        // once.
-        if (!qvTlsPoolReserveRegisterLater(pending.pool, pending.slots))
+        // The reserve's thread registers them at its lower priority and makes the next block;
+        // this call then returns at once.
+        if (!qvTlsPoolReserveRequest(pending.pool, pending.slots))
             qvTlsRegisterBlockModels(pending.pool, pending.slots);
     }
     QV_TRACE_IF(grewAtBusyCount >= 0, kModule, "Info",

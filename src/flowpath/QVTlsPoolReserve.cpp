@@ -46,6 +46,16 @@ Reserve& reserve() {
     return *r;
 }
 
+// Takes r.lock if it comes free within a short spin. Application threads never sleep on it: the
+// reserve's thread runs at a lower priority and could keep them waiting.
+bool lockBriefly(std::unique_lock<std::mutex>& lk) {
+    for (int round = 0; round < 32; round++) {
+        if (lk.try_lock()) return true;
+        for (int i = 0; i < (1 << (round < 6 ? round : 6)); i++) qvlb_cpu_relax();
+    }
+    return false;
+}
+
 bool build(QVTlsPreparedBlock* b) {
     memset(b, 0, sizeof(*b));
     const int proxyMode = tlsPoolProxyMode();
@@ -61,9 +71,12 @@ bool build(QVTlsPreparedBlock* b) {
             qvlb_create_nested_mutex(&slot->updateBTLock, nullptr);
         }
         if (b->withModels) b->models[i] = qvFlowpathPoolHooks.createMonitorDataModel();
-        // Fault in the page the linking step writes, here rather than under tlsMutex.
+        // Fault in the pages that linking and a transaction's start and end write, here rather
+        // than in a request (under tlsMutex, for the linking).
         slot->busy_next = nullptr;
         slot->tlsIdx = 0;
+        resetAllThreadLocals(slot, nullptr);
+        slot->sequenceBlob[0] = '\0';
     }
     return true;
 }
@@ -128,8 +141,8 @@ void forgetParentThread(Reserve& r) {
 bool qvTlsPoolReserveTake(QVTlsPreparedBlock* out) {
     if (out == nullptr) return false;
     Reserve& r = reserve();
-    std::unique_lock<std::mutex> lk(r.lock, std::try_to_lock);
-    if (!lk.owns_lock()) return false;
+    std::unique_lock<std::mutex> lk(r.lock, std::defer_lock);
+    if (!lockBriefly(lk)) return false;
     forgetParentThread(r);
     if (!r.hasReady) return false;
     *out = r.ready;
@@ -137,41 +150,38 @@ bool qvTlsPoolReserveTake(QVTlsPreparedBlock* out) {
     return true;
 }
 
-void qvTlsPoolReserveRequest() {
+bool qvTlsPoolReserveRequest(QVPerThreadData_t* pool, uint64_t slots) {
     Reserve& r = reserve();
-    std::unique_lock<std::mutex> lk(r.lock, std::try_to_lock);
-    if (!lk.owns_lock()) return;
-    forgetParentThread(r);
-    if (r.stopping) return;
-    if (r.thread == nullptr) {
-        try {
-            r.thread = new std::thread(run);
-            r.owner = getpid();
-        } catch (const std::exception&) {
-            QV_TRACE_IF(true, "MEMORY", "Error", "Could not start the record reserve thread");
-            return;
+    bool taken = pool == nullptr;
+    {
+        std::unique_lock<std::mutex> lk(r.lock, std::defer_lock);
+        if (!lockBriefly(lk)) return pool == nullptr;
+        forgetParentThread(r);
+        if (r.stopping) return pool == nullptr;
+        if (r.thread == nullptr) {
+            try {
+                r.thread = new std::thread(run);
+                r.owner = getpid();
+            } catch (const std::exception&) {
+                QV_TRACE_IF(true, "MEMORY", "Error", "Could not start the record reserve thread");
+                return pool == nullptr;
+            }
+        }
+        r.wanted = true;
+        if (pool != nullptr && r.pendingCount < Reserve::kPendingMax) {
+            r.pending[r.pendingCount++] = {pool, slots};
+            taken = true;
         }
     }
-    r.wanted = true;
+    // Woken once the lock is free, so it does not run only to wait for it.
     r.wake.notify_one();
+    return taken;
 }
 
 void qvTlsRegisterBlockModels(QVPerThreadData_t* pool, uint64_t slots) {
     if (pool == nullptr || qvFlowpathPoolHooks.registerMonitorDataModel == nullptr) return;
     for (int i = 0; i < QV_TLS_POOL_BLOCK; i++)
         if ((slots >> i) & 1) qvFlowpathPoolHooks.registerMonitorDataModel(&pool[i]);
-}
-
-bool qvTlsPoolReserveRegisterLater(QVPerThreadData_t* pool, uint64_t slots) {
-    if (pool == nullptr) return true;
-    Reserve& r = reserve();
-    std::unique_lock<std::mutex> lk(r.lock, std::try_to_lock);
-    if (!lk.owns_lock()) return false;
-    forgetParentThread(r);
-    if (r.thread == nullptr || r.stopping || r.pendingCount == Reserve::kPendingMax) return false;
-    r.pending[r.pendingCount++] = {pool, slots};
-    r.wake.notify_one();
-    return true;
 }
 
 void qvTlsPoolReserveStop() {

@@ -18,23 +18,20 @@ struct QVTlsPreparedBlock {
     bool withModels;
 };
 
-// Takes the ready block into *out. Never waits: returns false when none is ready or the reserve is
-// busy handing one over. The caller owns the block afterwards.
+// Takes the ready block into *out. Never sleeps: returns false when none is ready or the reserve
+// stays busy for more than a short spin. The caller owns the block afterwards.
 bool qvTlsPoolReserveTake(QVTlsPreparedBlock* out);
 
 // Asks for the next block, starting the background thread on first use (and again in a forked
-// child, which has no copy of it). Never waits for the block.
-void qvTlsPoolReserveRequest();
+// child, which has no copy of it), and, when pool is given, hands it the registration of that
+// linked block's models (slot i of pool when bit i of slots is set). Never sleeps and never waits
+// for the block. Returns false when a registration was not taken (the thread cannot run, its
+// queue is full or it stayed busy); the caller then registers the models itself.
+bool qvTlsPoolReserveRequest(QVPerThreadData_t* pool = nullptr, uint64_t slots = 0);
 
 // Registers the models stored in slot i of pool for every bit i set in slots, through
 // qvFlowpathPoolHooks. Thread-safe; null pool does nothing.
 void qvTlsRegisterBlockModels(QVPerThreadData_t* pool, uint64_t slots);
-
-// Hands the registration of a linked block's models (slot i of pool when bit i of slots is set)
-// to the background thread, which registers them through qvFlowpathPoolHooks. Never waits:
-// returns false when the thread is not running or its queue is full or busy; the caller then
-// registers them itself.
-bool qvTlsPoolReserveRegisterLater(QVPerThreadData_t* pool, uint64_t slots);
 
 // Stops and joins the background thread, registers what it had not registered yet and frees a
 // block still unused. The next request starts

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "foundation/qvlb_mem.h"
+#include "foundation/qvlb_mutex.h"
 #include "sdk/qv_sdk.h"
 
 namespace {
@@ -158,7 +159,10 @@ bool qvSdkLogWriterOpen(FILE* fp) {
 
 QVSdkLogAppend qvSdkLogWriterAppend(const char* line, size_t len) {
     Writer& w = writer();
-    std::unique_lock<std::mutex> lk(w.stage);
+    // Every application thread appends here several times per request: spin briefly rather than
+    // sleep on a lock held for one memcpy.
+    std::unique_lock<std::mutex> lk(w.stage, std::defer_lock);
+    qvlb_spin_then_block([&] { return lk.try_lock(); }, [&] { lk.lock(); });
     if (w.fp == nullptr) return QVSdkLogAppend::NotOpen;
     if (w.bufs[0] == nullptr) {
         // No staging memory: write through, as a plain stream would.
@@ -177,6 +181,8 @@ QVSdkLogAppend qvSdkLogWriterAppend(const char* line, size_t len) {
     used += len;
     if (!w.signalled && used >= QV_SDK_LOG_STAGE_BYTES / 2) {
         w.signalled = true;
+        // Woken after the lock is released, so that it does not take the CPU only to wait for it.
+        lk.unlock();
         w.wake.notify_one();
     }
     return QVSdkLogAppend::Written;
