@@ -4,7 +4,10 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
@@ -44,6 +47,25 @@ Writer& writer() {
     return *w;
 }
 
+// Writes whole lines with one write() where the stream has a descriptor: a process forked after
+// the log was opened shares the file's offset, and a write that stdio split in two would let the
+// other process's lines land in the middle of a line.
+void writeLines(FILE* fp, const char* p, size_t n) {
+    const int fd = fileno(fp);
+    if (fd < 0) {
+        fwrite(p, 1, n, fp);
+        return;
+    }
+    fflush(fp);  // anything written through the stream itself goes first
+    while (n > 0) {
+        const ssize_t k = write(fd, p, n);
+        if (k < 0 && errno == EINTR) continue;
+        if (k <= 0) return;  // a full disk: the lines are lost, as with a failed fwrite
+        p += k;
+        n -= static_cast<size_t>(k);
+    }
+}
+
 // Swaps the buffers and writes the one that was being filled, outside the staging lock, so
 // appends go on meanwhile. Caller holds io.
 void drainLocked(Writer& w) {
@@ -62,12 +84,14 @@ void drainLocked(Writer& w) {
         w.droppedReported = w.dropped;
     }
     if (fp == nullptr) return;
-    if (n > 0) fwrite(w.bufs[idx], 1, n, fp);
+    if (n > 0) writeLines(fp, w.bufs[idx], n);
     if (newlyDropped > 0) {
-        char t[21];
+        char t[21], line[256];
         qv_sdk_log_time(t, sizeof(t));
-        fprintf(fp, "%s |%d |ERROR |%s : %d |%lld log lines dropped: the disk did not keep up\n", t,
-                static_cast<int>(getpid()), __func__, __LINE__, newlyDropped);
+        const int len = snprintf(line, sizeof(line),
+                                 "%s |%d |ERROR |%s : %d |%lld log lines dropped: the disk did not keep up\n", t,
+                                 static_cast<int>(getpid()), __func__, __LINE__, newlyDropped);
+        if (len > 0) writeLines(fp, line, std::min(static_cast<size_t>(len), sizeof(line) - 1));
     }
     fflush(fp);
     std::lock_guard<std::mutex> lk(w.stage);

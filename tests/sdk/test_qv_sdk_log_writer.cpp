@@ -151,6 +151,7 @@ TEST(SdkLogWriter, ForkWhileThreadsLogLeavesBothProcessesLogging) {
             children++;
             continue;
         }
+        if (l.find("log lines dropped") != std::string::npos) continue;  // the threads outran the disk
         ASSERT_EQ(sscanf(l.c_str(), "t%d line %d", &t, &i), 2) << l;
         // Lines may be dropped when the buffers fill, never repeated or reordered.
         EXPECT_GE(i, next[t]) << "thread " << t;
