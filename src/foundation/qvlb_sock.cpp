@@ -277,6 +277,14 @@ int qvlb_send_n_bytes(apr_socket_t* sock, const char* buf, int len, char* err_bu
         set_msg(err_buf, err_len, "Socket not open");
         return -2;
     }
+    // A peer that has gone (a collector killed, say) still lets the first send succeed: the
+    // kernel queues the bytes and only its reset tells us, so they would be lost unseen. The
+    // caller keeps them when the send fails here.
+    pollfd gone{fd, POLLRDHUP, 0};
+    if (poll(&gone, 1, 0) > 0 && (gone.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
+        set_msg(err_buf, err_len, "Connection closed by peer");
+        return -2;
+    }
     size_t sent = 0;
     const size_t total = static_cast<size_t>(len);
     while (sent < total) {
