@@ -173,7 +173,7 @@ struct CallStats {
     long long totalNs[kCalls] = {};
     long long maxNs[kCalls] = {};
     long long over1ms[kCalls] = {};
-    long long maxAtMs[kCalls] = {};  // when the slowest call started (steady clock)
+    long long maxAtMs[kCalls] = {};       // when the slowest call started (steady clock)
     long long maxBlockedNs[kCalls] = {};  // time asleep in a call
     long long blockedOver1ms[kCalls] = {};
 

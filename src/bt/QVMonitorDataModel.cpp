@@ -154,8 +154,7 @@ bool registerModel(long long threadId, QVMonitorDataModel* m) {
     }
     int k = hint != nullptr ? *hint : 2;
     if (search_hashmap(map, key) != nullptr) {
-        do
-            snprintf(key, sizeof(key), "%lld#%d", threadId, k++);
+        do snprintf(key, sizeof(key), "%lld#%d", threadId, k++);
         while (search_hashmap(map, key) != nullptr);
     }
     if (modify_hashmap(map, key, m) != 0) return false;

@@ -89,8 +89,8 @@ void drainLocked(Writer& w) {
         char t[21], line[256];
         qv_sdk_log_time(t, sizeof(t));
         const int len = snprintf(line, sizeof(line),
-                                 "%s |%d |ERROR |%s : %d |%lld log lines dropped: the disk did not keep up\n", t,
-                                 static_cast<int>(getpid()), __func__, __LINE__, newlyDropped);
+                                 "%s |%d |ERROR |%s : %d |%lld log lines dropped: the disk did not keep up\n",
+                                 t, static_cast<int>(getpid()), __func__, __LINE__, newlyDropped);
         if (len > 0) writeLines(fp, line, std::min(static_cast<size_t>(len), sizeof(line) - 1));
     }
     fflush(fp);
