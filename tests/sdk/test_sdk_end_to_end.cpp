@@ -2,44 +2,17 @@
 // loopback listener standing in for the collector. Expected records are written out by hand from
 // the record formats; "{T}" marks a wall-clock millisecond value (the SDK's start time of 0 makes
 // flowpath times come out as the wall clock) and "{D}" a callout duration.
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
-#include <cstring>
-#include <filesystem>
 #include <map>
-#include <memory>
-#include <regex>
 #include <set>
-#include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "backend/QVBackendMonitor.h"
-#include "bt/QVBTManager.h"
 #include "bt/QVBTRuleReader.h"
-#include "bt/QVMonitorCommon.h"
-#include "bt/QVMonitorDataModel.h"
-#include "collector/QVCServerConfig.h"
-#include "collector/QVDataDispatcher.h"
-#include "collector/Server.h"
-#include "collector/control_thread.h"
 #include "core/QVConfig.h"
-#include "core/qv_agent.h"
-#include "flowpath/QVFlowpathGenerator.h"
-#include "flowpath/QVMethodHashMap.h"
-#include "flowpath/QVPerThreadData.h"
-#include "flowpath/QVSQLProcessor.h"
-#include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_util.h"
-#include "mm/QVMethodMonitor.h"
-#include "sdk/qv_sdk.h"
+#include "sdk/sdk_fixture.h"
 #include "support/loopback_peer.h"
-#include "support/temp_home.h"
 
 namespace {
 
@@ -78,25 +51,12 @@ std::string matchTemplate(const std::string& tmpl, const std::string& got, long 
     return "";
 }
 
-std::vector<std::string> splitLines(const std::string& text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string l; std::getline(in, l);) out.push_back(l);
-    return out;
-}
-
-class SdkEndToEnd : public ::testing::Test {
+class SdkEndToEnd : public SdkFixture {
   protected:
     void SetUp() override {
-        home_ = std::make_unique<TempAgentHome>();
-        std::filesystem::create_directories(home_->path() + "logs");
-        qv_init_internal(0);
+        SdkFixture::SetUp();
+        ASSERT_NO_FATAL_FAILURE(startSdk());
         app_ = qvApplication;
-        ASSERT_NE(app_, nullptr);
-        // No collector answers here: the control thread is stopped, the data thread is driven
-        // directly against the loopback listener.
-        qv_agent_shutdown();
-        qv_store(qvAgentStopping, 0);
         QVSys_t& s = app_->QVSys;
         // Ids 1000 + the counter value: computable by hand.
         qv_store(s.flowPathInstanceInitialID, 1000LL);
@@ -110,32 +70,13 @@ class SdkEndToEnd : public ::testing::Test {
         qv_store(app_->Server.korEpochDiffTime, 0LL);
         qv_store(dataConnRetryIntervalMs, 200);
     }
-
-    void TearDown() override {
-        qv_agent_shutdown();
-        qv_data_dispatcher_reset_for_test();
+    void afterDataStop() override {
         peer_.stop();
         if (connected_) {  // the list points at server_, which is not the module's to free
             qvc_server_arr = nullptr;
             server_arr_size = 0;
             active_qvc_idx = 0;
         }
-        control_thread_reset_for_test();
-        server_reset_for_test();
-        qvc_server_config_reset_for_test();
-        qv_sdk_reset_for_test();
-        qvMethodMonitorResetForTest();
-        qvBackendMonitorResetForTest();
-        qvSQLProcessorResetForTest();
-        qvbt_manager_reset_for_test();
-        qvMonitorDataModelResetForTest();
-        qvMonitorCommonResetForTest();
-        qvFlowpathGeneratorResetForTest();
-        qv_flowpath_pool_reset_for_test();
-        qvMethodRegistryResetForTest();
-        qvAgentHooks = QVAgentHooks{};
-        qv_agent_reset_for_test();
-        home_.reset();
     }
 
     // Points the collector list at the listener, marks the test run running and starts the
@@ -163,15 +104,10 @@ class SdkEndToEnd : public ::testing::Test {
     // Waits until at least n bytes of records arrived, then checks them against tmpl.
     void expectRecords(const std::string& tmpl, long long t0, long long t1) {
         // Every "{T}" is 13 digits today; "{D}" at least one.
-        size_t minLen = 0;
-        for (size_t i = 0; i < tmpl.size(); ++i) {
-            if (tmpl.compare(i, 3, "{T}") == 0)
-                minLen += 13, i += 2;
-            else if (tmpl.compare(i, 3, "{D}") == 0)
-                minLen += 1, i += 2;
-            else
-                ++minLen;
-        }
+        const size_t minLen =
+            std::regex_replace(std::regex_replace(tmpl, std::regex(R"(\{T\})"), std::string(13, '0')),
+                               std::regex(R"(\{D\})"), "0")
+                .size();
         const int records = static_cast<int>(std::count(tmpl.begin(), tmpl.end(), '\n'));
         peer_.waitFor(
             [&] {
@@ -185,19 +121,9 @@ class SdkEndToEnd : public ::testing::Test {
         EXPECT_EQ(matchTemplate(tmpl, got, t0, t1), "") << "got:\n" << got << "\nexpected:\n" << tmpl;
     }
 
-    std::string sdkLog() const {
-        qv_sdk_log_flush();
-        qvSDKLog* rec = qv_sdk_log;
-        return rec != nullptr ? home_->read(std::string(rec->file_name[0]).substr(home_->path().size())) : "";
-    }
-    bool logHas(const std::string& re) const {
-        std::regex r(re);
-        for (const std::string& l : splitLines(sdkLog()))
-            if (std::regex_search(l, r)) return true;
-        return false;
-    }
+    // Whether a line of the SDK log contains a match of the regex.
+    static bool logHas(const std::string& re) { return hasLine(".*" + re); }
 
-    std::unique_ptr<TempAgentHome> home_;
     QVProxyInstance_t* app_ = nullptr;
     LoopbackPeer peer_;
     qvc_servers server_{};
@@ -258,24 +184,22 @@ TEST_F(SdkEndToEnd, TransactionWithMethodsDatabaseAndNestedHttpCallouts) {
     // The record stays busy after the end (only a reset or test stop gives it back).
     EXPECT_GE(qv_load(gBusyTLSCnt), 1);
 
-    // Log lines of the calls, with their levels.
-    EXPECT_TRUE(logHas(
-        R"(\|INFO \|qv_bt_begin : \d+ \|Method Called, bt_name = \[/shop/cart\], correlation_header = \[\(nil\)\]$)"));
-    EXPECT_TRUE(logHas(R"(\|DEBUG \|qv_bt_begin : \d+ \|Method End, bt_handle = \[0x[0-9a-f]+\]$)"));
-    EXPECT_TRUE(logHas(
-        R"(\|INFO \|qv_method_entry : \d+ \|Method Called, bt_handle = \[0x[0-9a-f]+\], method = \[A\]$)"));
-    EXPECT_TRUE(logHas(R"(\|DEBUG \|qv_ip_db_callout_begin : \d+ \|curTimeStampMS = \[\d{13}\]$)"));
-    EXPECT_TRUE(logHas(
-        R"(\|DEBUG \|qv_ip_db_callout_end : \d+ \|myGettimeofday = \[\d{13}\], curTimeStampMS = \[\d{13}\], duration = \[\d+\]$)"));
-    EXPECT_TRUE(logHas(R"(\|DEBUG \|qv_ip_db_callout_end : \d+ \|dbBackendId = \[4\]$)"));
-    EXPECT_TRUE(logHas(
-        R"(\|DEBUG \|qv_ip_http_callout_begin : \d+ \|myGettimeofday = \[\d{13}\], curTimeStampMS = \[\d{13}\], httpCallOutDepth = \[2\]$)"));
-    EXPECT_TRUE(logHas(R"(\|DEBUG \|qv_ip_http_callout_begin : \d+ \|Method end, mPP = \[0x[0-9a-f]+\]$)"));
-    EXPECT_TRUE(logHas(
-        R"(\|DEBUG \|qv_ip_http_callout_end : \d+ \|qvTD->seqNum = \[5\], httpCallOutDepth = \[1\]$)"));
-    EXPECT_TRUE(logHas(
-        R"(\|DEBUG \|ipCallOutSearchUpdate : \d+ \|ip_name found in hashmap, ip_name = \[api.host\]$)"));
-    EXPECT_TRUE(logHas(R"(\|INFO \|qv_bt_end : \d+ \|Method Called, bt_handle = \[0x[0-9a-f]+\]$)"));
+    // Log lines of the calls, with their levels (each up to the line's end).
+    for (
+        const char* re : {
+            R"(\|INFO \|qv_bt_begin : \d+ \|Method Called, bt_name = \[/shop/cart\], correlation_header = \[\(nil\)\])",
+            R"(\|DEBUG \|qv_bt_begin : \d+ \|Method End, bt_handle = \[0x[0-9a-f]+\])",
+            R"(\|INFO \|qv_method_entry : \d+ \|Method Called, bt_handle = \[0x[0-9a-f]+\], method = \[A\])",
+            R"(\|DEBUG \|qv_ip_db_callout_begin : \d+ \|curTimeStampMS = \[\d{13}\])",
+            R"(\|DEBUG \|qv_ip_db_callout_end : \d+ \|myGettimeofday = \[\d{13}\], curTimeStampMS = \[\d{13}\], duration = \[\d+\])",
+            R"(\|DEBUG \|qv_ip_db_callout_end : \d+ \|dbBackendId = \[4\])",
+            R"(\|DEBUG \|qv_ip_http_callout_begin : \d+ \|myGettimeofday = \[\d{13}\], curTimeStampMS = \[\d{13}\], httpCallOutDepth = \[2\])",
+            R"(\|DEBUG \|qv_ip_http_callout_begin : \d+ \|Method end, mPP = \[0x[0-9a-f]+\])",
+            R"(\|DEBUG \|qv_ip_http_callout_end : \d+ \|qvTD->seqNum = \[5\], httpCallOutDepth = \[1\])",
+            R"(\|DEBUG \|ipCallOutSearchUpdate : \d+ \|ip_name found in hashmap, ip_name = \[api.host\])",
+            R"(\|INFO \|qv_bt_end : \d+ \|Method Called, bt_handle = \[0x[0-9a-f]+\])",
+        })
+        EXPECT_TRUE(logHas(re)) << re;
 }
 
 TEST_F(SdkEndToEnd, NotCapturedFlowpathKeepsCalloutsAndIsWrittenBecauseSlow) {
@@ -466,7 +390,7 @@ TEST_F(SdkConcurrency, ManyThreadsRunTransactionsAndEveryRecordArrivesWellFormed
     const std::regex logLine(
         R"(\d{2}-[A-Z][a-z]{2}-\d{2} \d{2}:\d{2}:\d{2} \|\d+ \|(DEBUG|INFO|WARNING|CRITICAL|ERROR) \|\w+ : \d+ \|[^|]*)");
     int begins = 0;
-    std::vector<std::string> logLines = splitLines(sdkLog());
+    std::vector<std::string> logLines = splitLines(log());
     ASSERT_FALSE(logLines.empty());
     for (size_t i = 1; i < logLines.size(); ++i) {
         EXPECT_TRUE(std::regex_match(logLines[i], logLine)) << logLines[i];
@@ -474,23 +398,21 @@ TEST_F(SdkConcurrency, ManyThreadsRunTransactionsAndEveryRecordArrivesWellFormed
     }
     EXPECT_EQ(begins, kThreads * kTx);
 
-    auto ends = [&] {
-        std::string r = received();
-        int n = 0;
-        for (const std::string& l : splitLines(r))
-            if (l.rfind("4,", 0) == 0) ++n;
-        return n;
-    };
-    peer_.waitFor([&] { return ends() >= kThreads * kTx; }, kWaitMs);
+    peer_.waitFor(
+        [&] {
+            const std::string r = "\n" + received();
+            int n = 0;
+            for (size_t p = r.find("\n4,"); p != std::string::npos; p = r.find("\n4,", p + 1)) ++n;
+            return n >= kThreads * kTx;
+        },
+        kWaitMs);
 
     std::map<std::string, int> methodIds;  // name -> id from the 5 records
     std::map<int, std::string> bts;        // id -> name from the 7 records
     std::set<std::string> queryIds;
     struct Fp {
-        int headers = 0, ends = 0;
-        bool endLast = true;
+        int headers = 0, ends = 0, bt = -1;
         std::string url, blob;
-        int bt = -1;
     };
     std::map<std::string, Fp> fps;
     const std::regex meta5(R"(5,([^,]+),(\d+))"), meta7(R"(7,(\d+),(.+))"), meta22(R"(22,(\d+),(\d+),(.*))");
