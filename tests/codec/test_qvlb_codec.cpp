@@ -5,7 +5,6 @@
 #include <cstring>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -59,10 +58,7 @@ class Codec : public ::testing::Test {
         memset(&app_, 0, sizeof(app_));
         app_.QVSys.controlTraceLevel = 4;
         qvApplication = &app_;
-        char tmpl[] = "/tmp/qv_codec_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        trace_log_key = qvlb_init_mt_trace_log_ex(dir_.c_str(), "codec", 4, 10);
+        trace_log_key = qvlb_init_mt_trace_log_ex(dir_.path().c_str(), "codec", 4, 10);
     }
     void TearDown() override {
         qvlb_decode_reset_for_test();
@@ -71,14 +67,8 @@ class Codec : public ::testing::Test {
         destroy_hashmap(app_.fpi_tls_map);
         qvlb_trace_log_reset_for_test();
         qvApplication = nullptr;
-        std::filesystem::remove_all(dir_);
     }
-    std::string log() const {
-        std::ifstream in(dir_ + "/codec_0");
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
-    }
+    std::string log() const { return dir_.read("codec_0"); }
     static int count(const std::string& hay, const std::string& needle) {
         int n = 0;
         for (size_t p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + 1)) ++n;
@@ -89,8 +79,8 @@ class Codec : public ::testing::Test {
         ASSERT_EQ(qvlbSetDecodeInstance(0, &app_), 0);
     }
 
+    TempAgentHome dir_;  // the trace log's directory
     QVProxyInstance_t app_;
-    std::string dir_;
 };
 
 }  // namespace
@@ -120,8 +110,6 @@ TEST_F(Codec, FrameBytesAndSizes) {
     EXPECT_EQ(at<int>(none, 14 + 36), 0);
     EXPECT_EQ(at<int>(none, 14 + 40), 0);
     EXPECT_EQ(none[62], '\n');
-    EXPECT_EQ(exitFrame(5, nullptr).size(), 71u);
-    EXPECT_EQ(startFrame(5, nullptr).size(), 63u);
 
     const std::string abc = entryFrame(5, "abc");
     ASSERT_EQ(abc.size(), 67u);
@@ -361,11 +349,11 @@ TEST_F(Codec, RoundTripOfRandomFrames) {
     const std::string before = log();
     decode(stream);
     const std::string after = log().substr(before.size());
-    EXPECT_EQ(count(after, "Message Type 0, Method Entry processed."), perType[0]);
-    EXPECT_EQ(count(after, "Message Type 1, Method Exit processed."), perType[1]);
-    EXPECT_EQ(count(after, "Message Type 2, Transaction Start processed."), perType[2]);
-    EXPECT_EQ(count(after, "Message Type 3, Transaction End processed."), perType[3]);
-    EXPECT_EQ(count(after, "Message Type 4, Transaction Reset processed."), perType[4]);
+    const char* done[] = {"0, Method Entry", "1, Method Exit", "2, Transaction Start", "3, Transaction End",
+                          "4, Transaction Reset"};
+    for (int t = 0; t < 5; ++t)
+        EXPECT_EQ(count(after, std::string("Message Type ") + done[t] + " processed."), perType[t])
+            << done[t];
 }
 
 namespace {

@@ -85,7 +85,7 @@ TEST_F(MethodMonitorTest, RecordThatDoesNotFitIsDroppedWhole) {
     EXPECT_EQ(len_, 0);
 }
 
-TEST_F(MethodMonitorTest, LargeIdentifiersGrowBothArraysAndThreadsWithoutModelGetOne) {
+TEST_F(MethodMonitorTest, LargeIdentifiersGrowBothArraysAndFailedAllocationsLoseNoState) {
     methodPropProperties big{};
     big.methodId = 300;
     big.methodName = const_cast<char*>("Big.one");
@@ -104,26 +104,26 @@ TEST_F(MethodMonitorTest, LargeIdentifiersGrowBothArraysAndThreadsWithoutModelGe
     EXPECT_EQ(methods(), "61,3|7|300:T1>S1>A1>Big.one|1 0.016667 9.000000 9.000000 9 1\n");
 
     // An entry whose method was never registered is not reported, and a negative id is ignored.
-    big.methodId = -1;
-    checkAndIncrementAggrMethodDataArray(&big);
+    methodPropProperties negative{};
+    negative.methodId = -1;
+    checkAndIncrementAggrMethodDataArray(&negative);
     checkAndIncrementAggrMethodDataArray(nullptr);
     EXPECT_EQ(qv_load(QVMethodMonitor.aggDataArraySize), 514);
-}
 
-TEST_F(MethodMonitorTest, FailedAllocationsRefuseWithoutLosingState) {
+    // Failed allocations refuse, and keep what exists.
     methodPropProperties* m = method("Shop.cart");
     QVPerThreadData_t* r = take();
     qvlb_fault_arm(QV_FAULT_MALLOC, 0, 1);  // the thread's first block for m
     EXPECT_FALSE(updateCounterAndDurationForMethod(r, m, 3));
     EXPECT_TRUE(updateCounterAndDurationForMethod(r, m, 3));
-
-    methodPropProperties big{};
-    big.methodId = 5000;
+    methodPropProperties huge{};
+    huge.methodId = 5000;
     qvlb_fault_arm(QV_FAULT_MALLOC, 0, 1);  // the merged array's growth: refused, old array kept
-    checkAndIncrementAggrMethodDataArray(&big);
+    checkAndIncrementAggrMethodDataArray(&huge);
     qvlb_fault_reset();
-    EXPECT_EQ(qv_load(QVMethodMonitor.aggDataArraySize), 128);
-    EXPECT_EQ(methods(), line(61, m, "Shop.cart", "1 0.016667 3.000000 3.000000 3 1"));
+    EXPECT_EQ(qv_load(QVMethodMonitor.aggDataArraySize), 514);
+    EXPECT_EQ(methods(), line(61, m, "Shop.cart", "1 0.016667 3.000000 3.000000 3 1") +
+                             "61,3|7|300:T1>S1>A1>Big.one|1 0.000000 0.000000 2147483647.000000 0 0\n");
 }
 
 TEST_F(MethodMonitorTest, KeywordHandlersAndVectorSeparator) {

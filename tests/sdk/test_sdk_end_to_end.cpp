@@ -96,13 +96,16 @@ class SdkEndToEnd : public SdkFixture {
         ASSERT_TRUE(peer_.waitForContains(0, kNewConn, kWaitMs));
         const std::string all = peer_.bytes(0);
         base_ = all.find(kNewConn) + kNewConn.size();
+        t0_ = my_gettimeofday();
     }
 
     // Records received after the connection's opening records.
     std::string received() const { return peer_.bytes(0).substr(base_); }
 
-    // Waits until at least n bytes of records arrived, then checks them against tmpl.
-    void expectRecords(const std::string& tmpl, long long t0, long long t1) {
+    // Waits until the records of tmpl arrived, then checks them against it: its times lie between
+    // the connection and now.
+    void expectRecords(const std::string& tmpl) {
+        const long long t1 = my_gettimeofday();
         // Every "{T}" is 13 digits today; "{D}" at least one.
         const size_t minLen =
             std::regex_replace(std::regex_replace(tmpl, std::regex(R"(\{T\})"), std::string(13, '0')),
@@ -118,7 +121,7 @@ class SdkEndToEnd : public SdkFixture {
         // Nothing more may follow: give the sender a moment to show stray records.
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         const std::string got = received();
-        EXPECT_EQ(matchTemplate(tmpl, got, t0, t1), "") << "got:\n" << got << "\nexpected:\n" << tmpl;
+        EXPECT_EQ(matchTemplate(tmpl, got, t0_, t1), "") << "got:\n" << got << "\nexpected:\n" << tmpl;
     }
 
     // Whether a line of the SDK log contains a match of the regex.
@@ -128,13 +131,13 @@ class SdkEndToEnd : public SdkFixture {
     LoopbackPeer peer_;
     qvc_servers server_{};
     size_t base_ = 0;
+    long long t0_ = 0;
     bool connected_ = false;
 };
 
 TEST_F(SdkEndToEnd, TransactionWithMethodsDatabaseAndNestedHttpCallouts) {
     connect();
     setMaxCharactersInSeqBlob(60);
-    const long long t0 = my_gettimeofday();
     char bt[] = "/shop/cart", a[] = "A", b[] = "B", dbHost[] = "dbhost", query[] = "select * from t";
     char apiHost[] = "api.host", u1[] = "/x", u2[] = "/y", reqId[] = "req-1";
 
@@ -163,7 +166,6 @@ TEST_F(SdkEndToEnd, TransactionWithMethodsDatabaseAndNestedHttpCallouts) {
     qv_method_exit(g, b);
     qv_method_exit(g, a);
     EXPECT_EQ(qv_bt_end(g), 0);
-    const long long t1 = my_gettimeofday();
 
     // Ids: DefaultMethod 1, then A 2, B 3, dbhost 4, api.host 5; BT 2; flowpath 1000 + 1.
     // The blob passes 60 bytes after B's entry and again after B's exit.
@@ -179,7 +181,7 @@ TEST_F(SdkEndToEnd, TransactionWithMethodsDatabaseAndNestedHttpCallouts) {
         "5,api.host,5\n"
         "3,1001,T4:4:{D}:10:6:{T}_T6:5:{D}:1:0:{T}_3:0_1_0_0___\n"
         "4,1001,200,12,0,{T},2,0,2:0_1_0_0___1:0_1_{T}_0___\n";
-    expectRecords(expected, t0, t1);
+    expectRecords(expected);
 
     // The record stays busy after the end (only a reset or test stop gives it back).
     EXPECT_GE(qv_load(gBusyTLSCnt), 1);
@@ -205,7 +207,6 @@ TEST_F(SdkEndToEnd, TransactionWithMethodsDatabaseAndNestedHttpCallouts) {
 TEST_F(SdkEndToEnd, NotCapturedFlowpathKeepsCalloutsAndIsWrittenBecauseSlow) {
     qv_store(app_->QVSys.bciInstrSessionPct, 0);
     connect();
-    const long long t0 = my_gettimeofday();
     char bt[] = "/nc/a", m[] = "M", host[] = "h1", url[] = "/u";
     qvBTHandle h = qv_bt_begin(bt, nullptr);
     ASSERT_NE(h, nullptr);
@@ -215,7 +216,6 @@ TEST_F(SdkEndToEnd, NotCapturedFlowpathKeepsCalloutsAndIsWrittenBecauseSlow) {
     EXPECT_EQ(qv_ip_http_callout_end(h, ip), 0);
     qv_method_exit(h, m);
     EXPECT_EQ(qv_bt_end(h), 0);
-    const long long t1 = my_gettimeofday();
     // Methods are not written; the pseudo-method (forced) and the callout are. The start time of 0
     // makes the duration the wall clock, so the flowpath is very slow (12) and kept.
     expectRecords(
@@ -223,15 +223,13 @@ TEST_F(SdkEndToEnd, NotCapturedFlowpathKeepsCalloutsAndIsWrittenBecauseSlow) {
         "5,M,2\n"
         "5,h1,3\n"
         "2,1001,0,1,1.1,2,/nc/a,,0,0,0,,0,0\n"
-        "4,1001,200,12,0,{T},2,0,1:0_0_{T}__T2:3:{D}:1:0:{T}_1:0_1_{T}_0___\n",
-        t0, t1);
+        "4,1001,200,12,0,{T},2,0,1:0_0_{T}__T2:3:{D}:1:0:{T}_1:0_1_{T}_0___\n");
 }
 
 TEST_F(SdkEndToEnd, ExcludedFlowpathWritesNothingOrIsMarkedDiscarded) {
     char rules[] = "7|Excl|3|1|/excluded|1\n";
     qvbt_read_rule_file(rules);
     connect();
-    const long long t0 = my_gettimeofday();
     char bt1[] = "/excluded/x", bt2[] = "/excluded/y", m[] = "M", host[] = "h1", url[] = "/u";
     qvBTHandle h = qv_bt_begin(bt1, nullptr);
     ASSERT_NE(h, nullptr);
@@ -252,7 +250,6 @@ TEST_F(SdkEndToEnd, ExcludedFlowpathWritesNothingOrIsMarkedDiscarded) {
     qv_ip_http_callout_begin(h, host, url);
     qv_ip_http_callout_end(h, ip);
     EXPECT_EQ(qv_bt_end(h), 0);
-    const long long t1 = my_gettimeofday();
     // Seq numbers: nothing else is written for an excluded BT, so the callouts count 1 and 2.
     expectRecords(
         "5,M,2\n"
@@ -260,14 +257,12 @@ TEST_F(SdkEndToEnd, ExcludedFlowpathWritesNothingOrIsMarkedDiscarded) {
         "2,1003,0,2,2.1,0,/excluded/y,,0,0,0,,0,0\n"
         "3,1003,T1:3:{D}:1:0:{T}_\n"
         "3,1003,T2:3:{D}:1:0:{T}_\n"
-        "4,1003,-99,157,0,{T},0,0,\n",
-        t0, t1);
+        "4,1003,-99,157,0,{T},0,0,\n");
 }
 
 TEST_F(SdkEndToEnd, ForcedAndChainedFlowpaths) {
     qv_store(app_->QVSys.bciInstrSessionPct, 0);
     connect();
-    const long long t0 = my_gettimeofday();
     // qv_bt_begin passes no flowpath string: the engine's entry is used directly.
     char forced[] = "123F", chained[] = "5000_6000_3.4", u1[] = "/f/a", u2[] = "/c/a", m[] = "M";
     auto* f = static_cast<QVPerThreadData_t*>(
@@ -283,7 +278,6 @@ TEST_F(SdkEndToEnd, ForcedAndChainedFlowpaths) {
     qv_method_entry(c, m);
     qv_method_exit(c, m);
     EXPECT_EQ(qv_bt_end(c), 0);
-    const long long t1 = my_gettimeofday();
     expectRecords(
         "7,2,/f/a\n"
         "5,M,2\n"
@@ -291,38 +285,11 @@ TEST_F(SdkEndToEnd, ForcedAndChainedFlowpaths) {
         "4,123F,200,12,0,{T},2,0,1:0_0_{T}__2:0_0_{T}__2:0_1_0_0___1:0_1_{T}_0___\n"
         "7,3,/c/a\n"
         "2,1001:5000:6000,0,2,3.4.1,3,/c/a,,0,0,0,,0,0\n"
-        "4,1001,200,12,0,{T},3,0,1:0_0_{T}__1:0_1_{T}_0___\n",
-        t0, t1);
-}
-
-TEST_F(SdkEndToEnd, NonServiceMethodLimitDropsEntryAndExitOfExtraMethods) {
-    qv_store(app_->QVSys.bciMaxNonServiceMethodsPerFP, 2LL);
-    connect();
-    const long long t0 = my_gettimeofday();
-    char bt[] = "/lim", a[] = "A", b[] = "B", c[] = "C";
-    qvBTHandle h = qv_bt_begin(bt, nullptr);
-    ASSERT_NE(h, nullptr);
-    qv_method_entry(h, a);
-    qv_method_entry(h, b);
-    qv_method_entry(h, c);  // third non-service method: over the limit
-    qv_method_exit(h, c);
-    qv_method_exit(h, b);
-    qv_method_exit(h, a);
-    EXPECT_EQ(qv_bt_end(h), 0);
-    const long long t1 = my_gettimeofday();
-    expectRecords(
-        "7,2,/lim\n"
-        "5,A,2\n"
-        "5,B,3\n"
-        "5,C,4\n"
-        "2,1001,0,1,1.1,2,/lim,,0,0,0,,0,0\n"
-        "4,1001,200,12,0,{T},2,0,1:0_0_{T}__2:0_0_{T}__3:0_0_{T}__3:0_1_0_0___2:0_1_0_0___1:0_1_{T}_0___\n",
-        t0, t1);
+        "4,1001,200,12,0,{T},3,0,1:0_0_{T}__1:0_1_{T}_0___\n");
 }
 
 TEST_F(SdkEndToEnd, Status500MakesLaterCalloutsErrorsAndUnbalancedEndsWriteTwice) {
     connect();
-    const long long t0 = my_gettimeofday();
     char bt[] = "/err", s[] = "S", db[] = "db", q[] = "q", host[] = "h", url[] = "/u";
     qvBTHandle h = qv_bt_begin(bt, nullptr);
     ASSERT_NE(h, nullptr);
@@ -339,19 +306,17 @@ TEST_F(SdkEndToEnd, Status500MakesLaterCalloutsErrorsAndUnbalancedEndsWriteTwice
     EXPECT_EQ(qv_ip_http_callout_end(h, ip), 0);  // one begin, two ends: a record at each end
     EXPECT_EQ(td->httpCallOutDepth, -1);
     EXPECT_EQ(qv_bt_end(h), 0);
-    const long long t1 = my_gettimeofday();
     // Seq: pseudo 1, S entry 2, S exits 3 and 4, db end 5, http ends 6 and 7, pseudo exit 8.
     expectRecords(
         "7,2,/err\n"
         "5,S,2\n"
         "5,h,3\n"
         "5,db,4\n" +
-            kDefaultQueries +
-            "22,1001,6,q\n"
-            "2,1001,0,1,1.1,2,/err,,0,0,0,,0,0\n"
-            "4,1001,500,13,0,{T},2,0,1:0_0_{T}__2:0_0_{T}__2:0_1_0_0___2:0_1_0_0___E5:4:{D}:10:6:{T}:500_"
-            "E6:3:{D}:1:0:{T}:500_E7:3:{D}:1:0:{T}:500_1:0_1_{T}_0___\n",
-        t0, t1);
+        kDefaultQueries +
+        "22,1001,6,q\n"
+        "2,1001,0,1,1.1,2,/err,,0,0,0,,0,0\n"
+        "4,1001,500,13,0,{T},2,0,1:0_0_{T}__2:0_0_{T}__2:0_1_0_0___2:0_1_0_0___E5:4:{D}:10:6:{T}:500_"
+        "E6:3:{D}:1:0:{T}:500_E7:3:{D}:1:0:{T}:500_1:0_1_{T}_0___\n");
 }
 
 // The same set-up under the suite name that selects it for ThreadSanitizer.
