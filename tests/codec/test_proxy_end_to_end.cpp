@@ -7,44 +7,19 @@
 // lines) dropped, every run of ten or more digits (wall-clock milliseconds, which differ between
 // the runs) replaced by "{T}". Everything else must be equal byte for byte: flowpath ids, method
 // and BT ids, thread numbers, statuses, categories, sequence blobs, record order.
-#include <gtest/gtest.h>
-
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <memory>
 #include <regex>
-#include <string>
 #include <thread>
 #include <vector>
 
-#include "backend/QVBackendMonitor.h"
-#include "bt/QVBTManager.h"
-#include "bt/QVMonitorCommon.h"
-#include "bt/QVMonitorDataModel.h"
-#include "codec/codec_module.h"
-#include "collector/QVCServerConfig.h"
-#include "collector/QVDataDispatcher.h"
-#include "collector/Server.h"
-#include "collector/control_thread.h"
+#include "codec/codec_fixture.h"
 #include "core/QVConfig.h"
-#include "core/qv_agent.h"
-#include "flowpath/QVFlowpathGenerator.h"
-#include "flowpath/QVMethodHashMap.h"
-#include "flowpath/QVPerThreadData.h"
-#include "flowpath/QVSQLProcessor.h"
-#include "foundation/qvlb_atomic.h"
-#include "mm/QVMethodMonitor.h"
-#include "sdk/qv_sdk.h"
-#include "support/loopback_peer.h"
-#include "support/temp_home.h"
 
 extern char** environ;
 
@@ -177,26 +152,6 @@ std::string proxyAsanOptions() {
     return std::string("ASAN_OPTIONS=") + (cur != nullptr ? cur : "") + ":detect_leaks=0";
 }
 
-void resetAgentModules() {
-    qv_agent_shutdown();
-    qv_data_dispatcher_reset_for_test();
-    control_thread_reset_for_test();
-    server_reset_for_test();
-    qvc_server_config_reset_for_test();
-    qv_sdk_reset_for_test();
-    qvMethodMonitorResetForTest();
-    qvBackendMonitorResetForTest();
-    qvSQLProcessorResetForTest();
-    qvbt_manager_reset_for_test();
-    qvMonitorDataModelResetForTest();
-    qvMonitorCommonResetForTest();
-    qvFlowpathGeneratorResetForTest();
-    qv_flowpath_pool_reset_for_test();
-    qvMethodRegistryResetForTest();
-    qvAgentHooks = QVAgentHooks{};
-    qv_agent_reset_for_test();
-}
-
 }  // namespace
 
 // The application process: run by ApplicationTransactionsAreRebuiltByTheProxy with the proxy's
@@ -204,23 +159,17 @@ void resetAgentModules() {
 TEST(ProxyEndToEnd, DISABLED_ApplicationSide) {
     const char* port = getenv("QV_E2E_PROXY_PORT");
     if (port == nullptr) GTEST_SKIP() << "run by ApplicationTransactionsAreRebuiltByTheProxy";
-    TempAgentHome home;
-    std::filesystem::create_directories(home.path() + "logs");
-    home.write("config/qvsettings.conf", std::string("qvcHost=127.0.0.1\nqvcPort=1\nproxyMode=1\n") +
-                                             "proxyIP=127.0.0.1\nproxyPort=" + port + "\n");
-    qv_init_internal(0);
-    QVProxyInstance_t* app = qvApplication;
+    auto home = makeHome();
+    home->write("config/qvsettings.conf", std::string("qvcHost=127.0.0.1\nqvcPort=1\nproxyMode=1\n") +
+                                              "proxyIP=127.0.0.1\nproxyPort=" + port + "\n");
+    // No collector behind the proxy loop: the control thread is not wanted.
+    QVProxyInstance_t* app = startAgent();
     ASSERT_NE(app, nullptr);
     ASSERT_EQ(qv_load(app->QVSys.proxyMode), 1);
     ASSERT_EQ(QVProxy.proxyServerFlag, 0);
-    // No collector behind the proxy loop: the control thread is not wanted.
-    qv_agent_shutdown();
-    qv_store(qvAgentStopping, 0);
     qv_codec_register_hooks();
     commonSettings(app);
-    qv_store(app->Server.testRunRunning, 1);
-    qv_store(app->Server.retryForDataConn, 1);
-    ASSERT_EQ(check_data_thread(), 0);
+    ASSERT_NO_FATAL_FAILURE(startDataThread(app));
     for (int i = 0; i < kWaitMs / 10 && qv_load(app->qvcDataSocket) == nullptr; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_NE(qv_load(app->qvcDataSocket), nullptr);
@@ -235,14 +184,13 @@ TEST(ProxyEndToEnd, ApplicationTransactionsAreRebuiltByTheProxy) {
     ASSERT_TRUE(collector.start());
 
     // The proxy: its data connection is the collector's connection 0.
-    TempAgentHome proxyHome;
-    std::filesystem::create_directories(proxyHome.path() + "logs");
+    auto proxyHome = makeHome();
     int out[2];
     ASSERT_EQ(pipe(out), 0);
     const pid_t proxy = spawn(tool,
                               {"--port", "0", "--collector", "127.0.0.1:" + std::to_string(collector.port()),
                                "--keywords", "bciInstrSessionPct=100;maxCharInSeqBlob=60"},
-                              {"QVHOME=" + proxyHome.path(), proxyAsanOptions()}, out[1]);
+                              {"QVHOME=" + proxyHome->path(), proxyAsanOptions()}, out[1]);
     close(out[1]);
     ASSERT_GT(proxy, 0);
     const int proxyPort = readPort(out[0]);
@@ -263,22 +211,16 @@ TEST(ProxyEndToEnd, ApplicationTransactionsAreRebuiltByTheProxy) {
     EXPECT_EQ(waitExit(appPid, 120000), 0);
 
     // The same transactions in direct mode, here: the collector's connection 1.
-    auto home = std::make_unique<TempAgentHome>();
-    std::filesystem::create_directories(home->path() + "logs");
-    qv_init_internal(0);
-    QVProxyInstance_t* app = qvApplication;
+    auto home = makeHome();
+    QVProxyInstance_t* app = startAgent();
     ASSERT_NE(app, nullptr);
-    qv_agent_shutdown();
-    qv_store(qvAgentStopping, 0);
     commonSettings(app);
     qvc_servers server{1, static_cast<unsigned int>(collector.port()), const_cast<char*>("127.0.0.1")};
     qvc_server_arr = &server;
     server_arr_size = 1;
     active_qvc_idx = 0;
     qv_store(app->QVBCISetting.qvcPort, collector.port());
-    qv_store(app->Server.testRunRunning, 1);
-    qv_store(app->Server.retryForDataConn, 1);
-    ASSERT_EQ(check_data_thread(), 0);
+    ASSERT_NO_FATAL_FAILURE(startDataThread(app));
     ASSERT_TRUE(collector.waitForContains(1, kNewConn, kWaitMs));
     runScenario();
 

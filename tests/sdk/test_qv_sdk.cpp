@@ -3,137 +3,28 @@
 // and qv_init/qv_free cycles.
 #include "sdk/qv_sdk.h"
 
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
 #include <climits>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <regex>
-#include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
+#include <tuple>
 
-#include "backend/QVBackendMonitor.h"
-#include "bt/QVBTManager.h"
-#include "bt/QVMonitorCommon.h"
-#include "bt/QVMonitorDataModel.h"
-#include "collector/QVCServerConfig.h"
-#include "collector/QVDataDispatcher.h"
-#include "collector/Server.h"
-#include "collector/control_thread.h"
-#include "core/qv_agent.h"
-#include "flowpath/QVFlowpathGenerator.h"
-#include "flowpath/QVMethodHashMap.h"
-#include "flowpath/QVPerThreadData.h"
-#include "flowpath/QVSQLProcessor.h"
-#include "foundation/qvlb_atomic.h"
-#include "foundation/qvlb_fault.h"
-#include "mm/QVMethodMonitor.h"
-#include "support/temp_home.h"
+#include "sdk/sdk_fixture.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string l; std::getline(in, l);) out.push_back(l);
-    return out;
-}
-
-// Prefix of a level 1..5 line up to the function name, as a regex.
-std::string prefixRe(const std::string& word, const std::string& func) {
-    return R"(\d{2}-[A-Z][a-z]{2}-\d{2} \d{2}:\d{2}:\d{2} \|)" + std::to_string(getpid()) + " \\|" + word +
-           " \\|" + func + R"( : \d+ \|)";
-}
-
-std::string reEscape(const std::string& s) {
-    return std::regex_replace(s, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
-}
-
-class SdkTest : public ::testing::Test {
+class SdkTest : public SdkFixture {
   protected:
-    void SetUp() override {
-        home_ = std::make_unique<TempAgentHome>();
-        fs::create_directories(home_->path() + "logs");
-    }
-    void TearDown() override {
-        qvlb_fault_reset();
-        if (agentStarted_) {
-            qv_agent_shutdown();
-            qv_data_dispatcher_reset_for_test();
-            control_thread_reset_for_test();
-            server_reset_for_test();
-            qvc_server_config_reset_for_test();
-        }
-        qv_sdk_reset_for_test();
-        if (agentStarted_) {
-            qvMethodMonitorResetForTest();
-            qvBackendMonitorResetForTest();
-            qvSQLProcessorResetForTest();
-            qvbt_manager_reset_for_test();
-            qvMonitorDataModelResetForTest();
-            qvMonitorCommonResetForTest();
-            qvFlowpathGeneratorResetForTest();
-            qv_flowpath_pool_reset_for_test();
-            qvMethodRegistryResetForTest();
-            qvAgentHooks = QVAgentHooks{};
-            qv_agent_reset_for_test();
-        }
-        home_.reset();
-    }
-    // The SDK's start-up without its pause; the control thread is stopped again since no
-    // collector exists here.
-    void startSdk() {
-        qv_init_internal(0);
-        agentStarted_ = true;
-        ASSERT_NE(qvApplication, nullptr);
-        qv_agent_shutdown();
-        qv_store(qvAgentStopping, 0);
-    }
-    std::string logName() const {
-        qvSDKLog* rec = qv_sdk_log;
-        return rec != nullptr ? rec->file_name[0] : "";
-    }
-    std::string log() const {
-        qv_sdk_log_flush();
-        return readFile(logName());
-    }
-    // Whether a line of the SDK log matches the regex exactly.
-    bool hasLine(const std::string& re) const {
-        std::regex r(re);
-        for (const std::string& l : lines(log()))
-            if (std::regex_match(l, r)) return true;
-        return false;
-    }
-
-    std::unique_ptr<TempAgentHome> home_;
-    bool agentStarted_ = false;
     int x_ = 0;  // stands for a handle where only its being non-null matters
 };
 
-TEST_F(SdkTest, LogFileNameHeaderPrefixesAndLevels) {
+TEST_F(SdkTest, LogFileNameHeaderPrefixesLevelsAndPrintfFormats) {
     qvSDKLog* rec = qv_sdk_log_init();
     ASSERT_NE(rec, nullptr);
     EXPECT_EQ(g_qv_sdk_log_init, 1);
-    EXPECT_EQ(rec->max_file_size, 10485760);
-    const std::string pid = std::to_string(getpid());
-    EXPECT_TRUE(
-        std::regex_match(std::string(rec->file_name[0]),
-                         std::regex(reEscape(home_->path()) + R"(logs/qv_sdk_\d{14}_)" + pid + R"(\.log_0)")))
+    EXPECT_TRUE(std::regex_match(std::string(rec->file_name[0]),
+                                 std::regex(reEscape(home_->path()) + R"(logs/qv_sdk_\d{14}_)" +
+                                            std::to_string(getpid()) + R"(\.log_0)")))
         << rec->file_name[0];
     std::string second = rec->file_name[0];
     second.back() = '1';
@@ -148,8 +39,7 @@ TEST_F(SdkTest, LogFileNameHeaderPrefixesAndLevels) {
     for (int level = 1; level <= 5; ++level) EXPECT_EQ(rec->log(level, "fn", 40 + level, "msg %d", level), 0);
     EXPECT_EQ(rec->log(7, "fn", 7, "no prefix at %s", "seven"), 0);
     EXPECT_EQ(rec->log(0, "fn", 0, "none at zero"), 0);
-
-    std::vector<std::string> got = lines(log());
+    std::vector<std::string> got = splitLines(log());
     ASSERT_EQ(got.size(), 8u);
     EXPECT_EQ(got[0] + "\n", header);
     int prefixBytes = 0;
@@ -165,11 +55,8 @@ TEST_F(SdkTest, LogFileNameHeaderPrefixesAndLevels) {
     EXPECT_EQ(got[7], "none at zero");
     // Only prefixes count; messages and newlines do not.
     EXPECT_EQ(rec->cur_file_size, static_cast<int>(header.size()) + prefixBytes);
-}
 
-TEST_F(SdkTest, LogFormatsLikePrintfAndCutsLongLines) {
-    qvSDKLog* rec = qv_sdk_log_init();
-    ASSERT_NE(rec, nullptr);
+    // Formats, compared with printf itself; long lines are cut.
     int x = 0;
     char expect[256];
     snprintf(expect, sizeof(expect), "p=[%p] d=[%d] ld=[%ld] lld=[%lld] u=[%u] 100%% s=[%s]",
@@ -183,8 +70,7 @@ TEST_F(SdkTest, LogFormatsLikePrintfAndCutsLongLines) {
     const std::string big(20000, 'q');
     rec->log(1, "fn", 1, "big %s", big.c_str());
     rec->log(7, "fn", 1, "after");
-
-    // Digit edge cases, compared with printf itself.
+    // Digit edge cases.
     const long long values[] = {0,    1,     9,  10,  15,   16,      99,           100,       255,      256,
                                 1000, 65535, -1, -10, -100, INT_MAX, 4294967295LL, 1LL << 40, LLONG_MAX};
     std::vector<std::string> digitLines;
@@ -195,15 +81,14 @@ TEST_F(SdkTest, LogFormatsLikePrintfAndCutsLongLines) {
         digitLines.push_back(want);
         rec->log(7, "fn", 1, "%d %u %lld %p", static_cast<int>(v), static_cast<unsigned>(v), v, ptr);
     }
-
-    std::vector<std::string> got = lines(log());
-    ASSERT_EQ(got.size(), 6u + digitLines.size());
-    for (size_t i = 0; i < digitLines.size(); ++i) EXPECT_EQ(got[6 + i], digitLines[i]);
-    EXPECT_EQ(got[1], expect);
-    EXPECT_EQ(got[2], "null s=[(null)] p=[(nil)]");
-    EXPECT_EQ(got[3], "w=[   42] x=[ff] f=[1.50]");
-    EXPECT_EQ(got[4].size(), static_cast<size_t>(QV_SDK_LOG_LINE_MAX - 1));  // cut, newline kept
-    EXPECT_EQ(got[5], "after");
+    got = splitLines(log());
+    ASSERT_EQ(got.size(), 13u + digitLines.size());
+    EXPECT_EQ(got[8], expect);
+    EXPECT_EQ(got[9], "null s=[(null)] p=[(nil)]");
+    EXPECT_EQ(got[10], "w=[   42] x=[ff] f=[1.50]");
+    EXPECT_EQ(got[11].size(), static_cast<size_t>(QV_SDK_LOG_LINE_MAX - 1));  // cut, newline kept
+    EXPECT_EQ(got[12], "after");
+    for (size_t i = 0; i < digitLines.size(); ++i) EXPECT_EQ(got[13 + i], digitLines[i]);
 }
 
 TEST_F(SdkTest, MissingLogDirectoryAndFailedAllocationGoToStderr) {
@@ -270,48 +155,42 @@ TEST_F(SdkTest, ArgumentErrorsAreRefusedAndLogged) {
     EXPECT_EQ(qv_bt_add_error(nullptr, 3, nullptr, 1), 0);
     EXPECT_EQ(qv_bt_add_error(&x_, 1, name, 0), 0);
 
-    const std::string p = "0x[0-9a-f]+";
-    const std::string E = "ERROR";
-    const std::vector<std::pair<std::string, std::string>> expected = {
-        {prefixRe(E, "qv_bt_begin"), reEscape("ERROR: Invalid Argument Passed, bt_name = [(null)]")},
-        {prefixRe(E, "qv_bt_begin"), reEscape("ERROR: Invalid Argument Passed, bt_name = []")},
-        {prefixRe(E, "qv_method_entry"),
-         reEscape("ERROR: Invalid Arguments, bt_handle = [(nil)], method = [n]")},
-        {prefixRe(E, "qv_method_exit"),
-         reEscape("ERROR: Invalid Arguments, bt_handle = [") + p + reEscape("], method = []")},
-        {prefixRe(E, "qv_method_exit"),
-         reEscape("ERROR: Invalid Arguments, bt_handle = [") + p + reEscape("], method = [(null)]")},
-        {prefixRe(E, "qv_bt_end"), reEscape("ERROR: Invalid Argument Passed, bt_handle = [(nil)]")},
-        {prefixRe(E, "qv_bt_store"),
-         reEscape("ERROR: Invalid Arguments Passed, bt_handle = [(nil)], unique_bt_id = [n]")},
-        {prefixRe(E, "qv_bt_store"),
-         reEscape("ERROR: Invalid Arguments Passed, bt_handle = [") + p + reEscape("], unique_bt_id = []")},
-        {prefixRe(E, "qv_bt_get"), reEscape("ERROR: Invalid Argument Passed, unique_bt_id = [(null)]")},
-        {prefixRe(E, "qv_bt_get"), reEscape("ERROR: Invalid Argument Passed, unique_bt_id = []")},
+    // Level, function, message; "{P}" stands for a non-null pointer.
+    const std::tuple<const char*, const char*, const char*> expected[] = {
+        {"ERROR", "qv_bt_begin", "ERROR: Invalid Argument Passed, bt_name = [(null)]"},
+        {"ERROR", "qv_bt_begin", "ERROR: Invalid Argument Passed, bt_name = []"},
+        {"ERROR", "qv_method_entry", "ERROR: Invalid Arguments, bt_handle = [(nil)], method = [n]"},
+        {"ERROR", "qv_method_exit", "ERROR: Invalid Arguments, bt_handle = [{P}], method = []"},
+        {"ERROR", "qv_method_exit", "ERROR: Invalid Arguments, bt_handle = [{P}], method = [(null)]"},
+        {"ERROR", "qv_bt_end", "ERROR: Invalid Argument Passed, bt_handle = [(nil)]"},
+        {"ERROR", "qv_bt_store", "ERROR: Invalid Arguments Passed, bt_handle = [(nil)], unique_bt_id = [n]"},
+        {"ERROR", "qv_bt_store", "ERROR: Invalid Arguments Passed, bt_handle = [{P}], unique_bt_id = []"},
+        {"ERROR", "qv_bt_get", "ERROR: Invalid Argument Passed, unique_bt_id = [(null)]"},
+        {"ERROR", "qv_bt_get", "ERROR: Invalid Argument Passed, unique_bt_id = []"},
         // Deliberately DEBUG, unlike the others.
-        {prefixRe("DEBUG", "qv_ip_db_callout_begin"),
-         reEscape("Error: Invalid argument passed. bt_handle = [") + p +
-             reEscape("], db_host = [n], db_query = [(null)]")},
-        {prefixRe("DEBUG", "qv_ip_db_callout_begin"),
-         reEscape("Error: Invalid argument passed. bt_handle = [(nil)], db_host = [n], db_query = [n]")},
-        {prefixRe(E, "qv_ip_db_callout_end"),
-         reEscape("Error: Invalid argument passed. bt_handle = [") + p + reEscape("], ip_handle = [(nil)]")},
-        {prefixRe(E, "qv_ip_http_callout_begin"), reEscape("Error: Invalid argument passed. bt_handle = [") +
-                                                      p + reEscape("], http_host = [], url = [n]")},
-        {prefixRe(E, "qv_ip_http_callout_end"),
-         reEscape("Error: Invalid argument passed.bt_handle = [(nil)], ip_handle = [") + p + "\\]"},
+        {"DEBUG", "qv_ip_db_callout_begin",
+         "Error: Invalid argument passed. bt_handle = [{P}], db_host = [n], db_query = [(null)]"},
+        {"DEBUG", "qv_ip_db_callout_begin",
+         "Error: Invalid argument passed. bt_handle = [(nil)], db_host = [n], db_query = [n]"},
+        {"ERROR", "qv_ip_db_callout_end",
+         "Error: Invalid argument passed. bt_handle = [{P}], ip_handle = [(nil)]"},
+        {"ERROR", "qv_ip_http_callout_begin",
+         "Error: Invalid argument passed. bt_handle = [{P}], http_host = [], url = [n]"},
+        {"ERROR", "qv_ip_http_callout_end",
+         "Error: Invalid argument passed.bt_handle = [(nil)], ip_handle = [{P}]"},
     };
-    std::vector<std::string> got = lines(log());
-    ASSERT_EQ(got.size(), expected.size() + 1) << log();  // header first, qv_bt_add_error logs nothing
-    for (size_t i = 0; i < expected.size(); ++i)
-        EXPECT_TRUE(std::regex_match(got[i + 1], std::regex(expected[i].first + expected[i].second)))
-            << "line " << i + 1 << ": " << got[i + 1];
+    std::vector<std::string> got = splitLines(log());
+    ASSERT_EQ(got.size(), std::size(expected) + 1) << log();  // header first, qv_bt_add_error logs nothing
+    for (size_t i = 0; i < std::size(expected); ++i) {
+        const auto& [level, func, msg] = expected[i];
+        const std::string re = prefixRe(level, func) +
+                               std::regex_replace(reEscape(msg), std::regex(R"(\\\{P\\\})"), "0x[0-9a-f]+");
+        EXPECT_TRUE(std::regex_match(got[i + 1], std::regex(re))) << "line " << i + 1 << ": " << got[i + 1];
+    }
 }
 
 TEST_F(SdkTest, StoreKeepsFirstHandleAndGetFindsIt) {
     startSdk();
-    ASSERT_NE(g_bt_hash, nullptr);
-    ASSERT_NE(bt_lock, nullptr);
     int h1 = 0, h2 = 0;
     char id[] = "order-1";
     qv_bt_store(&h1, id);
@@ -322,13 +201,15 @@ TEST_F(SdkTest, StoreKeepsFirstHandleAndGetFindsIt) {
     EXPECT_EQ(qv_bt_get(const_cast<char*>("never")), nullptr);
     EXPECT_EQ(qv_bt_get(id), nullptr);
 
-    EXPECT_TRUE(
-        hasLine(prefixRe("DEBUG", "qv_bt_store") + reEscape("Business transaction stored successfully.")));
-    EXPECT_TRUE(hasLine(prefixRe("INFO", "qv_bt_store") + "Method END"));
-    EXPECT_TRUE(hasLine(prefixRe("ERROR", "qv_bt_store") +
-                        reEscape("ERROR: Business transaction already exists. unique_bt_id = [order-1]")));
-    EXPECT_TRUE(hasLine(prefixRe("INFO", "qv_bt_get") + reEscape("Method Called, unique_bt_id = [never]")));
-    EXPECT_TRUE(hasLine(prefixRe("DEBUG", "qv_bt_get") + reEscape("Method End, bt_handle = [(nil)]")));
+    for (const auto& [level, func, msg] : {
+             std::tuple{"DEBUG", "qv_bt_store", "Business transaction stored successfully."},
+             std::tuple{"INFO", "qv_bt_store", "Method END"},
+             std::tuple{"ERROR", "qv_bt_store",
+                        "ERROR: Business transaction already exists. unique_bt_id = [order-1]"},
+             std::tuple{"INFO", "qv_bt_get", "Method Called, unique_bt_id = [never]"},
+             std::tuple{"DEBUG", "qv_bt_get", "Method End, bt_handle = [(nil)]"},
+         })
+        EXPECT_TRUE(hasLine(prefixRe(level, func) + reEscape(msg))) << msg;
 }
 
 TEST_F(SdkTest, InitSetsUpAgentAndFreeReleasesEverythingTwice) {
@@ -348,7 +229,7 @@ TEST_F(SdkTest, InitSetsUpAgentAndFreeReleasesEverythingTwice) {
     EXPECT_EQ(bt_lock, nullptr);
     EXPECT_EQ(sdk_pool, nullptr);
     // The last line was written and flushed before the record went away.
-    std::vector<std::string> got = lines(readFile(first));
+    std::vector<std::string> got = splitLines(readFile(first));
     ASSERT_GE(got.size(), 2u);
     EXPECT_TRUE(
         std::regex_match(got[got.size() - 2], std::regex(prefixRe("INFO", "qv_free") + "Method Called")));
@@ -380,7 +261,6 @@ TEST_F(SdkTest, PublicInitPauseEndsWhenAgentShutsDown) {
     qv_agent_shutdown();
     t.join();
     qv_store(qvAgentStopping, 0);
-    EXPECT_STREQ(qvApplication->QVBCISetting.agentType, "skd");
     EXPECT_TRUE(hasLine(prefixRe("DEBUG", "qv_init_internal") + "Method End"));
 }
 
@@ -433,7 +313,7 @@ TEST_F(SdkTest, OversizedInputsAreCutAndNothingBreaks) {
     EXPECT_EQ(qv_bt_end(h), 0);
     // Every line of the log is within the line limit; the long name is in it, cut.
     bool cut = false;
-    for (const std::string& l : lines(log())) {
+    for (const std::string& l : splitLines(log())) {
         EXPECT_LT(l.size(), static_cast<size_t>(QV_SDK_LOG_LINE_MAX));
         if (l.find("|INFO |qv_bt_begin : ") != std::string::npos &&
             l.find("|Method Called, bt_name = [" + std::string(1000, 'x')) != std::string::npos)

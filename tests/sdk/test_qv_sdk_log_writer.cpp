@@ -30,6 +30,16 @@ std::string readAll(int fd) {
     return out;
 }
 
+// The lines written to fp, which is closed.
+std::vector<std::string> linesOf(FILE* fp) {
+    rewind(fp);
+    std::istringstream in(readAll(fileno(fp)));
+    fclose(fp);
+    std::vector<std::string> out;
+    for (std::string l; std::getline(in, l);) out.push_back(l);
+    return out;
+}
+
 TEST(SdkLogWriterConcurrency, LinesOfManyThreadsArriveWholeAndInOrder) {
     FILE* fp = tmpfile();
     ASSERT_NE(fp, nullptr);
@@ -48,20 +58,14 @@ TEST(SdkLogWriterConcurrency, LinesOfManyThreadsArriveWholeAndInOrder) {
     qvSdkLogWriterClose();
     EXPECT_EQ(qvSdkLogWriterAppend("late\n", 5), QVSdkLogAppend::NotOpen);
 
-    rewind(fp);
-    std::string all = readAll(fileno(fp));
-    fclose(fp);
+    const std::vector<std::string> lines = linesOf(fp);
+    EXPECT_EQ(lines.size(), static_cast<size_t>(kThreads * kLines));
     std::map<int, int> next;
-    std::istringstream in(all);
-    std::string l;
-    int lines = 0;
-    while (std::getline(in, l)) {
+    for (const std::string& l : lines) {
         int t = -1, i = -1;
         ASSERT_EQ(sscanf(l.c_str(), "t%d line %d of a thread", &t, &i), 2) << l;
         EXPECT_EQ(i, next[t]++) << "thread " << t;
-        lines++;
     }
-    EXPECT_EQ(lines, kThreads * kLines);
     EXPECT_EQ(qvSdkLogWriterDropped(), 0);
 }
 
@@ -138,14 +142,9 @@ TEST(SdkLogWriter, ForkWhileThreadsLogLeavesBothProcessesLogging) {
     for (auto& th : ts) th.join();
     qvSdkLogWriterClose();
 
-    rewind(fp);
-    std::string all = readAll(fileno(fp));
-    fclose(fp);
     std::map<int, int> next;
     int children = 0;
-    std::istringstream in(all);
-    std::string l;
-    while (std::getline(in, l)) {
+    for (const std::string& l : linesOf(fp)) {
         int t = -1, i = -1;
         if (sscanf(l.c_str(), "child %d", &i) == 1) {
             children++;

@@ -217,19 +217,12 @@ TEST_F(ClientManagerTest, ShortRequestAllAndSummaryGoToTheControlConnection) {
 
 TEST_F(ClientManagerTest, BadRequestsAnswerTheirErrorTextsAndGoodSelectorsStillRun) {
     makePool();
-    EXPECT_EQ(request(";1"), "Invalid Request : '" + kReq + ";1'\n" + kDone);
-    EXPECT_EQ(request(" , ,"), "Invalid Request : '" + kReq + " , ,'\n" + kDone);
-    EXPECT_EQ(request("5;3"), "Invalid Request : '" + kReq + "5;3'\n" + kDone);
-    EXPECT_EQ(request("5;x;1"), "Invalid Request : '" + kReq + "5;x;1'\n" + kDone);
-    EXPECT_EQ(request("5;1;-1"), "Invalid Request : '" + kReq + "5;1;-1'\n" + kDone);
-    EXPECT_EQ(request("22,5_2,5x,5_,5:abc,5_1_2,Summary2;1"),
-              "Invalid Request recieved from client : '22'\n"
-              "Invalid Request recieved from client : '5x'\n"
-              "Invalid Request recieved from client : '5_'\n"
-              "Invalid Request recieved from client : '5:abc'\n"
-              "Invalid Request recieved from client : '5_1_2'\n"
-              "Invalid Request recieved from client : 'Summary2'\n" +
-                  kDone);
+    for (const std::string bad : {";1", " , ,", "5;3", "5;x;1", "5;1;-1"})
+        EXPECT_EQ(request(bad), "Invalid Request : '" + kReq + bad + "'\n" + kDone);
+    std::string each;
+    for (const char* sel : {"22", "5x", "5_", "5:abc", "5_1_2", "Summary2"})
+        each += std::string("Invalid Request recieved from client : '") + sel + "'\n";
+    EXPECT_EQ(request("22,5_2,5x,5_,5:abc,5_1_2,Summary2;1"), each + kDone);
     // The good selector between them ran.
     EXPECT_EQ(dispatched(), "5,alpha,2\n");
 

@@ -14,55 +14,40 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
-namespace fs = std::filesystem;
+#include "support/temp_home.h"
 
 namespace {
 
 // Generous limits: they only stop a broken run from hanging.
 constexpr int kWaitMs = 15000;
+const std::string kBinary = QV_BINARY_DIR "/tools/qvcollector";
 
-std::string binary() {
-    return QV_BINARY_DIR "/tools/qvcollector";
+using Clock = std::chrono::steady_clock;
+Clock::time_point deadline() {
+    return Clock::now() + std::chrono::milliseconds(kWaitMs);
 }
 
-std::string readFile(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void writeFile(const fs::path& p, const std::string& content) {
-    std::ofstream out(p, std::ios::binary);
-    out << content;
-}
-
-class TempDir {
-  public:
-    TempDir() {
-        std::string tmpl = (fs::temp_directory_path() / "qvc_test_XXXXXX").string();
-        if (mkdtemp(tmpl.data()) != nullptr) path_ = tmpl;
+// Reads fd into buf until done(buf) holds, the other end closes, or the limit passes.
+void readInto(int fd, std::string& buf, const std::function<bool(const std::string&)>& done) {
+    for (const auto end = deadline(); !done(buf) && Clock::now() < end;) {
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, 100) <= 0) continue;
+        char tmp[4096];
+        const ssize_t r = read(fd, tmp, sizeof(tmp));
+        if (r <= 0) return;
+        buf.append(tmp, static_cast<size_t>(r));
     }
-    ~TempDir() {
-        std::error_code ec;
-        if (!path_.empty()) fs::remove_all(path_, ec);
-    }
-    const fs::path& path() const { return path_; }
-
-  private:
-    fs::path path_;
-};
+}
 
 // The program as a child with stdout on a pipe and stderr in a file.
 class Child {
   public:
-    bool start(const std::vector<std::string>& args, const fs::path& errFile) {
+    bool start(const std::vector<std::string>& args, const std::string& errFile) {
         int out[2];
         if (pipe(out) != 0) return false;
         pid_ = fork();
@@ -73,10 +58,9 @@ class Child {
             if (err >= 0) dup2(err, 2);
             const int devnull = open("/dev/null", O_RDONLY);
             if (devnull >= 0) dup2(devnull, 0);
-            std::vector<char*> argv;
-            std::string bin = binary();
-            argv.push_back(bin.data());
             std::vector<std::string> copy = args;
+            copy.insert(copy.begin(), kBinary);
+            std::vector<char*> argv;
             for (auto& a : copy) argv.push_back(a.data());
             argv.push_back(nullptr);
             execv(argv[0], argv.data());
@@ -95,38 +79,20 @@ class Child {
     }
     // Everything the child wrote on stdout until it closed it (or the limit passed).
     std::string readStdoutToEnd() {
-        std::string all;
-        char buf[4096];
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-        while (std::chrono::steady_clock::now() < deadline) {
-            pollfd p{outFd_, POLLIN, 0};
-            if (poll(&p, 1, 100) <= 0) continue;
-            const ssize_t r = read(outFd_, buf, sizeof(buf));
-            if (r <= 0) break;
-            all.append(buf, static_cast<size_t>(r));
-        }
-        return all;
+        readInto(outFd_, out_, [](const std::string&) { return false; });
+        return out_;
     }
     // First stdout line ("listening 127.0.0.1:<port>") parsed to the port; 0 on failure.
     int readPort() {
-        std::string line;
-        char c;
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-        while (std::chrono::steady_clock::now() < deadline) {
-            pollfd p{outFd_, POLLIN, 0};
-            if (poll(&p, 1, 100) <= 0) continue;
-            if (read(outFd_, &c, 1) != 1) return 0;
-            if (c == '\n') break;
-            line.push_back(c);
-        }
+        readInto(outFd_, out_, [](const std::string& b) { return b.find('\n') != std::string::npos; });
+        const std::string line = out_.substr(0, out_.find('\n'));
+        out_.erase(0, line.size() + 1);
         const std::string prefix = "listening 127.0.0.1:";
-        if (line.rfind(prefix, 0) != 0) return 0;
-        return atoi(line.c_str() + prefix.size());
+        return line.starts_with(prefix) ? atoi(line.c_str() + prefix.size()) : 0;
     }
     // Exit status after the child ends by itself; -1 if it does not within the limit.
     int waitExit() {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-        while (std::chrono::steady_clock::now() < deadline) {
+        for (const auto end = deadline(); Clock::now() < end;) {
             int status = 0;
             if (waitpid(pid_, &status, WNOHANG) == pid_) {
                 pid_ = -1;
@@ -141,6 +107,7 @@ class Child {
   private:
     pid_t pid_ = -1;
     int outFd_ = -1;
+    std::string out_;
 };
 
 // A fake agent connection.
@@ -162,8 +129,7 @@ class Client {
     }
     bool ok() const { return fd_ >= 0; }
     bool send(const std::string& s) {
-        size_t off = 0;
-        while (off < s.size()) {
+        for (size_t off = 0; off < s.size();) {
             const ssize_t w = ::send(fd_, s.data() + off, s.size() - off, MSG_NOSIGNAL);
             if (w <= 0) return false;
             off += static_cast<size_t>(w);
@@ -172,17 +138,7 @@ class Client {
     }
     // Reads until the received text (since the last call) ends with `tail`; returns that text.
     std::string readUntil(const std::string& tail) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (got_.size() >= tail.size() && got_.compare(got_.size() - tail.size(), tail.size(), tail) == 0)
-                break;
-            pollfd p{fd_, POLLIN, 0};
-            if (poll(&p, 1, 100) <= 0) continue;
-            char buf[4096];
-            const ssize_t r = recv(fd_, buf, sizeof(buf), 0);
-            if (r <= 0) break;
-            got_.append(buf, static_cast<size_t>(r));
-        }
+        readInto(fd_, got_, [&](const std::string& b) { return b.ends_with(tail); });
         std::string out;
         out.swap(got_);
         return out;
@@ -193,37 +149,40 @@ class Client {
     std::string got_;
 };
 
-bool waitForFile(const fs::path& p, const std::string& expected) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (readFile(p) == expected) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+// A temporary directory for the program's files, and the program started in it.
+class QvCollector : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!std::filesystem::exists(kBinary)) GTEST_SKIP() << kBinary << " not built (target qvcollector)";
     }
-    return false;
-}
+    // Starts the program with args, its stderr in the file "stderr"; returns its port, 0 if it
+    // does not listen.
+    int start(const std::vector<std::string>& args) {
+        return child_.start(args, dir_.file("stderr")) ? child_.readPort() : 0;
+    }
+    // Waits until the file rel holds expected.
+    bool waitForFile(const std::string& rel, const std::string& expected) {
+        for (const auto end = deadline(); Clock::now() < end;) {
+            if (dir_.read(rel) == expected) return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
+    TempAgentHome dir_;
+    Child child_;
+};
 
 const std::string kHandshake =
     "qv_ctrl_msg_req:appName=shop;qvAppServerHost=web;tierName=t;pid=4242;agentType=php;requestType=1;"
     "lastConnectionTimeStamp=-1;agentName=shop\n";
 const std::string kNotRunning = "qv_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;\n";
 
-#define REQUIRE_BINARY()                                                                          \
-    do {                                                                                          \
-        if (!fs::exists(binary())) GTEST_SKIP() << binary() << " not built (target qvcollector)"; \
-    } while (0)
-
-TEST(QvCollector, AnswersHandshakeAndHeartbeatAndCapturesEveryConnection) {
-    REQUIRE_BINARY();
-    TempDir dir;
-    const fs::path out = dir.path() / "out";
-    Child child;
-    ASSERT_TRUE(child.start(
-        {"--out", out.string(), "--port-file", (dir.path() / "port").string(), "--keyword", "testIdx=7",
-         "--keyword", "qvMonitorInterval=5", "--heartbeat-interval", "0", "--summary-interval", "0"},
-        dir.path() / "stderr"));
-    const int port = child.readPort();
+TEST_F(QvCollector, AnswersHandshakeAndHeartbeatAndCapturesEveryConnection) {
+    const int port =
+        start({"--out", dir_.file("out"), "--port-file", dir_.file("port"), "--keyword", "testIdx=7",
+               "--keyword", "qvMonitorInterval=5", "--heartbeat-interval", "0", "--summary-interval", "0"});
     ASSERT_GT(port, 0);
-    EXPECT_EQ(readFile(dir.path() / "port"), std::to_string(port) + "\n");
+    EXPECT_EQ(dir_.read("port"), std::to_string(port) + "\n");
 
     Client ctrl(port);
     ASSERT_TRUE(ctrl.ok());
@@ -256,43 +215,37 @@ TEST(QvCollector, AnswersHandshakeAndHeartbeatAndCapturesEveryConnection) {
     ASSERT_TRUE(asConn.send(as));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     ASSERT_TRUE(dataConn.send(data.substr(7)));
-    EXPECT_TRUE(waitForFile(out / "data-1.rec", data));
-    EXPECT_TRUE(waitForFile(out / "as-1.rec", as));
-    EXPECT_TRUE(waitForFile(out / "other-1.log", garbage));
+    EXPECT_TRUE(waitForFile("out/data-1.rec", data));
+    EXPECT_TRUE(waitForFile("out/as-1.rec", as));
+    EXPECT_TRUE(waitForFile("out/other-1.log", garbage));
     EXPECT_TRUE(
-        waitForFile(out / "control-1.log", kHandshake + "qv_control_req:action=reconnect;heartBeat 0;\n"));
+        waitForFile("out/control-1.log", kHandshake + "qv_control_req:action=reconnect;heartBeat 0;\n"));
 
     // The same agent reconnecting while its test runs is told RUNNING and gets no second start.
     Client again(port);
     ASSERT_TRUE(again.send(kHandshake));
     EXPECT_EQ(again.readUntil("\n"), "qv_ctrl_msg_rep:result=Ok;status=RUNNING;\n");
 
-    child.signal(SIGTERM);
-    EXPECT_EQ(child.waitExit(), 0);
-    const std::string err = readFile(dir.path() / "stderr");
+    child_.signal(SIGTERM);
+    EXPECT_EQ(child_.waitExit(), 0);
+    const std::string err = dir_.read("stderr");
     EXPECT_NE(err.find("flowpaths     1, discard marks (-99) 0"), std::string::npos) << err;
-    EXPECT_EQ(readFile(out / "control-2.sent"), "qv_ctrl_msg_rep:result=Ok;status=RUNNING;\n");
+    EXPECT_EQ(dir_.read("out/control-2.sent"), "qv_ctrl_msg_rep:result=Ok;status=RUNNING;\n");
 }
 
-TEST(QvCollector, ScriptSendsExactCommandTextsAndExitsAfterStop) {
-    REQUIRE_BINARY();
-    TempDir dir;
-    writeFile(dir.path() / "script",
-              "# waits for two flowpaths before talking to the agent\n"
-              "wait-records 2 2\n"
-              "modify AgentTraceLevel=4;enableFPTrace=1\n"
-              "meta x;y;z;5,7_3;1;2\n"
-              "heartbeat dataConnState=0 AutosensorConnState=1\n"
-              "reroute host=10.1.2.3 port=7891 tier=ALL\n"
-              "raw qv_control_req:action=bogus\\x01\n"
-              "silence 10\n"
-              "stop\n");
-    Child child;
-    ASSERT_TRUE(
-        child.start({"--out", (dir.path() / "out").string(), "--script", (dir.path() / "script").string(),
-                     "--no-start", "--exit-after-stop", "--heartbeat-interval", "0", "--quiet"},
-                    dir.path() / "stderr"));
-    const int port = child.readPort();
+TEST_F(QvCollector, ScriptSendsExactCommandTextsAndExitsAfterStop) {
+    dir_.write("script",
+               "# waits for two flowpaths before talking to the agent\n"
+               "wait-records 2 2\n"
+               "modify AgentTraceLevel=4;enableFPTrace=1\n"
+               "meta x;y;z;5,7_3;1;2\n"
+               "heartbeat dataConnState=0 AutosensorConnState=1\n"
+               "reroute host=10.1.2.3 port=7891 tier=ALL\n"
+               "raw qv_control_req:action=bogus\\x01\n"
+               "silence 10\n"
+               "stop\n");
+    const int port = start({"--out", dir_.file("out"), "--script", dir_.file("script"), "--no-start",
+                            "--exit-after-stop", "--heartbeat-interval", "0", "--quiet"});
     ASSERT_GT(port, 0);
     Client ctrl(port);
     ASSERT_TRUE(ctrl.send(kHandshake));
@@ -313,22 +266,15 @@ TEST(QvCollector, ScriptSendsExactCommandTextsAndExitsAfterStop) {
     // Acknowledged stop, then the data connection's data-over record: the simulator ends.
     ASSERT_TRUE(ctrl.send("qv_control_rep:action=stop_instrumentation;status=stopping;result=Ok;\n"));
     ASSERT_TRUE(dataConn.send("10,\n"));
-    EXPECT_EQ(child.waitExit(), 0);
+    EXPECT_EQ(child_.waitExit(), 0);
 }
 
-TEST(QvCollector, SilenceSwallowsHeartbeatRepliesAndDisconnectClosesControl) {
-    REQUIRE_BINARY();
-    TempDir dir;
+TEST_F(QvCollector, SilenceSwallowsHeartbeatRepliesAndDisconnectClosesControl) {
     // "raw entering-silence" and "silence" run in the same script step, so once the agent sees
     // the marker the collector is already silent.
-    writeFile(dir.path() / "script",
-              "wait-reply ready\nraw entering-silence\nsilence 300\nraw done\ndisconnect\nquit\n");
-    Child child;
-    ASSERT_TRUE(
-        child.start({"--out", (dir.path() / "out").string(), "--script", (dir.path() / "script").string(),
-                     "--no-start", "--heartbeat-interval", "0", "--summary-interval", "0"},
-                    dir.path() / "stderr"));
-    const int port = child.readPort();
+    dir_.write("script", "wait-reply ready\nraw entering-silence\nsilence 300\nraw done\ndisconnect\nquit\n");
+    const int port = start({"--out", dir_.file("out"), "--script", dir_.file("script"), "--no-start",
+                            "--heartbeat-interval", "0", "--summary-interval", "0"});
     ASSERT_GT(port, 0);
     Client ctrl(port);
     ASSERT_TRUE(ctrl.send(kHandshake));
@@ -338,76 +284,59 @@ TEST(QvCollector, SilenceSwallowsHeartbeatRepliesAndDisconnectClosesControl) {
     ASSERT_TRUE(ctrl.send("qv_control_req:action=reconnect;heartBeat 3;\n"));
     EXPECT_EQ(ctrl.readUntil("done\n"), "done\n");  // no heartbeat reply in between
     EXPECT_EQ(ctrl.readUntil("never sent"), "");    // then closed by "disconnect"
-    EXPECT_EQ(child.waitExit(), 0);
-    EXPECT_NE(readFile(dir.path() / "stderr").find("agent         heartbeats 1,"), std::string::npos);
+    EXPECT_EQ(child_.waitExit(), 0);
+    EXPECT_NE(dir_.read("stderr").find("agent         heartbeats 1,"), std::string::npos);
 }
 
-TEST(QvCollector, StartKeywordsComeFromFileThenCommandLine) {
-    REQUIRE_BINARY();
-    TempDir dir;
-    writeFile(dir.path() / "kw", "# start keywords\ntestIdx=2\n\nkorEpochDiff=100\n");
-    Child child;
-    ASSERT_TRUE(child.start({"--out", (dir.path() / "out").string(), "--no-default-keywords",
-                             "--keywords-file", (dir.path() / "kw").string(), "--keyword", "testIdx=3",
-                             "--keyword", "ASReportInterval=5", "--heartbeat-interval", "0", "--quiet"},
-                            dir.path() / "stderr"));
-    const int port = child.readPort();
+TEST_F(QvCollector, StartKeywordsComeFromFileThenCommandLine) {
+    dir_.write("kw", "# start keywords\ntestIdx=2\n\nkorEpochDiff=100\n");
+    const int port = start({"--out", dir_.file("out"), "--no-default-keywords", "--keywords-file",
+                            dir_.file("kw"), "--keyword", "testIdx=3", "--keyword", "ASReportInterval=5",
+                            "--heartbeat-interval", "0", "--quiet"});
     ASSERT_GT(port, 0);
     Client ctrl(port);
     ASSERT_TRUE(ctrl.send(kHandshake));
     const std::string start =
         "qv_control_req:action=start_instrumentation;testIdx=3;korEpochDiff=100;ASReportInterval=5;\n";
     EXPECT_EQ(ctrl.readUntil(start), kNotRunning + start);
-    child.signal(SIGINT);
-    EXPECT_EQ(child.waitExit(), 0);
+    child_.signal(SIGINT);
+    EXPECT_EQ(child_.waitExit(), 0);
 }
 
-TEST(QvCollector, ScriptErrorsAndTimedOutWaitsShowInTheExitCode) {
-    REQUIRE_BINARY();
-    TempDir dir;
-    writeFile(dir.path() / "bad", "sleep 10\nfrobnicate now\n");
+TEST_F(QvCollector, ScriptErrorsAndTimedOutWaitsShowInTheExitCode) {
+    dir_.write("bad", "sleep 10\nfrobnicate now\n");
     {
         Child child;
         ASSERT_TRUE(
-            child.start({"--out", (dir.path() / "o1").string(), "--script", (dir.path() / "bad").string()},
-                        dir.path() / "stderr1"));
+            child.start({"--out", dir_.file("o1"), "--script", dir_.file("bad")}, dir_.file("stderr1")));
         EXPECT_EQ(child.waitExit(), 1);
-        EXPECT_NE(readFile(dir.path() / "stderr1").find(":2: unknown command 'frobnicate'"),
-                  std::string::npos);
+        EXPECT_NE(dir_.read("stderr1").find(":2: unknown command 'frobnicate'"), std::string::npos);
     }
-    writeFile(dir.path() / "wait", "wait-records 2 5 50\nquit\n");
-    Child child;
-    ASSERT_TRUE(child.start(
-        {"--out", (dir.path() / "o2").string(), "--script", (dir.path() / "wait").string(), "--quiet"},
-        dir.path() / "stderr2"));
-    EXPECT_GT(child.readPort(), 0);
-    EXPECT_EQ(child.waitExit(), 2);
+    dir_.write("wait", "wait-records 2 5 50\nquit\n");
+    EXPECT_GT(start({"--out", dir_.file("o2"), "--script", dir_.file("wait"), "--quiet"}), 0);
+    EXPECT_EQ(child_.waitExit(), 2);
 }
 
-TEST(QvCollector, DecodePrintsCallTreesAndMonitorTables) {
-    REQUIRE_BINARY();
-    TempDir dir;
-    writeFile(dir.path() / "data-1.rec",
-              "qv_data_msg_req:appName=shop\n\n"
-              "5,index.php,1\n5,Cart->load,2\n5,PDO->query,3\n5,ADO.NET_QuoteDB,4\n5,curl_exec,5\n"
-              "7,2,/shop/cart\n22,0,6,SELECT * FROM cart WHERE id=?\n"
-              "2,1001,1700000000,77,77.1,2,/shop/cart?id=7,,0,0,0,,0,0\n"
-              "3,1001,1:77_0_0__2:77_0_5__3:77_0_10__\n"
-              "4,1001,500,13,0,120,2,0,3:77_1_30____T7:4:30:10:6:10_2:77_1_80____5:77_0_90__5:77_1_25____"
-              "E9:5:25:1:0:90:500_1:77_1_120____\n"
-              "2,1002,1700000001,78,78.1,2,/shop/cart,,0,0,0,,0,0\n"
-              "4,1002,-99,10,0,3,2,0,1:78_0_0__e1_\n"
-              "2,1003,1700000002,79,79.1,2,/shop/cart,,0,0,0,,0,0\n");
-    writeFile(dir.path() / "as-1.rec",
-              "74,1|2|2:t>s>a>/shop/cart|0.050000 200.000000 100.000000 300 3 0.0 0.000000\n"
-              "75,1|2|4:t>s>a>ADO.NET_QuoteDB|5 0.100000 30.000000 30 30 1 0\n"
-              "61,1|2|2:t>s>a>Cart->load|4 0.016667 80.000000 2147483647.000000 80 1\n");
-    Child child;
-    ASSERT_TRUE(child.start({"decode", "--flowpaths", "2", (dir.path() / "data-1.rec").string(),
-                             (dir.path() / "as-1.rec").string()},
-                            dir.path() / "stderr"));
-    const std::string text = child.readStdoutToEnd();
-    EXPECT_EQ(child.waitExit(), 0);
+TEST_F(QvCollector, DecodePrintsCallTreesAndMonitorTables) {
+    dir_.write("data-1.rec",
+               "qv_data_msg_req:appName=shop\n\n"
+               "5,index.php,1\n5,Cart->load,2\n5,PDO->query,3\n5,ADO.NET_QuoteDB,4\n5,curl_exec,5\n"
+               "7,2,/shop/cart\n22,0,6,SELECT * FROM cart WHERE id=?\n"
+               "2,1001,1700000000,77,77.1,2,/shop/cart?id=7,,0,0,0,,0,0\n"
+               "3,1001,1:77_0_0__2:77_0_5__3:77_0_10__\n"
+               "4,1001,500,13,0,120,2,0,3:77_1_30____T7:4:30:10:6:10_2:77_1_80____5:77_0_90__5:77_1_25____"
+               "E9:5:25:1:0:90:500_1:77_1_120____\n"
+               "2,1002,1700000001,78,78.1,2,/shop/cart,,0,0,0,,0,0\n"
+               "4,1002,-99,10,0,3,2,0,1:78_0_0__e1_\n"
+               "2,1003,1700000002,79,79.1,2,/shop/cart,,0,0,0,,0,0\n");
+    dir_.write("as-1.rec",
+               "74,1|2|2:t>s>a>/shop/cart|0.050000 200.000000 100.000000 300 3 0.0 0.000000\n"
+               "75,1|2|4:t>s>a>ADO.NET_QuoteDB|5 0.100000 30.000000 30 30 1 0\n"
+               "61,1|2|2:t>s>a>Cart->load|4 0.016667 80.000000 2147483647.000000 80 1\n");
+    ASSERT_TRUE(child_.start({"decode", "--flowpaths", "2", dir_.file("data-1.rec"), dir_.file("as-1.rec")},
+                             dir_.file("stderr")));
+    const std::string text = child_.readStdoutToEnd();
+    EXPECT_EQ(child_.waitExit(), 0);
     EXPECT_EQ(
         text,
         "== records ==\n"
@@ -455,25 +384,21 @@ TEST(QvCollector, DecodePrintsCallTreesAndMonitorTables) {
         "      2  Cart->load     0.017      80.0         -        80       1         4\n");
 }
 
-TEST(QvCollector, DecodeSkipsMalformedInputWithoutFailing) {
-    REQUIRE_BINARY();
-    TempDir dir;
+TEST_F(QvCollector, DecodeSkipsMalformedInputWithoutFailing) {
     std::string bad =
         "2,\n2,x,y\n3,1001\n3,1001,1:77_9_0__:::_T1:2_E__e_\n4,1001,a,b,c,d,e,f,g\n"
         "4,1001,200,10,0,5,2,0,1:77_1_5____1:77_1_5____99999999999999999999_0_1__\n"
         "74,|\n74,1|2|x:|1 2\n75,1|2|3:a>b>c>d|zz\n61,,,,\n5,\n7,x,y\n22,0,z,q\n";
     bad += std::string(200000, 'A') + "\n";
     for (int i = 0; i < 4096; ++i) bad.push_back(static_cast<char>((i * 131) ^ (i >> 3)));
-    writeFile(dir.path() / "bad.rec", bad);
-    Child child;
+    dir_.write("bad.rec", bad);
     ASSERT_TRUE(
-        child.start({"decode", (dir.path() / "bad.rec").string(), (dir.path() / "missing.rec").string()},
-                    dir.path() / "stderr"));
-    const std::string text = child.readStdoutToEnd();
-    EXPECT_EQ(child.waitExit(), 1);  // the missing file, after decoding the other
+        child_.start({"decode", dir_.file("bad.rec"), dir_.file("missing.rec")}, dir_.file("stderr")));
+    const std::string text = child_.readStdoutToEnd();
+    EXPECT_EQ(child_.waitExit(), 1);  // the missing file, after decoding the other
     EXPECT_EQ(text.rfind("== records ==\n", 0), 0u) << text;
     EXPECT_NE(text.find("flowpath 1001"), std::string::npos) << text;
-    EXPECT_NE(readFile(dir.path() / "stderr").find("cannot open"), std::string::npos);
+    EXPECT_NE(dir_.read("stderr").find("cannot open"), std::string::npos);
 }
 
 }  // namespace

@@ -1,0 +1,79 @@
+// Shared by the codec tests: an agent started as the SDK starts it, without its control thread
+// (no collector answers here), and the reset of every module it started.
+#ifndef QV_TESTS_CODEC_FIXTURE_H
+#define QV_TESTS_CODEC_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "backend/QVBackendMonitor.h"
+#include "bt/QVBTManager.h"
+#include "bt/QVMonitorCommon.h"
+#include "bt/QVMonitorDataModel.h"
+#include "codec/codec_module.h"
+#include "codec/qvlb_decode.h"
+#include "collector/QVCServerConfig.h"
+#include "collector/QVDataDispatcher.h"
+#include "collector/Server.h"
+#include "collector/control_thread.h"
+#include "core/qv_agent.h"
+#include "flowpath/QVFlowpathGenerator.h"
+#include "flowpath/QVMethodHashMap.h"
+#include "flowpath/QVPerThreadData.h"
+#include "flowpath/QVSQLProcessor.h"
+#include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_hashmap.h"
+#include "mm/QVMethodMonitor.h"
+#include "sdk/qv_sdk.h"
+#include "support/loopback_peer.h"
+#include "support/temp_home.h"
+
+// A fresh agent home with logs/ (exported as QVHOME while it lives).
+inline std::unique_ptr<TempAgentHome> makeHome() {
+    auto home = std::make_unique<TempAgentHome>();
+    std::filesystem::create_directories(home->path() + "logs");
+    return home;
+}
+
+// Starts the agent in the current home and stops its control thread again; null on failure.
+inline QVProxyInstance_t* startAgent() {
+    qv_init_internal(0);
+    if (qvApplication != nullptr) {
+        qv_agent_shutdown();
+        qv_store(qvAgentStopping, 0);
+    }
+    return qvApplication;
+}
+
+// Lets the data thread connect to the collector list (or the proxy) in the settings.
+inline void startDataThread(QVProxyInstance_t* app) {
+    qv_store(app->Server.testRunRunning, 1);
+    qv_store(app->Server.retryForDataConn, 1);
+    ASSERT_EQ(check_data_thread(), 0);
+}
+
+inline void resetAgentModules() {
+    qvlb_decode_reset_for_test();
+    qv_agent_shutdown();
+    qv_data_dispatcher_reset_for_test();
+    control_thread_reset_for_test();
+    server_reset_for_test();
+    qvc_server_config_reset_for_test();
+    qv_sdk_reset_for_test();
+    qvMethodMonitorResetForTest();
+    qvBackendMonitorResetForTest();
+    qvSQLProcessorResetForTest();
+    qvbt_manager_reset_for_test();
+    qvMonitorDataModelResetForTest();
+    qvMonitorCommonResetForTest();
+    qvFlowpathGeneratorResetForTest();
+    qv_flowpath_pool_reset_for_test();
+    qvMethodRegistryResetForTest();
+    qvAgentHooks = QVAgentHooks{};
+    qv_agent_reset_for_test();
+}
+
+#endif
