@@ -263,12 +263,7 @@ TEST_F(BTMonitorConcurrency, CountsAddUpWhileReportsRunAndTheArrayGrows) {
     constexpr int kBts = 4;
     constexpr int kPerThread = 3000;
     BTObject* bts[kBts];
-    for (int i = 0; i < kBts; i++) {
-        std::string name = "/bt" + std::to_string(i);
-        bts[i] = find_bt_obj_in_config_map(name.c_str(), i + 2, 3000, 5000);
-        ASSERT_EQ(checkAndIncrementAggrBTDataArray(bts[i]), 0);
-    }
-    qv_store(config.total_bt_count, kBts + 1);
+    for (int i = 0; i < kBts; i++) bts[i] = bt(("/bt" + std::to_string(i)).c_str(), i + 2);
 
     std::atomic<int> running{kThreads};
     std::atomic<int> reports{0};

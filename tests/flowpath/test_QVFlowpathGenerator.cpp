@@ -97,11 +97,19 @@ class FlowpathTest : public AgentTest {
             if (l.rfind("2,", 0) == 0 || l.rfind("3,", 0) == 0 || l.rfind("4,", 0) == 0) out.push_back(l);
         return out;
     }
-    QVPerThreadData_t* start(const char* fp = nullptr, const char* url = "/shop/cart",
-                             long long startTime = T0, const char* cookie = nullptr, const char* wb = nullptr,
-                             const char* corr = nullptr, long long qTime = 7) {
+    static QVPerThreadData_t* tryStart(const char* fp = nullptr, const char* url = "/shop/cart",
+                                       long long startTime = T0, const char* cookie = nullptr,
+                                       const char* wb = nullptr, const char* corr = nullptr,
+                                       long long qTime = 7) {
         return static_cast<QVPerThreadData_t*>(
             startFP(txt(fp), txt(url), nullptr, nullptr, txt(cookie), txt(wb), txt(corr), qTime, startTime));
+    }
+    // A flowpath that must start (a null record fails here before the test goes on with it).
+    template <class... A>
+    static QVPerThreadData_t* start(A... a) {
+        QVPerThreadData_t* r = tryStart(a...);
+        EXPECT_NE(r, nullptr);
+        return r;
     }
     // Entry at T0 + at (explicit start times keep the blob deterministic).
     static methodPropProperties* enter(QVPerThreadData_t* r, const char* name, long long at,
@@ -191,7 +199,6 @@ TEST_F(FlowpathTest, InstanceIdsFollowTheMaskAndItsKeywords) {
 TEST_F(FlowpathTest, CaptureDecisionAndForcedAndChainedStrings) {
     qv_store(app_->QVSys.bciInstrSessionPct, 0);
     QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
     EXPECT_EQ(r->tlIsFPCaptured, 0);
     // Sampled at 100 %, forced for all, neither.
     const int cases[][3] = {{100, 0, 1}, {0, 1, 1}, {0, 0, 0}};
@@ -203,20 +210,17 @@ TEST_F(FlowpathTest, CaptureDecisionAndForcedAndChainedStrings) {
     }
 
     QVPerThreadData_t* forced = start("123F");
-    ASSERT_NE(forced, nullptr);
     EXPECT_EQ(ints(forced->flowpathInstance, forced->tlIsForceDump, forced->tlIsFPCaptured), ints(123, 1, 1));
     EXPECT_STREQ(getFPInstanceFromTL(forced), "123");
     EXPECT_EQ(search_hashmap(fpiToTLS, "123"), forced);
 
     QVPerThreadData_t* chained = start("5_7_3.2");
-    ASSERT_NE(chained, nullptr);
     EXPECT_NE(chained->flowpathInstance, 5);
     EXPECT_EQ(ints(chained->tlIsForceDump, chained->firstFlowpathInstance, chained->prevFlowpathInstance),
               ints(0, 5, 7));
     ASSERT_NE(chained->prevTierSeq, nullptr);
     EXPECT_STREQ(chained->prevTierSeq, "3.2");
     QVPerThreadData_t* lone = start("9_");
-    ASSERT_NE(lone, nullptr);
     EXPECT_EQ(lone->prevFlowpathInstance, 9);
     EXPECT_STREQ(lone->prevTierSeq, "1");
 
@@ -227,16 +231,15 @@ TEST_F(FlowpathTest, CaptureDecisionAndForcedAndChainedStrings) {
     EXPECT_EQ(viaTemp->flowpathInstance, 77);
 
     qv_store(app_->Server.gettingstopInstrumenatation, 1);
-    EXPECT_EQ(start(), nullptr);
+    EXPECT_EQ(tryStart(), nullptr);
     qv_store(app_->Server.gettingstopInstrumenatation, 0);
     qv_store(app_->Server.testRunRunning, 0);
-    EXPECT_EQ(start(), nullptr);
+    EXPECT_EQ(tryStart(), nullptr);
 }
 
 TEST_F(FlowpathTest, HeadersOfFirstAndLaterTiers) {
     // First tier: fourteen fields, the twelfth empty.
     QVPerThreadData_t* r = start(nullptr, "/shop/cart?x=1");
-    ASSERT_NE(r, nullptr);
     const std::string tid = std::to_string(r->tlThreadId);
     EXPECT_EQ(header(r), "2," + fpi(r) + "," + std::to_string(T0 / 1000) + "," + tid + "," + tid + ".1," +
                              std::to_string(btId(r)) + ",/shop/cart?x=1,,0,0,0,,0,7");
@@ -254,7 +257,6 @@ TEST_F(FlowpathTest, HeadersOfFirstAndLaterTiers) {
     qv_store(app_->QVSys.captureCorrelationEnabled, 1);
     std::string cookie = "sid=42; inst=1 ;cnt=3;ts=" + std::to_string(T0 - 1000);
     QVPerThreadData_t* l = start("5F_7F_3.2", "/a/b?p=1", T0, cookie.c_str(), "9|11", "req%201", 12);
-    ASSERT_NE(l, nullptr);
     EXPECT_EQ(l->tlIsFPCaptured, 1);  // the session is instrumented
     EXPECT_EQ(header(l), "2," + fpi(l) + "F:5F:7F," + std::to_string(T0 / 1000) + "," +
                              std::to_string(l->tlThreadId) + ",3.2.1," + std::to_string(btId(l)) +
@@ -266,18 +268,15 @@ TEST_F(FlowpathTest, HeadersOfFirstAndLaterTiers) {
 
     // An expired session (count past maxFPCountInSession) starts a new one with this flowpath.
     QVPerThreadData_t* e = start(nullptr, "/a/b", T0, "sid=42;inst=1;cnt=1001;ts=0");
-    ASSERT_NE(e, nullptr);
     EXPECT_EQ(ints(e->qvSessionId, e->totalFpcount, e->tlIsFPCaptured), ints(e->flowpathInstance, 1, 0));
     // A malformed cookie is no session at all: a fresh one starts, nothing from the text is taken.
     QVPerThreadData_t* m = start(nullptr, "/a/b", T0, "sid=42;inst=1;cnt=x", "9|z");
-    ASSERT_NE(m, nullptr);
     EXPECT_EQ(ints(m->qvSessionId, m->tlIsFPCaptured, m->korSID, m->QVPageID),
               ints(m->flowpathInstance, 0, 0, 0));
 }
 
 TEST_F(FlowpathTest, BlobEntriesOfEveryForm) {
     QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
     // The pseudo-method's entry opens every flowpath, at relative time 0.
     EXPECT_EQ(blob(r), std::to_string(DefaultMethod->methodId) + ":0_0_0__");
     r->sequenceBlobLen = 0;
@@ -313,7 +312,6 @@ TEST_F(FlowpathTest, BlobEntriesOfEveryForm) {
 // would print them.
 TEST_F(FlowpathTest, EntryNumbersReadAsPrintfWouldPrintThem) {
     QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
     std::vector<long long> values = {0, LLONG_MIN, LLONG_MAX, INT_MIN, INT_MAX, 4294967295LL, 4294967296LL};
     for (long long p = 1;; p *= 10) {
         for (long long v : {p - 1, p, p + 1, -p, -(p - 1)}) values.push_back(v);
@@ -338,10 +336,8 @@ TEST_F(FlowpathTest, EntryNumbersReadAsPrintfWouldPrintThem) {
 
 TEST_F(FlowpathTest, CalloutRecordsOfEveryForm) {
     QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
     methodPropProperties* db = method("Db.query");
     methodPropProperties* http = method("Http.call");
-    ASSERT_TRUE(db && http);
     const std::string d = std::to_string(db->methodId), h = std::to_string(http->methodId);
     r->seqNum = 4;
     r->tlSQLObj.sqlId = 9;
@@ -370,7 +366,6 @@ TEST_F(FlowpathTest, CalloutRecordsOfEveryForm) {
 
 TEST_F(FlowpathTest, StatusFiveHundredTurnsLaterCalloutsToEAndBackendsAreNamed) {
     QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
     enter(r, "Plain.work", 1);
     leave(r, "Plain.work", 1, 500);
     enter(r, "Svc.handle", 2);
@@ -381,11 +376,10 @@ TEST_F(FlowpathTest, StatusFiveHundredTurnsLaterCalloutsToEAndBackendsAreNamed) 
     // Database callout without backend name: reported as the database backend, created with type 2.
     r->sequenceBlobLen = 0;
     enter(r, "Db.query", 3, "select 1 from t");
-    EXPECT_EQ(r->tlSQLObj.DBCallDepth, 1);
+    const int depthInCall = r->tlSQLObj.DBCallDepth;
     leave(r, "Db.query", 4);
-    EXPECT_EQ(r->tlSQLObj.DBCallDepth, 0);
+    EXPECT_EQ(ints(depthInCall, r->tlSQLObj.DBCallDepth), ints(1, 0));
     methodPropProperties* dbBackend = method(QV_DEFAULT_DBIP_NAME);
-    ASSERT_NE(dbBackend, nullptr);
     EXPECT_EQ(dbBackend->type, 2);
     std::regex dbRe(id("Db.query") + ":0_0_3__" + id("Db.query") +
                     ":0_1_4____E\\d+:" + std::to_string(dbBackend->methodId) +
@@ -404,7 +398,6 @@ TEST_F(FlowpathTest, StatusFiveHundredTurnsLaterCalloutsToEAndBackendsAreNamed) 
     leave(r, "Http.call", 6, 200, "api.example.com", 1);
     EXPECT_EQ(r->httpCallOutDepth, 0);
     methodPropProperties* host = method("api.example.com");
-    ASSERT_NE(host, nullptr);
     EXPECT_EQ(host->type, 1);
     const std::string hid = std::to_string(host->methodId);
     EXPECT_TRUE(std::regex_search(blob(r), std::regex("E31:" + hid + ":6:1:0:\\d+:500:" + hid + "_$")))
@@ -421,7 +414,6 @@ TEST_F(FlowpathTest, StatusFiveHundredTurnsLaterCalloutsToEAndBackendsAreNamed) 
 TEST_F(FlowpathTest, NonServiceMethodLimitHidesEntriesAndExits) {
     qv_store(app_->QVSys.bciMaxNonServiceMethodsPerFP, 2);
     QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
     r->sequenceBlobLen = 0;
     enter(r, "A.one", 1);
     enter(r, "B.two", 2);
@@ -443,7 +435,6 @@ TEST_F(FlowpathTest, NotCapturedAndExcludedFlowpathsWriteNothingOrMarkTheirEnd) 
     qv_store(app_->QVSys.bciInstrSessionPct, 0);
     // Started now, so these flowpaths are quick (category 10) at their end.
     QVPerThreadData_t* r = start(nullptr, "/shop/cart", my_gettimeofday());
-    ASSERT_NE(r, nullptr);
     ASSERT_EQ(r->tlIsFPCaptured, 0);
     size_t afterStart = blob(r).size();
     enter(r, "Plain.work", 1);
@@ -457,7 +448,6 @@ TEST_F(FlowpathTest, NotCapturedAndExcludedFlowpathsWriteNothingOrMarkTheirEnd) 
 
     // Callout records are appended even so; once they were written out the end marks -99.
     QVPerThreadData_t* s = start(nullptr, "/shop/cart", my_gettimeofday());
-    ASSERT_NE(s, nullptr);
     const int limit = getMaxCharactersInSeqBlob();
     setMaxCharactersInSeqBlob(static_cast<int>(blob(s).size()) + 10);
     enter(s, "Db.query", 1, "select 2");
@@ -507,7 +497,6 @@ TEST_F(FlowpathTest, NotCapturedAndExcludedFlowpathsWriteNothingOrMarkTheirEnd) 
 
 TEST_F(FlowpathTest, BlobOfExactlyTheLimitIsWrittenOutAtOnce) {
     QVPerThreadData_t* r = start("55F");
-    ASSERT_NE(r, nullptr);
     const std::string first = blob(r);
     setMaxCharactersInSeqBlob(static_cast<int>(first.size()) + 11);
     updateFPSeqBlob(r, 7, 15, 0, -1, -1, 0, 0, nullptr);  // "7:0_0_15__": 10 bytes, one short
@@ -533,7 +522,6 @@ TEST_F(FlowpathTest, BlobOfExactlyTheLimitIsWrittenOutAtOnce) {
 TEST_F(FlowpathTest, HugeAndOddBlobLimitsNeverOverflow) {
     setMaxCharactersInSeqBlob(INT_MAX);
     QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
     std::string all = blob(r);
     for (int i = 0; i < 5000; i++) {
         updateFPSeqBlob(r, 7, i, 0, -1, -1, 0, 0, nullptr);
@@ -568,7 +556,6 @@ TEST_F(FlowpathTest, HugeAndOddBlobLimitsNeverOverflow) {
 TEST_F(FlowpathTest, TransactionEndToEndWithTheSdkStartTimeOfZero) {
     long long before = my_gettimeofday();
     QVPerThreadData_t* r = start(nullptr, "/checkout", 0);
-    ASSERT_NE(r, nullptr);
     EXPECT_EQ(r->tlFlowPathTimeStampInMS, 0);
     const std::string f1 = fpi(r);
     for (const char* m : {"Svc.handle", "Plain.work", "Db.query"})
@@ -643,34 +630,34 @@ TEST_F(FlowpathTest, EnableProxyServerFindsTheRecordByItsKey) {
 }
 
 std::vector<std::string> forwarded;
-std::string s(long long v) {
-    return std::to_string(v);
+// One forwarded call with its arguments, blank-separated; a null text shows as "-".
+template <class... T>
+void note(const char* call, T... v) {
+    std::ostringstream o;
+    o << call;
+    ((o << ' ' << v), ...);
+    forwarded.push_back(o.str());
+}
+const char* orDash(const char* t) {
+    return t ? t : "-";
 }
 
 TEST_F(FlowpathTest, ForwardingProcessOnlyEncodes) {
-    forwarded.clear();
     qvFlowpathHooks.transactionStartEncode = [](int q, long fp, char* hdr, char* url, char*, char*, char*,
-                                                char*, long long st) {
-        forwarded.push_back("start " + s(q) + " " + s(fp) + " " + (hdr ? hdr : "-") + " " + url + " " +
-                            s(st));
-    };
+                                                char*,
+                                                long long st) { note("start", q, fp, orDash(hdr), url, st); };
     qvFlowpathHooks.MethodEntryEncode = [](int mid, long fp, long tid, char* name, char* qs, char*,
                                            long long st) {
-        forwarded.push_back("entry " + s(mid) + " " + s(fp) + " " + s(tid) + " " + name + " " +
-                            (qs ? qs : "-") + " " + s(st));
+        note("entry", mid, fp, tid, name, orDash(qs), st);
     };
     qvFlowpathHooks.MethodExitEncode = [](int mid, int status, int ev, int co, long tid, long dur, long fp,
                                           long cpu, char* name, char* be) {
-        forwarded.push_back("exit " + s(mid) + " " + s(status) + " " + s(ev) + " " + s(co) + " " + s(tid) +
-                            " " + s(dur) + " " + s(fp) + " " + s(cpu) + " " + name + " " + (be ? be : "-"));
+        note("exit", mid, status, ev, co, tid, dur, fp, cpu, name, orDash(be));
     };
-    qvFlowpathHooks.transactionEndEncode = [](int st, long fp) {
-        forwarded.push_back("end " + s(st) + " " + s(fp));
-    };
-    qvFlowpathHooks.transactionResetEncode = [](long fp) { forwarded.push_back("reset " + s(fp)); };
+    qvFlowpathHooks.transactionEndEncode = [](int st, long fp) { note("end", st, fp); };
+    qvFlowpathHooks.transactionResetEncode = [](long fp) { note("reset", fp); };
     qv_store(app_->QVSys.proxyMode, 1);
     QVPerThreadData_t* r = start("321", "/fw", 99, nullptr, nullptr, nullptr, 4);
-    ASSERT_NE(r, nullptr);
     EXPECT_EQ(r->flowpathInstanceStr[0], '\0');  // nothing beyond the id is set up here
     qvMethodEntry(nullptr, r, txt("M.x"), txt("/test"), nullptr, 8, nullptr, nullptr, 0);
     qvMethodExit(nullptr, r, txt("M.x"), 3, 500, txt("h"), 6, 8, 1, nullptr, 2);

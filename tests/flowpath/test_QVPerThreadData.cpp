@@ -65,8 +65,7 @@ TEST_F(PoolTest, RecordLifecycle) {
     qv_store(qvApplication->QVSys.fpTraceLevel, 1);
     startPool();
     QVPerThreadData_t* a = take();
-    EXPECT_EQ(gBusyTLSHead, a);
-    EXPECT_EQ(gBusyTLSTail, a);
+    EXPECT_TRUE(gBusyTLSHead == a && gBusyTLSTail == a);
     apr_thread_mutex_t* blobLock = a->sequenceBlobLock;
     ASSERT_NE(blobLock, nullptr);
     const long long idx = a->tlsIdx;
@@ -80,8 +79,7 @@ TEST_F(PoolTest, RecordLifecycle) {
     tlsdatastruct.load()[idx] = TLSDataStruct{a, 1234, 5678};
     resetAllThreadLocals(a, tlsdatastruct);
     free_tls_slot(a);
-    EXPECT_EQ(gBusyTLSHead, nullptr);
-    EXPECT_EQ(gBusyTLSTail, nullptr);
+    EXPECT_TRUE(gBusyTLSHead == nullptr && gBusyTLSTail == nullptr);
     free_tls_slot(nullptr);
     free_tls_slot(a);
     EXPECT_EQ(counts(), ints(64, 0, 64));
@@ -156,8 +154,7 @@ TEST_F(PoolTest, DumpFromBusyListWritesAndReturnsEveryRecord) {
     dumpFpFromBusyList();
     ASSERT_NE(takenDuringDump, nullptr);
     EXPECT_EQ(dumped, (std::vector<QVPerThreadData_t*>{last, takenDuringDump}));
-    EXPECT_EQ(gBusyTLSHead, nullptr);
-    EXPECT_EQ(gBusyTLSTail, nullptr);
+    EXPECT_TRUE(gBusyTLSHead == nullptr && gBusyTLSTail == nullptr);
     EXPECT_EQ(gBusyTLSCnt, 0);
 }
 
@@ -273,8 +270,7 @@ TEST_F(PoolConcurrency, TakeAndGiveBackFromManyThreads) {
     EXPECT_EQ(errors.load(), 0);
     // Lost records are still counted as free.
     EXPECT_EQ(counts(), ints(g_tlsidx, 0, g_tlsidx));
-    EXPECT_EQ(gBusyTLSHead, nullptr);
-    EXPECT_EQ(gBusyTLSTail, nullptr);
+    EXPECT_TRUE(gBusyTLSHead == nullptr && gBusyTLSTail == nullptr);
     EXPECT_EQ(g_tlsidx % 64, 0);
     EXPECT_EQ(getTlsHotspotTableRows(), g_tlsidx);
     EXPECT_LE(countFreeReachable(), gFreeTLSCnt);
