@@ -222,8 +222,7 @@ TEST_F(RuleReader, BadInputCorpus) {
         manySegs,
         "2|3|r|N|d|1|1|[input1=checkForValue&&input2=a&&input3=bogus&&input4=1]|-\n",
         "2|2|r|N|d|1|1|[input1=contains&&input2=|-\n",
-        "2|3|r|N|d|1|1|" + std::string(900, '[') + "|-\n",
-    };
+        "2|3|r|N|d|1|1|" + std::string(900, '[') + "|-\n"};
     for (const std::string& text : corpus) {
         readRules(text);
         readThresholds(text);

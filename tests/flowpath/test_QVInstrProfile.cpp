@@ -64,8 +64,7 @@ TEST(InstrProfGrammar, MalformedLinesGiveTheirReason) {
         {std::string("entry|App::\0x", 13), "non-printable character"},
         {"entry|App::x\x7f", "non-printable character"},
         {"entry|App::x\r\r", "non-printable character"},
-        {"entry|" + std::string(QV_INSTR_PROF_MAX_LINE, 'm'), "line too long"},
-    };
+        {"entry|" + std::string(QV_INSTR_PROF_MAX_LINE, 'm'), "line too long"}};
     for (const auto& [line, reason] : bad) {
         Parsed p = parse(line);
         EXPECT_EQ(p.rc, -1) << line;
