@@ -16,62 +16,18 @@
 #include "bt/QVBTMonitor.h"
 #include "bt/QVBTMonitorDataCounters.h"
 #include "bt/QVBTRuleReader.h"
-#include "collector/QVDataDispatcher.h"
-#include "core/QVBCISettings.h"
-#include "core/QVSettingRecords.h"
-#include "core/qv_agent.h"
+#include "bt/bt_fixture.h"
 #include "foundation/qvlb_atomic.h"
-#include "foundation/qvlb_mem.h"
-#include "foundation/qvlb_mt_log.h"
-#include "foundation/qvlb_util.h"
 #include "qvbt/qvbt_rule_execute.h"
 #include "qvbt/qvbt_utils.h"
-#include "support/temp_home.h"
 
 namespace {
 
-class BTManager : public ::testing::Test {
+class BTManager : public BTConfigTest {
   protected:
-    void SetUp() override {
-        memset(&app_, 0, sizeof(app_));
-        qvApplication = &app_;
-        homePath_ = home_.path();
-        app_.QVSys.qvHomePath = homePath_.data();
-        app_.QVSys.btMonitorTraceLevel = 1;
-        app_.QVSys.controlTraceLevel = 1;
-        app_.QVSys.dataBuffMaxCount = 4;
-        app_.QVSys.bciDataBufferMaxSize = 1 << 20;
-        QVBTErrorArrayInit();
-        trace_log_key = qvlb_init_mt_trace_log_ex(home_.path().c_str(), "bt", 1, 10);
-        ASSERT_EQ(buff_list_init(), 0);
-    }
-    void TearDown() override {
-        qvbt_manager_reset_for_test();
-        qv_data_dispatcher_reset_for_test();
-        initQVDynamicSettings();
-        qvlb_trace_log_reset_for_test();
-        qvApplication = nullptr;
-    }
-    // Records queued for the data connection so far.
-    std::string records() const {
-        std::string all;
-        for (nioSettings_t* n = readList; n != nullptr; n = n->next) all.append(n->buff, n->use_len);
-        if (QVBCIAgentBB != nullptr) all.append(QVBCIAgentBB->buff, QVBCIAgentBB->use_len);
-        return all;
-    }
-    static int countOf(const std::string& hay, const std::string& needle) {
-        int n = 0;
-        for (size_t p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + 1)) ++n;
-        return n;
-    }
     BTObject* name(const char* url, const char* query = nullptr, const char* hdr = nullptr) {
         return get_obj_from_bt_name(url, query, hdr, nullptr);
     }
-    void fileMode() { app_.QVBCISetting.fileBasedKeywordMode = '1'; }
-
-    TempAgentHome home_;
-    std::string homePath_;
-    QVProxyInstance_t app_;
 };
 
 class BTConcurrency : public BTManager {};
@@ -80,19 +36,14 @@ class BTConcurrency : public BTManager {};
 
 TEST_F(BTManager, IdentifiersAndOthersOverflowWithOneMetadataRecord) {
     QVBTConfigModelInit();
-    EXPECT_EQ(config.max_bt_count, 256);
-    EXPECT_EQ(config.total_bt_count, 1);
-    std::set<int> ids;
+    EXPECT_EQ(ints(config.max_bt_count, config.total_bt_count), ints(256, 1));
     for (int i = 0; i < 255; ++i) {
         char buf[129];
         snprintf(buf, sizeof(buf), "/u%d", i);
         BTObject* o = updateBTObject(buf);
         ASSERT_NE(o, nullptr);
-        EXPECT_EQ(o->bt_id, i + 2);
-        EXPECT_EQ(o->is_meta_data_dumped, 1);
-        ids.insert(o->bt_id);
+        EXPECT_EQ(ints(o->bt_id, o->is_meta_data_dumped), ints(i + 2, 1));
     }
-    EXPECT_EQ(ids.size(), 255u);
     EXPECT_EQ(config.total_bt_count, 256);
     char next[129] = "/u255";
     BTObject* others = updateBTObject(next);
@@ -106,7 +57,7 @@ TEST_F(BTManager, IdentifiersAndOthersOverflowWithOneMetadataRecord) {
     EXPECT_EQ(updateBTObject(known)->bt_id, 9);
     EXPECT_EQ(updateBTObject(nullptr), nullptr);
 
-    const std::string recs = records();
+    const std::string recs = queuedRecords();
     EXPECT_EQ(countOf(recs, "7,1,Others\n"), 1);
     EXPECT_EQ(countOf(recs, "\n7,"), 255);  // one record per BT, Others included
     EXPECT_EQ(recs.rfind("7,2,/u0\n", 0), 0u);
@@ -120,8 +71,7 @@ TEST_F(BTManager, DefaultRuleNamesByTwoSegmentsAndStampsDiagnostics) {
     BTObject* ab = name("/a/b/c", "x=1");
     ASSERT_NE(ab, nullptr);
     EXPECT_STREQ(ab->bt_name, "/a/b");
-    EXPECT_EQ(ab->bt_threshold.slow, 3000);
-    EXPECT_EQ(ab->bt_threshold.very_slow, 5000);
+    EXPECT_EQ(thresholds(ab), ints(3000, 5000));
     EXPECT_STREQ(name("/a")->bt_name, "/a");
     EXPECT_EQ(name("/a/b/d"), ab);
     EXPECT_EQ(ab->AIFlag, 0);
@@ -129,10 +79,8 @@ TEST_F(BTManager, DefaultRuleNamesByTwoSegmentsAndStampsDiagnostics) {
     qv_store(QVDynamicSettings.enableDDAI, 1);
     qv_store(QVDynamicSettings.ddAIInterval, 30);
     EXPECT_EQ(name("/a/b/x"), ab);
-    EXPECT_EQ(ab->AIFlag, 1);
-    EXPECT_EQ(ab->bt_endTime - ab->bt_startTime, 30);
-    EXPECT_EQ(ab->dd_IntervalTime, 30);
-    EXPECT_NE(home_.read("bt_0").find("Setting defult BT rule = 1|2|Default|"), std::string::npos);
+    EXPECT_EQ(ints(ab->AIFlag, ab->bt_endTime - ab->bt_startTime, ab->dd_IntervalTime), ints(1, 30, 30));
+    EXPECT_NE(log().find("Setting defult BT rule = 1|2|Default|"), std::string::npos);
 }
 
 TEST_F(BTManager, ThresholdFileBTsKeepTheirThresholds) {
@@ -142,11 +90,8 @@ TEST_F(BTManager, ThresholdFileBTsKeepTheirThresholds) {
     BTObject* t = name("/t/x/y");
     ASSERT_NE(t, nullptr);
     EXPECT_EQ(t->bt_id, 2);
-    EXPECT_EQ(t->bt_threshold.slow, 7);
-    EXPECT_EQ(t->bt_threshold.very_slow, 9);
-    BTObject* other = name("/o/p");
-    EXPECT_EQ(other->bt_threshold.slow, 100);
-    EXPECT_EQ(other->bt_threshold.very_slow, 200);
+    EXPECT_EQ(thresholds(t), ints(7, 9));
+    EXPECT_EQ(thresholds(name("/o/p")), ints(100, 200));
 }
 
 TEST_F(BTManager, StartUpReadsTheHomeFilesAsFilesWhateverTheKeywordMode) {
@@ -158,8 +103,7 @@ TEST_F(BTManager, StartUpReadsTheHomeFilesAsFilesWhateverTheKeywordMode) {
     BTObject* shop = name("/shop/cart/add");
     ASSERT_NE(shop, nullptr);
     EXPECT_STREQ(shop->bt_name, "/shop");
-    EXPECT_EQ(shop->bt_threshold.slow, 11);
-    EXPECT_EQ(shop->bt_threshold.very_slow, 22);
+    EXPECT_EQ(thresholds(shop), ints(11, 22));
 
     // A source delivered later in this mode is rule text, not a path.
     char text[] = "1|2|Two|d|FromFirst|2|-|-|-\n";
@@ -174,7 +118,6 @@ TEST_F(BTManager, PatternNamingExclusionAndIdsPastTheMonitorArray) {
                 "7|CartAgain|8|0|/cart|0\n");
     QVBTConfigModelInit();
     ASSERT_EQ(bt_rule, 7);
-    EXPECT_EQ(QVBTMonitor.aggDataArraySize, 128);
     BTObject* cart = name("/cart", "a=b");
     ASSERT_NE(cart, nullptr);
     EXPECT_STREQ(cart->bt_name, "Cart");
@@ -191,7 +134,7 @@ TEST_F(BTManager, PatternNamingExclusionAndIdsPastTheMonitorArray) {
     EXPECT_EQ(others->bt_id, 1);
     EXPECT_EQ(name("/cart\x01"), others);  // non-printable: Others
     // Pattern BTs get no metadata record here.
-    EXPECT_EQ(countOf(records(), "7,5,"), 0);
+    EXPECT_EQ(countOf(queuedRecords(), "7,5,"), 0);
 }
 
 TEST_F(BTManager, HeaderRuleFallsBackToGlobalRuleWithoutHeaderValue) {
@@ -227,10 +170,7 @@ TEST_F(BTConcurrency, OverlappingNamesGetOneObjectAndOneId) {
                     const std::string url = "/c" + std::to_string(u) + "/p/q";
                     BTObject* o = get_obj_from_bt_name(url.c_str(), "q=1", nullptr, locks[t]);
                     ASSERT_NE(o, nullptr);
-                    auto [it, fresh] = seen[t].emplace(url, o);
-                    if (!fresh) {
-                        ASSERT_EQ(it->second, o);
-                    }
+                    ASSERT_EQ(seen[t].emplace(url, o).first->second, o);  // the same object each time
                 }
             }
         });
@@ -253,7 +193,7 @@ TEST_F(BTConcurrency, OverlappingNamesGetOneObjectAndOneId) {
     }
     EXPECT_EQ(byId.size(), 255u);
     EXPECT_EQ(othersUrls, kUrls - 255);
-    const std::string recs = records();
+    const std::string recs = queuedRecords();
     EXPECT_EQ(countOf(recs, "7,1,Others\n"), 1);
     for (const auto& [id, n] : byId)
         EXPECT_EQ(countOf(recs, "7," + std::to_string(id) + "," + n + "\n"), 1) << n;

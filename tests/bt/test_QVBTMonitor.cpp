@@ -5,43 +5,25 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "bt/QVBTManager.h"
 #include "bt/QVBTMonitor.h"
 #include "bt/QVBTMonitorDataCounters.h"
-#include "bt/QVMonitorDataModel.h"
-#include "bt/bt_module.h"
-#include "core/QVBCISettings.h"
-#include "core/QVSettingRecords.h"
-#include "core/qv_agent.h"
+#include "bt/bt_fixture.h"
 #include "core/qvlb_keywords.h"
-#include "flowpath/QVMethodHashMap.h"
-#include "flowpath/QVPerThreadData.h"
-#include "flowpath/flowpath_module.h"
 #include "foundation/qvlb_atomic.h"
-#include "foundation/qvlb_fault.h"
-#include "foundation/qvlb_mutex.h"
 #include "qvbt/qvbt_bt_object.h"
-#include "support/temp_home.h"
 
 namespace {
 
-class BTMonitorTest : public ::testing::Test {
+class BTMonitorTest : public BTAgentTest {
   protected:
     void SetUp() override {
-        home_ = std::make_unique<TempAgentHome>();
-        qv_flowpath_register_hooks();
-        qv_bt_register_hooks();
-        agent_init("bttest", 1, "bttest", nullptr);
-        ASSERT_NE(qvApplication, nullptr);
-        if (config.bt_obj_map.hash == nullptr) {
-            ASSERT_EQ(qvbt_bt_maps_init(), 0);
-        }
+        BTAgentTest::SetUp();
+        ASSERT_TRUE(config.bt_obj_map.hash != nullptr || qvbt_bt_maps_init() == 0);
         setTierName(const_cast<char*>("T1"));
         setAppServerName(const_cast<char*>("S1"));
         setAppName(const_cast<char*>("A1"));
@@ -50,16 +32,6 @@ class BTMonitorTest : public ::testing::Test {
         QVBTMonitorInit();
         buf_.assign(QV_MONITOR_BUFFER_SIZE, 'x');
     }
-    void TearDown() override {
-        qvlb_fault_reset();
-        qvbt_manager_reset_for_test();
-        qvMonitorDataModelResetForTest();
-        qvMonitorCommonResetForTest();
-        qv_flowpath_pool_reset_for_test();
-        qvMethodRegistryResetForTest();
-        qv_agent_reset_for_test();
-        home_.reset();
-    }
     // A live BT with the given identifier, entered into the merged array as the manager does.
     BTObject* bt(const char* name, int id) {
         BTObject* o = find_bt_obj_in_config_map(name, id, 3000, 5000);
@@ -67,11 +39,6 @@ class BTMonitorTest : public ::testing::Test {
         EXPECT_EQ(checkAndIncrementAggrBTDataArray(o), 0);
         if (qv_load(config.total_bt_count) < id) qv_store(config.total_bt_count, id);
         return o;
-    }
-    QVPerThreadData_t* take() {
-        QVPerThreadData_t* r = get_free_tls_slot();
-        resetAllThreadLocals(r, tlsdatastruct);
-        return r;
     }
     static void request(QVPerThreadData_t* r, BTObject* o, char category, long long duration) {
         r->tlBTObj = o;
@@ -87,7 +54,6 @@ class BTMonitorTest : public ::testing::Test {
         for (std::string l; std::getline(in, l);) lines.push_back(l);
         return lines;
     }
-    std::unique_ptr<TempAgentHome> home_;
     std::vector<char> buf_;
     int used_ = 0;
 };
@@ -97,7 +63,7 @@ std::string afterBar(const std::string& line) {
 }
 
 // Fifth value (the request count) of a 74 record.
-int countOf(const std::string& line) {
+int requestsOf(const std::string& line) {
     std::istringstream in(afterBar(line));
     std::string v;
     for (int i = 0; i < 5; i++) in >> v;
@@ -153,7 +119,7 @@ TEST_F(BTMonitorTest, ThreeRequestsGiveTheBtAndAllTransactionsRecords) {
     // The next interval starts from zero: only the overall record, with nothing counted.
     lines = generate();
     ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(countOf(lines[0]), 0);
+    EXPECT_EQ(requestsOf(lines[0]), 0);
     EXPECT_EQ(afterBar(lines[0]).rfind("0.000000 0.000000 500000.000000 0 0 0.0 ", 0), 0u);
 
     // Monitor off (numeric 0) or no BT: not counted.
@@ -241,11 +207,9 @@ TEST_F(BTMonitorTest, KeywordHandlers) {
 
     // maxBTCount: 0 refused; a valid value reaches the BT configuration too.
     EXPECT_EQ(parseMaxBTCount(zero, nullptr, 0), -1);
-    EXPECT_EQ(QVBTMonitor.maxBTCount, 256);
-    EXPECT_EQ(config.max_bt_count, 256);
+    EXPECT_EQ(ints(QVBTMonitor.maxBTCount, config.max_bt_count), ints(256, 256));
     EXPECT_EQ(parseMaxBTCount(v300, nullptr, 0), 0);
-    EXPECT_EQ(QVBTMonitor.maxBTCount, 300);
-    EXPECT_EQ(config.max_bt_count, 300);
+    EXPECT_EQ(ints(QVBTMonitor.maxBTCount, config.max_bt_count), ints(300, 300));
 
     // BTAggDataArraySize: only grows, with initialised blocks, keeping the entries.
     BTObject* two = bt("/two", 2);
@@ -254,8 +218,8 @@ TEST_F(BTMonitorTest, KeywordHandlers) {
     EXPECT_EQ(parseBTAggDataArraySize(v200, nullptr, 0), 0);
     EXPECT_EQ(QVBTMonitor.aggDataArraySize, 200);
     EXPECT_EQ(QVBTMonitor.aggBTDataArr[2].tlBTObj, two);
-    EXPECT_EQ(QVBTMonitor.aggBTDataArr[199].minDuration, 2147483647LL);
-    EXPECT_EQ(QVBTMonitor.aggBTDataArr[199].dataExist, 0);
+    EXPECT_EQ(ints(QVBTMonitor.aggBTDataArr[199].minDuration, QVBTMonitor.aggBTDataArr[199].dataExist),
+              ints(2147483647LL, 0));
 
     // enableBTMonitorError: negative refused.
     EXPECT_EQ(parseBTMonitorErrorLevel(neg, nullptr, 0), -1);
@@ -289,29 +253,17 @@ TEST_F(BTMonitorTest, ThreadsSharingANumberAreAllMerged) {
     }
     std::vector<std::string> lines = generate();
     ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(countOf(lines[0]), 2);
+    EXPECT_EQ(requestsOf(lines[0]), 2);
 }
 
-TEST(BTMonitorConcurrency, CountsAddUpWhileReportsRunAndTheArrayGrows) {
-    TempAgentHome home;
-    qv_flowpath_register_hooks();
-    qv_bt_register_hooks();
-    agent_init("bttest", 1, "bttest", nullptr);
-    ASSERT_NE(qvApplication, nullptr);
-    if (config.bt_obj_map.hash == nullptr) {
-        ASSERT_EQ(qvbt_bt_maps_init(), 0);
-    }
-    QVBTMonitorInit();
+class BTMonitorConcurrency : public BTMonitorTest {};
+
+TEST_F(BTMonitorConcurrency, CountsAddUpWhileReportsRunAndTheArrayGrows) {
     constexpr int kThreads = 4;
     constexpr int kBts = 4;
     constexpr int kPerThread = 3000;
     BTObject* bts[kBts];
-    for (int i = 0; i < kBts; i++) {
-        std::string name = "/bt" + std::to_string(i);
-        bts[i] = find_bt_obj_in_config_map(name.c_str(), i + 2, 3000, 5000);
-        ASSERT_EQ(checkAndIncrementAggrBTDataArray(bts[i]), 0);
-    }
-    qv_store(config.total_bt_count, kBts + 1);
+    for (int i = 0; i < kBts; i++) bts[i] = bt(("/bt" + std::to_string(i)).c_str(), i + 2);
 
     std::atomic<int> running{kThreads};
     std::atomic<int> reports{0};
@@ -326,9 +278,9 @@ TEST(BTMonitorConcurrency, CountsAddUpWhileReportsRunAndTheArrayGrows) {
         std::istringstream in(std::string(buf.data(), static_cast<size_t>(used)));
         for (std::string l; std::getline(in, l);) {
             if (l.find("AllTransactions|") != std::string::npos)
-                reportedAll += countOf(l);
+                reportedAll += requestsOf(l);
             else
-                reportedPerBt += countOf(l);
+                reportedPerBt += requestsOf(l);
         }
     };
     std::thread reporter([&] {
@@ -376,12 +328,6 @@ TEST(BTMonitorConcurrency, CountsAddUpWhileReportsRunAndTheArrayGrows) {
     EXPECT_EQ(reportedAll, static_cast<long long>(kThreads) * kPerThread);
     EXPECT_EQ(reportedPerBt, static_cast<long long>(kThreads) * kPerThread);
     EXPECT_GE(QVBTMonitor.aggDataArraySize, 700);
-
-    qvbt_manager_reset_for_test();
-    qvMonitorDataModelResetForTest();
-    qv_flowpath_pool_reset_for_test();
-    qvMethodRegistryResetForTest();
-    qv_agent_reset_for_test();
 }
 
 }  // namespace

@@ -6,54 +6,32 @@
 
 #include <string>
 
-#include "bt/QVBTManager.h"
 #include "bt/QVBTMonitor.h"
-#include "collector/QVDataDispatcher.h"
-#include "core/QVBCISettings.h"
-#include "core/qv_agent.h"
-#include "foundation/qvlb_mt_log.h"
+#include "bt/bt_fixture.h"
 #include "qvbt/qvbt_custom_rule.h"
 #include "qvbt/qvbt_rule_execute.h"
-#include "support/temp_home.h"
 
 namespace {
 
-class RuleReader : public ::testing::Test {
+class RuleReader : public BTConfigTest {
   protected:
     void SetUp() override {
-        memset(&app_, 0, sizeof(app_));
-        qvApplication = &app_;
-        homePath_ = home_.path();
-        app_.QVSys.qvHomePath = homePath_.data();
-        app_.QVSys.btMonitorTraceLevel = 1;
-        app_.QVSys.controlTraceLevel = 1;
-        trace_log_key = qvlb_init_mt_trace_log_ex(home_.path().c_str(), "bt", 1, 10);
+        BTConfigTest::SetUp();
         qvbt_bt_maps_init();
         QVBTMonitorInit();
     }
-    void TearDown() override {
-        qvbt_manager_reset_for_test();
-        qv_data_dispatcher_reset_for_test();
-        qvlb_trace_log_reset_for_test();
-        qvApplication = nullptr;
-    }
     int readRules(std::string text) { return qvbt_read_rule_file(text.data()); }
     int readThresholds(std::string text) { return qvbt_read_threshold_file(text.data()); }
-    std::string log() const { return home_.read("bt_0"); }
     std::string btName(const char* url, const char* query = nullptr) {
         BTObject* o = get_obj_from_bt_name(url, query, nullptr, nullptr);
         return o ? o->bt_name : "(excluded)";
     }
-
-    TempAgentHome home_;
-    std::string homePath_;
-    QVProxyInstance_t app_;
 };
 
 }  // namespace
 
 TEST_F(RuleReader, CommentsOnlySourceFallsBackToDefaultRule) {
-    app_.QVBCISetting.fileBasedKeywordMode = '1';
+    fileMode();
     home_.write("BTRuleFile.txt", "# rules\n#1|1|x|y|FromFirst|1|-|-|-\n\n");
     QVBTConfigModelInit();
     EXPECT_EQ(bt_rule, 0);
@@ -70,8 +48,8 @@ TEST_F(RuleReader, PassesSizeBeforePatternsAndPatternsWinOverGlobalRule) {
     EXPECT_EQ(global_rule, nullptr);  // pass 3 does not run
     EXPECT_EQ(skipCount, 0);          // negative skip taken as 0
     EXPECT_EQ(btName("/p1"), "P1");
-    EXPECT_NE(log().find("BT rule type 8 is not supported"), std::string::npos);
-    EXPECT_NE(log().find("BT rule type 11 is not supported"), std::string::npos);
+    for (const char* type : {"8", "11"})
+        EXPECT_NE(log().find("BT rule type " + std::string(type) + " is not supported"), std::string::npos);
 
     // A later read without patterns replaces them; the first "1|" line is the one parsed.
     readRules("1|2|n|d|FromLast|1|-|-|-\n1|1|n|d|FromFirst|1|-|-|-\n");
@@ -83,10 +61,10 @@ TEST_F(RuleReader, GlobalRuleFieldsAndShortLine) {
     char shortLine[] = "1|1|n|d|FromFirst|1|-|-";
     EXPECT_EQ(parse_global_rule(shortLine), 0);
     ASSERT_NE(global_rule, nullptr);
-    EXPECT_EQ(global_rule->rule_mode, 4);  // the default line: two segments + request header
-    EXPECT_EQ(global_rule->seg_type, 6);
+    // The default line: two segments + request header.
+    EXPECT_EQ(ints(global_rule->rule_mode, global_rule->seg_type, global_rule->include_uri_in_name_segment),
+              ints(4, 6, 2));
     EXPECT_STREQ(global_rule->header, "CustomeHeader");
-    EXPECT_EQ(global_rule->include_uri_in_name_segment, 2);
     EXPECT_NE(
         log().find(
             "Number of fields in BTRule File for Global rule is less than 8, Hence applying Default rule"),
@@ -94,21 +72,19 @@ TEST_F(RuleReader, GlobalRuleFieldsAndShortLine) {
 
     char param[] = "1|2|n|d|FromFirst|1|Request-Parameter-Value|id|-|extra|more";
     parse_global_rule(param);
-    EXPECT_EQ(global_rule->rule_mode, 4);
-    EXPECT_EQ(global_rule->seg_type, 5);
+    EXPECT_EQ(ints(global_rule->rule_mode, global_rule->seg_type, global_rule->parameter_at_end_len),
+              ints(4, 5, 4));
     EXPECT_STREQ(global_rule->parameter_at_start, "id=");
     EXPECT_STREQ(global_rule->parameter_at_end, "&id=");
-    EXPECT_EQ(global_rule->parameter_at_end_len, 4);
 
     char segs[] = "1|1|n|d|neither|-|Request-URI-Segments-Numbers|2,x,,1|-";
     parse_global_rule(segs);
-    EXPECT_EQ(global_rule->rule_mode, 3);
-    EXPECT_EQ(global_rule->include_uri_in_name_order, 0);
-    EXPECT_EQ(global_rule->include_uri_in_name_segment, 0);
-    ASSERT_EQ(global_rule->uri_seg_no_list_length, 3);
-    EXPECT_EQ(global_rule->uri_seg_no_list[0], 2);
-    EXPECT_EQ(global_rule->uri_seg_no_list[1], 0);
-    EXPECT_EQ(global_rule->uri_seg_no_list[2], 1);
+    const QVBTGlobalRule* g = global_rule;
+    EXPECT_EQ(ints(g->rule_mode, g->include_uri_in_name_order, g->include_uri_in_name_segment),
+              ints(3, 0, 0));
+    EXPECT_EQ(
+        ints(g->uri_seg_no_list_length, g->uri_seg_no_list[0], g->uri_seg_no_list[1], g->uri_seg_no_list[2]),
+        ints(3, 2, 0, 1));
 }
 
 TEST_F(RuleReader, PatternLineErrors) {
@@ -138,15 +114,14 @@ TEST_F(RuleReader, ThresholdLines) {
     EXPECT_EQ(qvbt_read_threshold_file(nullptr), -1);
     EXPECT_EQ(readThresholds(""), -1);
     readThresholds("ALL|100|100\r\nALL|0|50\nx|1\n#ALL|1|2\n/ok|5|6\r\n/bad|9|8\n/neg|-1|5\nall|70|90\r\n");
-    EXPECT_EQ(allSlow, 70);
-    EXPECT_EQ(allVerySlow, 90);
+    EXPECT_EQ(ints(allSlow, allVerySlow), ints(70, 90));
     const std::string l = log();
-    EXPECT_NE(l.find("Invalid values: slow '100' >= very slow '100'"), std::string::npos);
-    EXPECT_NE(l.find("Invalid value(s): slow '0', very slow '50'"), std::string::npos);
-    EXPECT_NE(l.find("Invalid threshold line = 'x|1', num_fields = 2"), std::string::npos);
+    for (const char* m :
+         {"Invalid values: slow '100' >= very slow '100'", "Invalid value(s): slow '0', very slow '50'",
+          "Invalid threshold line = 'x|1', num_fields = 2"})
+        EXPECT_NE(l.find(m), std::string::npos) << m;
     BTObject* ok = find_bt_obj_in_config_map("/ok", -1, 1, 2);
-    EXPECT_EQ(ok->bt_threshold.slow, 5);
-    EXPECT_EQ(ok->bt_threshold.very_slow, 6);
+    EXPECT_EQ(thresholds(ok), ints(5, 6));
     EXPECT_EQ(ok->bt_id, 0);
     EXPECT_EQ(find_bt_obj_in_manager_map("/ok"), nullptr);
     EXPECT_EQ(find_bt_obj_in_config_map("/bad", -1, 1, 2)->bt_threshold.slow, 1);  // made only now
@@ -181,7 +156,7 @@ TEST_F(RuleReader, LineAndFileLimits) {
     EXPECT_EQ(getLineFromFile(nullptr, buf), -1);
 
     // A refused rule file reads as a source without lines.
-    app_.QVBCISetting.fileBasedKeywordMode = '1';
+    fileMode();
     home_.write("BTRuleFile.txt", "1|1|n|d|FromFirst|1|-|-|-\n" + std::string(1100, '#'));
     EXPECT_EQ(qvbt_read_rule_file(const_cast<char*>(home_.file("BTRuleFile.txt").c_str())), 0);
     EXPECT_EQ(bt_rule, 0);
@@ -215,11 +190,11 @@ TEST_F(RuleReader, CustomRulesNameRequests) {
     EXPECT_STREQ(qvbt_execute_custom_rule("/api/x", nullptr, "post", out, sizeof(out)), "Posts");
     EXPECT_STREQ(qvbt_execute_custom_rule("/api/x", nullptr, "PATCH", out, sizeof(out)), "others");
     const std::string l = log();
-    EXPECT_NE(l.find("Number of fields in BTRule File for custom rule is != 9, Hence applying Default rule"),
-              std::string::npos);
-    EXPECT_NE(l.find("Invalid rule mode given in field 1 = 4"), std::string::npos);
-    EXPECT_NE(l.find("Match criteria not found returning in field[7] = PATCH"), std::string::npos);
-    EXPECT_NE(l.find("Match criteria not found returning in field[7] = -"), std::string::npos);
+    for (const char* m :
+         {"Number of fields in BTRule File for custom rule is != 9, Hence applying Default rule",
+          "Invalid rule mode given in field 1 = 4", "Match criteria not found returning in field[7] = PATCH",
+          "Match criteria not found returning in field[7] = -"})
+        EXPECT_NE(l.find(m), std::string::npos) << m;
 
     // With a pattern rule in force the custom automaton is not built.
     readRules("2|1|r3|Posts|d|1|9|POST|-\n7|P|5|0|/p|0\n");
@@ -247,8 +222,7 @@ TEST_F(RuleReader, BadInputCorpus) {
         manySegs,
         "2|3|r|N|d|1|1|[input1=checkForValue&&input2=a&&input3=bogus&&input4=1]|-\n",
         "2|2|r|N|d|1|1|[input1=contains&&input2=|-\n",
-        "2|3|r|N|d|1|1|" + std::string(900, '[') + "|-\n",
-    };
+        "2|3|r|N|d|1|1|" + std::string(900, '[') + "|-\n"};
     for (const std::string& text : corpus) {
         readRules(text);
         readThresholds(text);

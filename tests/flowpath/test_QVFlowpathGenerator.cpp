@@ -7,8 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstring>
-#include <memory>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -21,23 +19,18 @@
 #include "bt/QVMonitorCommon.h"
 #include "bt/QVMonitorDataModel.h"
 #include "collector/QVCServerConfig.h"
-#include "collector/QVDataDispatcher.h"
 #include "core/QVSettingRecords.h"
-#include "core/qv_agent.h"
 #include "core/qvlb_keywords.h"
-#include "flowpath/QVMethodHashMap.h"
-#include "flowpath/QVPerThreadData.h"
 #include "flowpath/QVSQLProcessor.h"
 #include "flowpath/QVSessionCookie.h"
+#include "flowpath/flowpath_fixture.h"
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_hashmap.h"
-#include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_util.h"
 #include "mm/QVMethodMonitor.h"
 #include "sdk/qv_flowpath_wiring.h"
 #include "sdk/qv_modules.h"
 #include "support/loopback_peer.h"
-#include "support/temp_home.h"
 #include "tool/QVClientManager.h"
 
 namespace {
@@ -45,46 +38,33 @@ namespace {
 constexpr long long T0 = 1700000000000LL;  // a flowpath start on the collector time base
 constexpr int kWaitMs = 20000;             // safety net only
 
-const char* const kProfile =
-    "entry|Svc.handle\n"
-    "monitor|Plain.work\n"
-    "db|Db.query\n"
-    "http|Http.call\n"
-    "custom|Cust.op||Cust.target\n"
-    "forceentry|Forced.in\n";
-
 char* txt(const char* s) {
     return const_cast<char*>(s);
 }
 
-std::vector<std::string> split(const std::string& s, char sep) {
-    std::vector<std::string> out;
-    std::string cur;
-    for (char c : s) {
-        if (c == sep) {
-            out.push_back(cur);
-            cur.clear();
-        } else {
-            cur += c;
-        }
-    }
-    out.push_back(cur);
+std::vector<std::string> split(const std::string& s) {
+    std::vector<std::string> out{""};
+    for (char c : s)
+        if (c == ',')
+            out.emplace_back();
+        else
+            out.back() += c;
     return out;
 }
 
-class FlowpathTest : public ::testing::Test {
+class FlowpathTest : public AgentTest {
   protected:
     void SetUp() override {
-        home_ = std::make_unique<TempAgentHome>();
         home_->write("config/qvsettings.conf",
                      "tier=T1\nserver=S1\ninstance=I1\nqvcHost=127.0.0.1\nqvcPort=1\n");
-        home_->write("config/instrprofile.conf", kProfile);
+        home_->write("config/instrprofile.conf",
+                     "entry|Svc.handle\nmonitor|Plain.work\ndb|Db.query\nhttp|Http.call\n"
+                     "custom|Cust.op||Cust.target\nforceentry|Forced.in\n");
         qvlb_register_modules();
         qv_wire_flowpath_hooks();
         // No collector conversation here: tests drive the test run themselves.
         qvAgentHooks.controlThreadEntry = nullptr;
-        agent_init("fptest", 1, "fptest", nullptr);
-        ASSERT_NE(qvApplication, nullptr);
+        startAgent(1);
         ASSERT_NE(DefaultMethod, nullptr);
         app_ = qvApplication;
         qv_store(app_->QVSys.dataBuffMaxCount, 16);
@@ -104,37 +84,32 @@ class FlowpathTest : public ::testing::Test {
         qvMethodMonitorResetForTest();
         qvBackendMonitorResetForTest();
         qvSQLProcessorResetForTest();
-        qv_flowpath_pool_reset_for_test();
-        qvMethodRegistryResetForTest();
         clear_qvc_server_setting();
         qvc_server_config_reset_for_test();
-        qv_agent_reset_for_test();
-        home_.reset();
+        AgentTest::TearDown();
     }
 
-    // Everything handed to the dispatcher so far, in order (no data thread drains it here).
-    static std::string dispatched() {
-        QVLockGuard w(qv_load_acquire(bufferWriteLock));
-        QVLockGuard m(qv_load_acquire(bufferMoveLock));
-        std::string out;
-        for (nioSettings_t* n = readList; n != nullptr; n = n->next) out.append(n->buff, n->use_len);
-        if (QVBCIAgentBB != nullptr) out.append(QVBCIAgentBB->buff, QVBCIAgentBB->use_len);
-        return out;
-    }
-    // Flowpath records (types 2, 3, 4) dispatched since from bytes.
+    // Flowpath records (types 2, 3, 4) dispatched since from bytes (no data thread drains them here).
     static std::vector<std::string> fpRecords(size_t from = 0) {
         std::vector<std::string> out;
-        std::istringstream in(dispatched().substr(from));
+        std::istringstream in(queuedRecords().substr(from));
         for (std::string l; std::getline(in, l);)
             if (l.rfind("2,", 0) == 0 || l.rfind("3,", 0) == 0 || l.rfind("4,", 0) == 0) out.push_back(l);
         return out;
     }
-
-    QVPerThreadData_t* start(const char* fp = nullptr, const char* url = "/shop/cart",
-                             long long startTime = T0, const char* cookie = nullptr, const char* wb = nullptr,
-                             const char* corr = nullptr, long long qTime = 7) {
+    static QVPerThreadData_t* tryStart(const char* fp = nullptr, const char* url = "/shop/cart",
+                                       long long startTime = T0, const char* cookie = nullptr,
+                                       const char* wb = nullptr, const char* corr = nullptr,
+                                       long long qTime = 7) {
         return static_cast<QVPerThreadData_t*>(
             startFP(txt(fp), txt(url), nullptr, nullptr, txt(cookie), txt(wb), txt(corr), qTime, startTime));
+    }
+    // A flowpath that must start (a null record fails here before the test goes on with it).
+    template <class... A>
+    static QVPerThreadData_t* start(A... a) {
+        QVPerThreadData_t* r = tryStart(a...);
+        EXPECT_NE(r, nullptr);
+        return r;
     }
     // Entry at T0 + at (explicit start times keep the blob deterministic).
     static methodPropProperties* enter(QVPerThreadData_t* r, const char* name, long long at,
@@ -146,116 +121,106 @@ class FlowpathTest : public ::testing::Test {
         return qvMethodExit(nullptr, r, txt(name), -1, status, txt(backend), wall, 0, calloutDone, nullptr,
                             1);
     }
-    static int idOf(const char* name) {
+    static methodPropProperties* method(const char* name) {
         methodPropProperties* m = getMethodPropFromMethodName(name, nullptr);
         EXPECT_NE(m, nullptr) << name;
-        return m ? m->methodId : -1;
+        return m;
     }
+    static std::string id(const char* name) {
+        methodPropProperties* m = method(name);
+        return m ? std::to_string(m->methodId) : "?";
+    }
+    static std::string fpi(QVPerThreadData_t* r) { return std::to_string(r->flowpathInstance); }
     static std::string blob(QVPerThreadData_t* r) { return std::string(r->sequenceBlob, r->sequenceBlobLen); }
     static int btId(QVPerThreadData_t* r) { return qvFlowpathHooks.getBTId(r->tlBTObj); }
+    // The one record a header dump of r writes.
+    std::string header(QVPerThreadData_t* r) {
+        size_t mark = queuedRecords().size();
+        dumpFPHeaderRecord(r);
+        std::vector<std::string> recs = fpRecords(mark);
+        EXPECT_EQ(recs.size(), 1u);
+        return recs.empty() ? "" : recs[0];
+    }
 
-    std::unique_ptr<TempAgentHome> home_;
     QVProxyInstance_t* app_ = nullptr;
 };
 
-TEST_F(FlowpathTest, InstanceIdsFollowTheMaskWithDoubleAdvance) {
+TEST_F(FlowpathTest, InstanceIdsFollowTheMaskAndItsKeywords) {
     QVSys_t& s = app_->QVSys;
     char zero[] = "0%200%200%200";
     parse_flowpath_mask(zero);
     for (int i = 0; i < 3; i++) EXPECT_EQ(generate_flowpath_instance(), 0);
 
     // Sequence part only: the counter moves by two per id and the second advance's old value counts.
-    qv_store(s.flowPathInstanceInitialID, 5);
-    qv_store(s.seqNumMask, 0xFF);
+    char seqOnly[] = "5%200%200%20FF";
+    parse_flowpath_mask(seqOnly);
     qv_store(s.rSeq, 10);
     EXPECT_EQ(generate_flowpath_instance(), 5 + 11);
     EXPECT_EQ(qv_load(s.rSeq), 12);
     EXPECT_EQ(generate_flowpath_instance(), 5 + 13);
 
     // seqNoDigits 70 shifts by 70 & 63 = 6.
-    qv_store(s.flowPathInstanceInitialID, 0);
-    qv_store(s.timeStampMask, 0xFFFFFFFFFFFLL);
-    qv_store(s.seqNoDigits, 70);
-    qv_store(s.seqNumMask, 63);
+    char wide[] = "0%20FFFFFFFFFFF%2070%203F";
+    parse_flowpath_mask(wide);
     qv_store(s.rSeq, 40);
     long long before = my_gettimeofday();
-    long long id = generate_flowpath_instance();
-    long long after = my_gettimeofday();
-    EXPECT_EQ(id & 63, 41);
-    EXPECT_GE(id >> 6, before);
-    EXPECT_LE(id >> 6, after);
+    long long fp = generate_flowpath_instance();
+    EXPECT_EQ(fp & 63, 41);
+    EXPECT_GE(fp >> 6, before);
+    EXPECT_LE(fp >> 6, my_gettimeofday());
 
     // Wrapping arithmetic, never overflow.
     qv_store(s.flowPathInstanceInitialID, LLONG_MAX);
     qv_store(s.seqNoDigits, 63);
     qv_store(s.timeStampMask, -1);
     (void)generate_flowpath_instance();
-}
 
-TEST_F(FlowpathTest, MaskKeywordsTokenizerAndBlobLimitKeyword) {
     ASSERT_GE(findStatusFromClientMsg(txt("qv_control_req:action=modify;qvFlowpathMasks=1A%2000FF%2070%20F;"
                                           "maxCharInSeqBlob=5000")),
               2);
-    QVSys_t& s = app_->QVSys;
-    EXPECT_EQ(qv_load(s.flowPathInstanceInitialID), 26);
-    EXPECT_EQ(qv_load(s.timeStampMask), 255);
-    EXPECT_EQ(qv_load(s.seqNoDigits), 70);
-    EXPECT_EQ(qv_load(s.seqNumMask), 15);
+    EXPECT_EQ(ints(s.flowPathInstanceInitialID, s.timeStampMask, s.seqNoDigits, s.seqNumMask),
+              ints(26, 255, 70, 15));
     EXPECT_EQ(getMaxCharactersInSeqBlob(), 5000);
     EXPECT_NE(home_->traceLogs().find("Value of maxCharactersInSeqBlob : '5000' set."), std::string::npos);
-
     char shortMask[] = "7%20FF";
     parse_flowpath_mask(shortMask);
-    EXPECT_EQ(qv_load(s.flowPathInstanceInitialID), 7);
-    EXPECT_EQ(qv_load(s.timeStampMask), 255);
-    EXPECT_EQ(qv_load(s.seqNoDigits), 0);
-    EXPECT_EQ(qv_load(s.seqNumMask), 0);
+    EXPECT_EQ(ints(s.flowPathInstanceInitialID, s.timeStampMask, s.seqNoDigits, s.seqNumMask),
+              ints(7, 255, 0, 0));
     EXPECT_NE(home_->traceLogs().find("total fields of qvflowpathmask are less than 3"), std::string::npos);
 
     char buf[] = "a%20b%20c%20d";
     char* fields[3] = {};
     char tok[] = "%20";
     EXPECT_EQ(tokenize_flowpathmasks(buf, fields, tok, 2), 2);
-    EXPECT_STREQ(fields[0], "a");
-    EXPECT_STREQ(fields[1], "b");
-    EXPECT_STREQ(fields[2], "c%20d");
+    EXPECT_EQ(std::vector<std::string>(fields, fields + 3), (std::vector<std::string>{"a", "b", "c%20d"}));
     EXPECT_EQ(tokenize_flowpathmasks(nullptr, fields, tok, 2), 0);
 }
 
 TEST_F(FlowpathTest, CaptureDecisionAndForcedAndChainedStrings) {
     qv_store(app_->QVSys.bciInstrSessionPct, 0);
     QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
     EXPECT_EQ(r->tlIsFPCaptured, 0);
-    setFPCaptured(r, 1);
-    EXPECT_EQ(r->tlIsFPCaptured, 0);
-    qv_store(app_->QVSys.captureMethodForAllFP, 1);
-    setFPCaptured(r, 1);
-    EXPECT_EQ(r->tlIsFPCaptured, 1);
-    qv_store(app_->QVSys.captureMethodForAllFP, 0);
-    qv_store(app_->QVSys.bciInstrSessionPct, 100);
-    setFPCaptured(r, 1);
-    EXPECT_EQ(r->tlIsFPCaptured, 1);
-    qv_store(app_->QVSys.bciInstrSessionPct, 0);
+    // Sampled at 100 %, forced for all, neither.
+    const int cases[][3] = {{100, 0, 1}, {0, 1, 1}, {0, 0, 0}};
+    for (const auto& [pct, all, want] : cases) {
+        qv_store(app_->QVSys.bciInstrSessionPct, pct);
+        qv_store(app_->QVSys.captureMethodForAllFP, static_cast<short>(all));
+        setFPCaptured(r, 1);
+        EXPECT_EQ(r->tlIsFPCaptured, want) << pct << " " << all;
+    }
 
     QVPerThreadData_t* forced = start("123F");
-    ASSERT_NE(forced, nullptr);
-    EXPECT_EQ(forced->flowpathInstance, 123);
-    EXPECT_EQ(forced->tlIsForceDump, 1);
-    EXPECT_EQ(forced->tlIsFPCaptured, 1);
+    EXPECT_EQ(ints(forced->flowpathInstance, forced->tlIsForceDump, forced->tlIsFPCaptured), ints(123, 1, 1));
     EXPECT_STREQ(getFPInstanceFromTL(forced), "123");
     EXPECT_EQ(search_hashmap(fpiToTLS, "123"), forced);
 
     QVPerThreadData_t* chained = start("5_7_3.2");
-    ASSERT_NE(chained, nullptr);
     EXPECT_NE(chained->flowpathInstance, 5);
-    EXPECT_EQ(chained->tlIsForceDump, 0);
-    EXPECT_EQ(chained->firstFlowpathInstance, 5);
-    EXPECT_EQ(chained->prevFlowpathInstance, 7);
+    EXPECT_EQ(ints(chained->tlIsForceDump, chained->firstFlowpathInstance, chained->prevFlowpathInstance),
+              ints(0, 5, 7));
     ASSERT_NE(chained->prevTierSeq, nullptr);
     EXPECT_STREQ(chained->prevTierSeq, "3.2");
     QVPerThreadData_t* lone = start("9_");
-    ASSERT_NE(lone, nullptr);
     EXPECT_EQ(lone->prevFlowpathInstance, 9);
     EXPECT_STREQ(lone->prevTierSeq, "1");
 
@@ -266,81 +231,52 @@ TEST_F(FlowpathTest, CaptureDecisionAndForcedAndChainedStrings) {
     EXPECT_EQ(viaTemp->flowpathInstance, 77);
 
     qv_store(app_->Server.gettingstopInstrumenatation, 1);
-    EXPECT_EQ(start(), nullptr);
+    EXPECT_EQ(tryStart(), nullptr);
     qv_store(app_->Server.gettingstopInstrumenatation, 0);
     qv_store(app_->Server.testRunRunning, 0);
-    EXPECT_EQ(start(), nullptr);
+    EXPECT_EQ(tryStart(), nullptr);
 }
 
-TEST_F(FlowpathTest, FirstTierHeaderHasFourteenFieldsTwelfthEmpty) {
+TEST_F(FlowpathTest, HeadersOfFirstAndLaterTiers) {
+    // First tier: fourteen fields, the twelfth empty.
     QVPerThreadData_t* r = start(nullptr, "/shop/cart?x=1");
-    ASSERT_NE(r, nullptr);
-    size_t mark = dispatched().size();
-    dumpFPHeaderRecord(r);
+    const std::string tid = std::to_string(r->tlThreadId);
+    EXPECT_EQ(header(r), "2," + fpi(r) + "," + std::to_string(T0 / 1000) + "," + tid + "," + tid + ".1," +
+                             std::to_string(btId(r)) + ",/shop/cart?x=1,,0,0,0,,0,7");
     EXPECT_EQ(r->tlIsFPHeaderDumped, 1);
-    std::vector<std::string> recs = fpRecords(mark);
-    ASSERT_EQ(recs.size(), 1u);
-    std::string expected = "2," + std::to_string(r->flowpathInstance) + "," + std::to_string(T0 / 1000) +
-                           "," + std::to_string(r->tlThreadId) + "," + std::to_string(r->tlThreadId) + ".1," +
-                           std::to_string(btId(r)) + ",/shop/cart?x=1,,0,0,0,,0,7";
-    EXPECT_EQ(recs[0], expected);
-    std::vector<std::string> f = split(recs[0], ',');
-    ASSERT_EQ(f.size(), 14u);
-    EXPECT_EQ(f[11], "");
     EXPECT_GT(btId(r), 0);
-
-    // Without parameters the URL stands alone.
+    // Without parameters the URL stands alone; whole seconds are truncated toward zero.
     QVPerThreadData_t* plain = start(nullptr, "/a", -5500);
-    mark = dispatched().size();
-    dumpFPHeaderRecord(plain);
-    recs = fpRecords(mark);
-    ASSERT_EQ(recs.size(), 1u);
-    f = split(recs[0], ',');
+    std::vector<std::string> f = split(header(plain));
     ASSERT_EQ(f.size(), 14u);
-    EXPECT_EQ(f[2], "-5");  // whole seconds truncated toward zero
+    EXPECT_EQ(f[2], "-5");
     EXPECT_EQ(f[6], "/a");
-}
 
-TEST_F(FlowpathTest, LaterTierHeaderWithParametersForceDumpAndSession) {
+    // A later tier with parameters, force dump and a live session.
     qv_store(app_->QVSys.bciInstrSessionPct, 0);
     qv_store(app_->QVSys.captureCorrelationEnabled, 1);
     std::string cookie = "sid=42; inst=1 ;cnt=3;ts=" + std::to_string(T0 - 1000);
-    QVPerThreadData_t* r = start("5F_7F_3.2", "/a/b?p=1", T0, cookie.c_str(), "9|11", "req%201", 12);
-    ASSERT_NE(r, nullptr);
-    EXPECT_EQ(r->tlIsFPCaptured, 1);  // the session is instrumented
-    size_t mark = dispatched().size();
-    dumpFPHeaderRecord(r);
-    std::vector<std::string> recs = fpRecords(mark);
-    ASSERT_EQ(recs.size(), 1u);
-    std::string fpi = std::to_string(r->flowpathInstance);
-    EXPECT_EQ(recs[0], "2," + fpi + "F:5F:7F," + std::to_string(T0 / 1000) + "," +
-                           std::to_string(r->tlThreadId) + ",3.2.1," + std::to_string(btId(r)) +
-                           ",/a/b?p=1,req 1,42,9,11,,0,12");
-    EXPECT_EQ(split(recs[0], ',').size(), 14u);
-
+    QVPerThreadData_t* l = start("5F_7F_3.2", "/a/b?p=1", T0, cookie.c_str(), "9|11", "req%201", 12);
+    EXPECT_EQ(l->tlIsFPCaptured, 1);  // the session is instrumented
+    EXPECT_EQ(header(l), "2," + fpi(l) + "F:5F:7F," + std::to_string(T0 / 1000) + "," +
+                             std::to_string(l->tlThreadId) + ",3.2.1," + std::to_string(btId(l)) +
+                             ",/a/b?p=1,req 1,42,9,11,,0,12");
     // The live session counted this flowpath for the cookie the extension writes back.
     char c[QV_SESSION_COOKIE_MAX];
-    ASSERT_GT(getQVSessionCookie(r, c, sizeof(c)), 0);
+    ASSERT_GT(getQVSessionCookie(l, c, sizeof(c)), 0);
     EXPECT_EQ(std::string(c), "sid=42;inst=1;cnt=4;ts=" + std::to_string(T0));
 
     // An expired session (count past maxFPCountInSession) starts a new one with this flowpath.
     QVPerThreadData_t* e = start(nullptr, "/a/b", T0, "sid=42;inst=1;cnt=1001;ts=0");
-    ASSERT_NE(e, nullptr);
-    EXPECT_EQ(e->qvSessionId, e->flowpathInstance);
-    EXPECT_EQ(e->totalFpcount, 1);
-    EXPECT_EQ(e->tlIsFPCaptured, 0);
+    EXPECT_EQ(ints(e->qvSessionId, e->totalFpcount, e->tlIsFPCaptured), ints(e->flowpathInstance, 1, 0));
     // A malformed cookie is no session at all: a fresh one starts, nothing from the text is taken.
     QVPerThreadData_t* m = start(nullptr, "/a/b", T0, "sid=42;inst=1;cnt=x", "9|z");
-    ASSERT_NE(m, nullptr);
-    EXPECT_EQ(m->qvSessionId, m->flowpathInstance);
-    EXPECT_EQ(m->tlIsFPCaptured, 0);
-    EXPECT_EQ(m->korSID, 0);
-    EXPECT_EQ(m->QVPageID, 0);
+    EXPECT_EQ(ints(m->qvSessionId, m->tlIsFPCaptured, m->korSID, m->QVPageID),
+              ints(m->flowpathInstance, 0, 0, 0));
 }
 
 TEST_F(FlowpathTest, BlobEntriesOfEveryForm) {
     QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
     // The pseudo-method's entry opens every flowpath, at relative time 0.
     EXPECT_EQ(blob(r), std::to_string(DefaultMethod->methodId) + ":0_0_0__");
     r->sequenceBlobLen = 0;
@@ -354,15 +290,9 @@ TEST_F(FlowpathTest, BlobEntriesOfEveryForm) {
     updateFPSeqBlob(r, 7, 20, 2, -1, 0, 0, 99, nullptr);  // not an event: nothing
     r->seqNum = 6;
     appendExceptionRecordInSeqBlob(r);
-    EXPECT_EQ(blob(r),
-              "7_0_15_3_"
-              "7:99:1:/u_0_15__"
-              "7:99_0_15__"
-              "7:99_1_20____"
-              "7:99_1_20_4___"
-              "7:99_3_20____"
-              "7:99_4_20_0___"
-              "e6_");
+    EXPECT_EQ(
+        blob(r),
+        "7_0_15_3_7:99:1:/u_0_15__7:99_0_15__7:99_1_20____7:99_1_20_4___7:99_3_20____7:99_4_20_0___e6_");
 
     // An asynchronous entry keeps at most QV_SEQ_ASYNC_URL_MAX bytes of its URL.
     r->sequenceBlobLen = 0;
@@ -374,8 +304,7 @@ TEST_F(FlowpathTest, BlobEntriesOfEveryForm) {
     r->sequenceBlobLen = 0;
     enter(r, "Plain.work", 5);
     leave(r, "Plain.work", 3);
-    int id = idOf("Plain.work");
-    EXPECT_EQ(blob(r), std::to_string(id) + ":0_0_5__" + std::to_string(id) + ":0_1_3____");
+    EXPECT_EQ(blob(r), id("Plain.work") + ":0_0_5__" + id("Plain.work") + ":0_1_3____");
     EXPECT_EQ(r->tlNonServiceMethodCount, 1);
 }
 
@@ -383,7 +312,6 @@ TEST_F(FlowpathTest, BlobEntriesOfEveryForm) {
 // would print them.
 TEST_F(FlowpathTest, EntryNumbersReadAsPrintfWouldPrintThem) {
     QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
     std::vector<long long> values = {0, LLONG_MIN, LLONG_MAX, INT_MIN, INT_MAX, 4294967295LL, 4294967296LL};
     for (long long p = 1;; p *= 10) {
         for (long long v : {p - 1, p, p + 1, -p, -(p - 1)}) values.push_back(v);
@@ -408,11 +336,8 @@ TEST_F(FlowpathTest, EntryNumbersReadAsPrintfWouldPrintThem) {
 
 TEST_F(FlowpathTest, CalloutRecordsOfEveryForm) {
     QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
-    methodPropProperties* db = getMethodPropFromMethodName("Db.query", nullptr);
-    methodPropProperties* http = getMethodPropFromMethodName("Http.call", nullptr);
-    ASSERT_NE(db, nullptr);
-    ASSERT_NE(http, nullptr);
+    methodPropProperties* db = method("Db.query");
+    methodPropProperties* http = method("Http.call");
     const std::string d = std::to_string(db->methodId), h = std::to_string(http->methodId);
     r->seqNum = 4;
     r->tlSQLObj.sqlId = 9;
@@ -441,30 +366,26 @@ TEST_F(FlowpathTest, CalloutRecordsOfEveryForm) {
 
 TEST_F(FlowpathTest, StatusFiveHundredTurnsLaterCalloutsToEAndBackendsAreNamed) {
     QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
     enter(r, "Plain.work", 1);
     leave(r, "Plain.work", 1, 500);
     enter(r, "Svc.handle", 2);
     leave(r, "Svc.handle", 1, 200);
-    EXPECT_EQ(r->tlStatusCode, 500);
     leave(r, "Svc.handle", 1, -1);  // negative statuses never count
     EXPECT_EQ(r->tlStatusCode, 500);
 
     // Database callout without backend name: reported as the database backend, created with type 2.
     r->sequenceBlobLen = 0;
     enter(r, "Db.query", 3, "select 1 from t");
-    EXPECT_EQ(r->tlSQLObj.DBCallDepth, 1);
+    const int depthInCall = r->tlSQLObj.DBCallDepth;
     leave(r, "Db.query", 4);
-    EXPECT_EQ(r->tlSQLObj.DBCallDepth, 0);
-    methodPropProperties* dbBackend = getMethodPropFromMethodName(QV_DEFAULT_DBIP_NAME, nullptr);
-    ASSERT_NE(dbBackend, nullptr);
+    EXPECT_EQ(ints(depthInCall, r->tlSQLObj.DBCallDepth), ints(1, 0));
+    methodPropProperties* dbBackend = method(QV_DEFAULT_DBIP_NAME);
     EXPECT_EQ(dbBackend->type, 2);
-    int dbId = idOf("Db.query");
-    std::regex dbRe(std::to_string(dbId) + ":0_0_3__" + std::to_string(dbId) +
+    std::regex dbRe(id("Db.query") + ":0_0_3__" + id("Db.query") +
                     ":0_1_4____E\\d+:" + std::to_string(dbBackend->methodId) +
                     ":4:10:" + std::to_string(r->tlSQLObj.sqlId) + ":\\d+:500_");
     EXPECT_TRUE(std::regex_match(blob(r), dbRe)) << blob(r);
-    EXPECT_NE(dispatched().find("22,"), std::string::npos);  // the query's meta record
+    EXPECT_NE(queuedRecords().find("22,"), std::string::npos);  // the query's meta record
 
     // HTTP callout with a backend name: the "Host" rule names it by the host text; its record is
     // written once the tier callout was made (reserved sequence and call done).
@@ -473,30 +394,26 @@ TEST_F(FlowpathTest, StatusFiveHundredTurnsLaterCalloutsToEAndBackendsAreNamed) 
     EXPECT_EQ(r->httpCallOutDepth, 1);
     r->tierCallOutSeqNum = 31;
     qv_store(app_->QVSys.enableIPResourceURL, 1);
-    size_t mark = dispatched().size();
+    size_t mark = queuedRecords().size();
     leave(r, "Http.call", 6, 200, "api.example.com", 1);
     EXPECT_EQ(r->httpCallOutDepth, 0);
-    methodPropProperties* host = getMethodPropFromMethodName("api.example.com", nullptr);
-    ASSERT_NE(host, nullptr);
+    methodPropProperties* host = method("api.example.com");
     EXPECT_EQ(host->type, 1);
     const std::string hid = std::to_string(host->methodId);
     EXPECT_TRUE(std::regex_search(blob(r), std::regex("E31:" + hid + ":6:1:0:\\d+:500:" + hid + "_$")))
         << blob(r);
-    EXPECT_NE(dispatched().substr(mark).find("26," + hid + ",api.example.com\n"), std::string::npos);
+    EXPECT_NE(queuedRecords().substr(mark).find("26," + hid + ",api.example.com\n"), std::string::npos);
 
     // A custom callout writes a record for its target on every exit.
     r->sequenceBlobLen = 0;
     leave(r, "Cust.op", 2);
-    methodPropProperties* target = getMethodPropFromMethodName("Cust.target", nullptr);
-    ASSERT_NE(target, nullptr);
     EXPECT_NE(blob(r).find("E"), std::string::npos);
-    EXPECT_NE(blob(r).find(":" + std::to_string(target->methodId) + ":2:1:0:"), std::string::npos) << blob(r);
+    EXPECT_NE(blob(r).find(":" + id("Cust.target") + ":2:1:0:"), std::string::npos) << blob(r);
 }
 
 TEST_F(FlowpathTest, NonServiceMethodLimitHidesEntriesAndExits) {
     qv_store(app_->QVSys.bciMaxNonServiceMethodsPerFP, 2);
     QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
     r->sequenceBlobLen = 0;
     enter(r, "A.one", 1);
     enter(r, "B.two", 2);
@@ -504,7 +421,7 @@ TEST_F(FlowpathTest, NonServiceMethodLimitHidesEntriesAndExits) {
     leave(r, "C.three", 1);
     leave(r, "B.two", 2);
     leave(r, "A.one", 5);
-    const std::string a = std::to_string(idOf("A.one")), b = std::to_string(idOf("B.two"));
+    const std::string a = id("A.one"), b = id("B.two");
     EXPECT_EQ(blob(r), a + ":0_0_1__" + b + ":0_0_2__" + b + ":0_1_2____" + a + ":0_1_5____");
     EXPECT_EQ(r->tlNonServiceMethodCount, 2);
     // Service methods do not count against the limit.
@@ -512,11 +429,12 @@ TEST_F(FlowpathTest, NonServiceMethodLimitHidesEntriesAndExits) {
     EXPECT_EQ(r->tlServiceMethodDepth, 2);  // with the pseudo-method
 }
 
-TEST_F(FlowpathTest, NotCapturedFlowpathWritesNothingUnlessItsCalloutsWereWrittenOut) {
+// Not captured or excluded, a flowpath writes nothing; if some of it was written out already, its
+// end record marks it -99 with its category for discarding.
+TEST_F(FlowpathTest, NotCapturedAndExcludedFlowpathsWriteNothingOrMarkTheirEnd) {
     qv_store(app_->QVSys.bciInstrSessionPct, 0);
     // Started now, so these flowpaths are quick (category 10) at their end.
     QVPerThreadData_t* r = start(nullptr, "/shop/cart", my_gettimeofday());
-    ASSERT_NE(r, nullptr);
     ASSERT_EQ(r->tlIsFPCaptured, 0);
     size_t afterStart = blob(r).size();
     enter(r, "Plain.work", 1);
@@ -530,56 +448,55 @@ TEST_F(FlowpathTest, NotCapturedFlowpathWritesNothingUnlessItsCalloutsWereWritte
 
     // Callout records are appended even so; once they were written out the end marks -99.
     QVPerThreadData_t* s = start(nullptr, "/shop/cart", my_gettimeofday());
-    ASSERT_NE(s, nullptr);
+    const int limit = getMaxCharactersInSeqBlob();
     setMaxCharactersInSeqBlob(static_cast<int>(blob(s).size()) + 10);
     enter(s, "Db.query", 1, "select 2");
     leave(s, "Db.query", 1);
     std::vector<std::string> recs = fpRecords();
     ASSERT_EQ(recs.size(), 2u);
     EXPECT_EQ(recs[0].rfind("2,", 0), 0u);
-    EXPECT_EQ(recs[1].rfind("3," + std::to_string(s->flowpathInstance) + ",", 0), 0u);
+    EXPECT_EQ(recs[1].rfind("3," + fpi(s) + ",", 0), 0u);
     endFP(s, 200, nullptr);
     recs = fpRecords();
     ASSERT_EQ(recs.size(), 3u);
-    EXPECT_TRUE(std::regex_match(recs[2], std::regex("4," + std::to_string(s->flowpathInstance) +
-                                                     ",-99,10,0,\\d+," + std::to_string(btId(s)) + ",0,.*")))
+    EXPECT_TRUE(std::regex_match(
+        recs[2], std::regex("4," + fpi(s) + ",-99,10,0,\\d+," + std::to_string(btId(s)) + ",0,.*")))
         << recs[2];
 
     // A slow one that was not captured is written in full.
     QVPerThreadData_t* slow = start();
-    size_t mark = dispatched().size();
+    size_t mark = queuedRecords().size();
     dumpCompleteFlowpathSeqBlock(slow, 11, 0, 9000);
     recs = fpRecords(mark);
     ASSERT_EQ(recs.size(), 2u);
-    EXPECT_EQ(recs[1].rfind("4," + std::to_string(slow->flowpathInstance) + ",200,11,0,9000,", 0), 0u);
-}
+    EXPECT_EQ(recs[1].rfind("4," + fpi(slow) + ",200,11,0,9000,", 0), 0u);
 
-TEST_F(FlowpathTest, ExcludedFlowpathEndsWithCategory157) {
-    QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
-    r->tlIsBTExcluded = 1;  // as a BT exclusion rule leaves it
-    enter(r, "Plain.work", 1);
-    endFP(r, 200, nullptr);
-    EXPECT_TRUE(fpRecords().empty());
-    EXPECT_EQ(static_cast<unsigned char>(r->tlCategory), QV_FP_CATEGORY_EXCLUDED);
-    EXPECT_EQ(r->btCategory, -99);  // the category read as a signed byte
-
-    // Data already written: the end record marks the flowpath for discarding.
-    QVPerThreadData_t* s = start();
-    s->tlIsBTExcluded = 1;
-    updateFPSeqBlobWithTierCallOutRecord(s, 1, 2, getMethodPropFromMethodName("Db.query", nullptr));
-    dumpIncompleteFlowpathSeqBlock(s);
-    endFP(s, 200, nullptr);
-    std::vector<std::string> recs = fpRecords();
+    // Excluded by a BT rule: nothing, category 157 (-99 as a signed byte); once data was written
+    // out, the end record marks it for discarding.
+    qv_store(app_->QVSys.bciInstrSessionPct, 100);
+    setMaxCharactersInSeqBlob(limit);
+    QVPerThreadData_t* x = start();
+    x->tlIsBTExcluded = 1;  // as a BT exclusion rule leaves it
+    enter(x, "Plain.work", 1);
+    mark = queuedRecords().size();
+    endFP(x, 200, nullptr);
+    EXPECT_TRUE(fpRecords(mark).empty());
+    EXPECT_EQ(static_cast<unsigned char>(x->tlCategory), QV_FP_CATEGORY_EXCLUDED);
+    EXPECT_EQ(x->btCategory, -99);
+    QVPerThreadData_t* y = start();
+    y->tlIsBTExcluded = 1;
+    updateFPSeqBlobWithTierCallOutRecord(y, 1, 2, method("Db.query"));
+    dumpIncompleteFlowpathSeqBlock(y);
+    endFP(y, 200, nullptr);
+    recs = fpRecords(mark);
     ASSERT_EQ(recs.size(), 3u);
-    EXPECT_TRUE(std::regex_match(recs[2], std::regex("4," + std::to_string(s->flowpathInstance) +
-                                                     ",-99,157,0,\\d+," + std::to_string(btId(s)) + ",0,")))
+    EXPECT_TRUE(std::regex_match(
+        recs[2], std::regex("4," + fpi(y) + ",-99,157,0,\\d+," + std::to_string(btId(y)) + ",0,")))
         << recs[2];
 }
 
 TEST_F(FlowpathTest, BlobOfExactlyTheLimitIsWrittenOutAtOnce) {
     QVPerThreadData_t* r = start("55F");
-    ASSERT_NE(r, nullptr);
     const std::string first = blob(r);
     setMaxCharactersInSeqBlob(static_cast<int>(first.size()) + 11);
     updateFPSeqBlob(r, 7, 15, 0, -1, -1, 0, 0, nullptr);  // "7:0_0_15__": 10 bytes, one short
@@ -591,8 +508,7 @@ TEST_F(FlowpathTest, BlobOfExactlyTheLimitIsWrittenOutAtOnce) {
     ASSERT_EQ(recs.size(), 2u);
     EXPECT_EQ(recs[0].rfind("2,55F,", 0), 0u);
     EXPECT_EQ(recs[1], "3,55F," + first + "7:0_0_15__");
-    EXPECT_EQ(r->sequenceBlobLen, 0);
-    EXPECT_EQ(r->tlIsFPHeaderDumped, 1);
+    EXPECT_EQ(ints(r->sequenceBlobLen, r->tlIsFPHeaderDumped), ints(0, 1));
 
     // A second write-out does not repeat the header.
     updateFPSeqBlob(r, 7, 15, 0, -1, -1, 0, 0, nullptr);
@@ -606,7 +522,6 @@ TEST_F(FlowpathTest, BlobOfExactlyTheLimitIsWrittenOutAtOnce) {
 TEST_F(FlowpathTest, HugeAndOddBlobLimitsNeverOverflow) {
     setMaxCharactersInSeqBlob(INT_MAX);
     QVPerThreadData_t* r = start();
-    ASSERT_NE(r, nullptr);
     std::string all = blob(r);
     for (int i = 0; i < 5000; i++) {
         updateFPSeqBlob(r, 7, i, 0, -1, -1, 0, 0, nullptr);
@@ -617,7 +532,7 @@ TEST_F(FlowpathTest, HugeAndOddBlobLimitsNeverOverflow) {
     std::string joined;
     int threes = 0;
     for (const std::string& rec : fpRecords()) {
-        std::vector<std::string> f = split(rec, ',');
+        std::vector<std::string> f = split(rec);
         if (f[0] == "3") {
             threes++;
             EXPECT_LE(f[2].size(), 16383u);
@@ -641,41 +556,36 @@ TEST_F(FlowpathTest, HugeAndOddBlobLimitsNeverOverflow) {
 TEST_F(FlowpathTest, TransactionEndToEndWithTheSdkStartTimeOfZero) {
     long long before = my_gettimeofday();
     QVPerThreadData_t* r = start(nullptr, "/checkout", 0);
-    ASSERT_NE(r, nullptr);
     EXPECT_EQ(r->tlFlowPathTimeStampInMS, 0);
-    const std::string fpi = std::to_string(r->flowpathInstance);
-    char* none = nullptr;
-    qvMethodEntry(nullptr, r, txt("Svc.handle"), txt("/test"), none, 0, none, none, 0);
-    qvMethodEntry(nullptr, r, txt("Plain.work"), txt("/test"), none, 0, none, none, 0);
-    qvMethodEntry(nullptr, r, txt("Db.query"), txt("select 3"), none, 0, none, none, 0);
-    qvMethodExit(nullptr, r, txt("Db.query"), 0, 200, none, 0, 0, 0, none, 1);
-    qvMethodExit(nullptr, r, txt("Plain.work"), 0, 200, none, 0, 0, 0, none, 1);
-    qvMethodExit(nullptr, r, txt("Svc.handle"), 0, 200, none, 0, 0, 0, none, 1);
+    const std::string f1 = fpi(r);
+    for (const char* m : {"Svc.handle", "Plain.work", "Db.query"})
+        qvMethodEntry(nullptr, r, txt(m), txt(m[0] == 'D' ? "select 3" : "/test"), nullptr, 0, nullptr,
+                      nullptr, 0);
+    for (const char* m : {"Db.query", "Plain.work", "Svc.handle"})
+        qvMethodExit(nullptr, r, txt(m), 0, 200, nullptr, 0, 0, 0, nullptr, 1);
     EXPECT_EQ(r->tlServiceMethodDepth, 2);  // depths only count up on entry
     endFP(r, 200, nullptr);
 
     std::vector<std::string> recs = fpRecords();
     ASSERT_EQ(recs.size(), 2u);
-    EXPECT_TRUE(std::regex_match(recs[0], std::regex("2," + fpi + ",0,1,1\\.1,\\d+,/checkout,,0,0,0,,0,7")))
+    EXPECT_TRUE(std::regex_match(recs[0], std::regex("2," + f1 + ",0,1,1\\.1,\\d+,/checkout,,0,0,0,,0,7")))
         << recs[0];
-    std::vector<std::string> f = split(recs[1], ',');
+    std::vector<std::string> f = split(recs[1]);
     ASSERT_EQ(f.size(), 9u) << recs[1];
-    EXPECT_EQ(f[1], fpi);
+    EXPECT_EQ(f[1], f1);
     EXPECT_EQ(f[2], "200");
     EXPECT_EQ(f[3], "12");  // a duration of the whole wall clock is very slow
     EXPECT_GE(std::stoll(f[5]), before);
-    const std::string def = std::to_string(DefaultMethod->methodId), svc = std::to_string(idOf("Svc.handle")),
-                      pw = std::to_string(idOf("Plain.work")), db = std::to_string(idOf("Db.query")),
-                      dbb = std::to_string(idOf(QV_DEFAULT_DBIP_NAME));
+    const std::string def = std::to_string(DefaultMethod->methodId), svc = id("Svc.handle"),
+                      pw = id("Plain.work"), db = id("Db.query"), dbb = id(QV_DEFAULT_DBIP_NAME);
     std::regex blobRe(def + ":0_0_\\d+__" + svc + ":0_0_\\d+__" + pw + ":0_0_\\d+__" + db + ":0_0_\\d+__" +
                       db + ":0_1_0_0___T\\d+:" + dbb + ":0:10:\\d+:\\d+_" + pw + ":0_1_0_0___" + svc +
                       ":0_1_0_0___" + def + ":0_1_\\d+_0___");
     EXPECT_TRUE(std::regex_match(f[8], blobRe)) << f[8];
 
     // Unregistered, generation reference given back, record still busy; a second end is ignored.
-    EXPECT_EQ(search_hashmap(fpiToTLS, fpi.c_str()), nullptr);
-    EXPECT_EQ(methodHashMapNode->ref_count, 0);
-    EXPECT_EQ(qv_load(gBusyTLSCnt), 1);
+    EXPECT_EQ(search_hashmap(fpiToTLS, f1.c_str()), nullptr);
+    EXPECT_EQ(ints(methodHashMapNode->ref_count, qv_load(gBusyTLSCnt)), ints(0, 1));
     endFP(r, 200, nullptr);
     EXPECT_EQ(fpRecords().size(), 2u);
     reset(r);
@@ -708,57 +618,52 @@ TEST_F(FlowpathTest, EnableProxyServerFindsTheRecordByItsKey) {
     size_t len = blob(r).size();
     EXPECT_EQ(
         qvMethodEntry(nullptr, other, txt("Plain.work"), nullptr, nullptr, 0, nullptr, txt("req-1"), T0 + 1),
-        getMethodPropFromMethodName("Plain.work", nullptr));
+        method("Plain.work"));
     EXPECT_GT(blob(r).size(), len);
     EXPECT_EQ(qvMethodEntry(nullptr, r, txt("Plain.work"), nullptr, nullptr, 0, nullptr, txt("nope"), T0),
               nullptr);
     endFP(other, 200, txt("req-1"));
     std::vector<std::string> recs = fpRecords();
     ASSERT_EQ(recs.size(), 2u);
-    EXPECT_EQ(recs[1].rfind("4," + std::to_string(r->flowpathInstance) + ",", 0), 0u);
+    EXPECT_EQ(recs[1].rfind("4," + fpi(r) + ",", 0), 0u);
     qv_store(QVAgentSetting.enableProxyServer, 0);
 }
 
-struct Forwarded {
-    std::vector<std::string> calls;
-};
-Forwarded fwd;
+std::vector<std::string> forwarded;
+// One forwarded call with its arguments, blank-separated; a null text shows as "-".
+template <class... T>
+void note(const char* call, T... v) {
+    std::ostringstream o;
+    o << call;
+    ((o << ' ' << v), ...);
+    forwarded.push_back(o.str());
+}
+const char* orDash(const char* t) {
+    return t ? t : "-";
+}
 
 TEST_F(FlowpathTest, ForwardingProcessOnlyEncodes) {
-    fwd.calls.clear();
-    qvFlowpathHooks.transactionStartEncode = [](int q, long fpi, char* hdr, char* url, char*, char*, char*,
-                                                char*, long long st) {
-        fwd.calls.push_back("start " + std::to_string(q) + " " + std::to_string(fpi) + " " +
-                            (hdr ? hdr : "-") + " " + url + " " + std::to_string(st));
-    };
-    qvFlowpathHooks.MethodEntryEncode = [](int mid, long fpi, long tid, char* name, char* qs, char*,
+    qvFlowpathHooks.transactionStartEncode = [](int q, long fp, char* hdr, char* url, char*, char*, char*,
+                                                char*,
+                                                long long st) { note("start", q, fp, orDash(hdr), url, st); };
+    qvFlowpathHooks.MethodEntryEncode = [](int mid, long fp, long tid, char* name, char* qs, char*,
                                            long long st) {
-        fwd.calls.push_back("entry " + std::to_string(mid) + " " + std::to_string(fpi) + " " +
-                            std::to_string(tid) + " " + name + " " + (qs ? qs : "-") + " " +
-                            std::to_string(st));
+        note("entry", mid, fp, tid, name, orDash(qs), st);
     };
-    qvFlowpathHooks.MethodExitEncode = [](int mid, int status, int ev, int co, long tid, long dur, long fpi,
+    qvFlowpathHooks.MethodExitEncode = [](int mid, int status, int ev, int co, long tid, long dur, long fp,
                                           long cpu, char* name, char* be) {
-        fwd.calls.push_back("exit " + std::to_string(mid) + " " + std::to_string(status) + " " +
-                            std::to_string(ev) + " " + std::to_string(co) + " " + std::to_string(tid) + " " +
-                            std::to_string(dur) + " " + std::to_string(fpi) + " " + std::to_string(cpu) +
-                            " " + name + " " + (be ? be : "-"));
+        note("exit", mid, status, ev, co, tid, dur, fp, cpu, name, orDash(be));
     };
-    qvFlowpathHooks.transactionEndEncode = [](int s, long fpi) {
-        fwd.calls.push_back("end " + std::to_string(s) + " " + std::to_string(fpi));
-    };
-    qvFlowpathHooks.transactionResetEncode = [](long fpi) {
-        fwd.calls.push_back("reset " + std::to_string(fpi));
-    };
+    qvFlowpathHooks.transactionEndEncode = [](int st, long fp) { note("end", st, fp); };
+    qvFlowpathHooks.transactionResetEncode = [](long fp) { note("reset", fp); };
     qv_store(app_->QVSys.proxyMode, 1);
     QVPerThreadData_t* r = start("321", "/fw", 99, nullptr, nullptr, nullptr, 4);
-    ASSERT_NE(r, nullptr);
     EXPECT_EQ(r->flowpathInstanceStr[0], '\0');  // nothing beyond the id is set up here
     qvMethodEntry(nullptr, r, txt("M.x"), txt("/test"), nullptr, 8, nullptr, nullptr, 0);
     qvMethodExit(nullptr, r, txt("M.x"), 3, 500, txt("h"), 6, 8, 1, nullptr, 2);
     endFP(r, 200, nullptr);
     reset(r);
-    EXPECT_EQ(fwd.calls,
+    EXPECT_EQ(forwarded,
               (std::vector<std::string>{"start 4 321 321 /fw 99", "entry 0 321 8 M.x /test 0",
                                         "exit 0 500 2 1 8 6 321 3 M.x h", "end 200 321", "reset 321"}));
     EXPECT_TRUE(fpRecords().empty());
@@ -783,7 +688,7 @@ TEST_F(FlowpathTest, TestStopWritesEveryRunningFlowpathOverTheDataConnection) {
     // Read under the record's lock: the data thread resets the records once it sees the stop.
     auto fpiOf = [](QVPerThreadData_t* x) {
         QVLockGuard g(x->sequenceBlobLock);
-        return std::to_string(x->flowpathInstance);
+        return fpi(x);
     };
     const std::string e = fpiOf(ended), r = fpiOf(running), q = fpiOf(notCaptured);
 
@@ -792,15 +697,10 @@ TEST_F(FlowpathTest, TestStopWritesEveryRunningFlowpathOverTheDataConnection) {
     ASSERT_TRUE(peer.waitFor([] { return qv_load(gBusyTLSCnt) == 0; }, kWaitMs));
     qv_data_thread_stop();
     std::string got = peer.bytes(0);
-    auto count = [&](const std::string& needle) {
-        int n = 0;
-        for (size_t p = got.find(needle); p != std::string::npos; p = got.find(needle, p + 1)) n++;
-        return n;
-    };
-    EXPECT_EQ(count("\n4," + e + ","), 1);  // ended before the stop: not written again
-    EXPECT_EQ(count("\n4," + r + ",200,"), 1);
-    EXPECT_EQ(count("\n2," + r + ","), 1);
-    EXPECT_EQ(count("," + q + ","), 0);  // not captured and quick: nothing
+    EXPECT_EQ(countOf(got, "\n4," + e + ","), 1);  // ended before the stop: not written again
+    EXPECT_EQ(countOf(got, "\n4," + r + ",200,"), 1);
+    EXPECT_EQ(countOf(got, "\n2," + r + ","), 1);
+    EXPECT_EQ(countOf(got, "," + q + ","), 0);  // not captured and quick: nothing
     EXPECT_EQ(methodHashMapNode->ref_count, 0);
 }
 
@@ -840,24 +740,22 @@ TEST_F(FlowpathConcurrency, ThreadsRunTransactionsWithEveryRecordWellFormedAndNo
     std::regex seq("3,\\d+,[0-9:_TE]+");
     std::regex end("4,\\d+,(200|500),1[0-3],0,-?\\d+,\\d+,0,[0-9:_TE]*");
     for (const std::string& rec : fpRecords()) {
-        std::string fpi = split(rec, ',')[1];
+        std::string f = split(rec)[1];
         if (rec[0] == '2') {
             EXPECT_TRUE(std::regex_match(rec, head)) << rec;
-            EXPECT_TRUE(headers.insert(fpi).second) << rec;
+            EXPECT_TRUE(headers.insert(f).second) << rec;
         } else if (rec[0] == '3') {
             EXPECT_TRUE(std::regex_match(rec, seq)) << rec;
             threes++;
         } else {
             EXPECT_TRUE(std::regex_match(rec, end)) << rec;
-            EXPECT_TRUE(ends.insert(fpi).second) << rec;
+            EXPECT_TRUE(ends.insert(f).second) << rec;
         }
     }
     EXPECT_EQ(ends.size(), static_cast<size_t>(kThreads * kPerThread));
     EXPECT_EQ(headers.size(), ends.size());
     EXPECT_EQ(threes, kThreads * (kPerThread / 10));
-    EXPECT_EQ(qv_load(app_->QVSys.discardCount), 0);
-    EXPECT_EQ(qv_load(gBusyTLSCnt), 0);
-    EXPECT_EQ(methodHashMapNode->ref_count, 0);
+    EXPECT_EQ(ints(app_->QVSys.discardCount, gBusyTLSCnt, methodHashMapNode->ref_count), ints(0, 0, 0));
 }
 
 }  // namespace

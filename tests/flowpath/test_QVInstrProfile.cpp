@@ -8,11 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "core/qv_agent.h"
-#include "flowpath/QVMethodHashMap.h"
-#include "flowpath/QVPerThreadData.h"
-#include "flowpath/flowpath_module.h"
-#include "support/temp_home.h"
+#include "flowpath/flowpath_fixture.h"
 
 namespace {
 
@@ -38,21 +34,15 @@ TEST(InstrProfGrammar, KindsFieldsAndComments) {
     EXPECT_EQ(p.e.methodName, "App::handle");
     EXPECT_EQ(p.e.alias, "Handle");
     EXPECT_TRUE(p.e.target.empty());
-
     p = parse("custom|Cache::get||Redis");
     ASSERT_EQ(p.rc, 1);
     EXPECT_EQ(p.e.kinds, QV_PROF_CUSTOM);
     EXPECT_TRUE(p.e.alias.empty());
     EXPECT_EQ(p.e.target, "Redis");
-
     p = parse("db+forceexit+db|PDO::query");
     ASSERT_EQ(p.rc, 1);
     EXPECT_EQ(p.e.kinds, QV_PROF_DB | QV_PROF_FORCE_EXIT);
-
-    EXPECT_EQ(parse("").rc, 0);
-    EXPECT_EQ(parse(" \t ").rc, 0);
-    EXPECT_EQ(parse("  # entry|X").rc, 0);
-    EXPECT_EQ(parse("\r").rc, 0);
+    for (const char* empty : {"", " \t ", "  # entry|X", "\r"}) EXPECT_EQ(parse(empty).rc, 0) << empty;
 }
 
 TEST(InstrProfGrammar, MalformedLinesGiveTheirReason) {
@@ -74,8 +64,7 @@ TEST(InstrProfGrammar, MalformedLinesGiveTheirReason) {
         {std::string("entry|App::\0x", 13), "non-printable character"},
         {"entry|App::x\x7f", "non-printable character"},
         {"entry|App::x\r\r", "non-printable character"},
-        {"entry|" + std::string(QV_INSTR_PROF_MAX_LINE, 'm'), "line too long"},
-    };
+        {"entry|" + std::string(QV_INSTR_PROF_MAX_LINE, 'm'), "line too long"}};
     for (const auto& [line, reason] : bad) {
         Parsed p = parse(line);
         EXPECT_EQ(p.rc, -1) << line;
@@ -89,49 +78,15 @@ TEST(InstrProfGrammar, MalformedLinesGiveTheirReason) {
     EXPECT_EQ(parseInstrProfLine("entry|x", &e, nullptr), -1);
 }
 
-// Monitor hooks as the monitors would install them.
-struct Hooks {
-    static inline std::vector<std::string> monitored;
-    static inline std::vector<std::string> backends;
-    static inline int counter = 0;
-    static inline int max = 100;
-    static void method(methodPropProperties* m) { monitored.push_back(m->methodName); }
-    static void backend(methodPropProperties* m) { backends.push_back(m->methodName); }
-    static void increment() { counter++; }
-    static int limit(int* m, int* c) {
-        *m = max;
-        *c = counter;
-        return counter >= max;
-    }
-    static void install() {
-        monitored.clear();
-        backends.clear();
-        counter = 0;
-        qvMethodRegistryHooks.checkAndIncrementAggrMethodDataArray = method;
-        qvMethodRegistryHooks.checkAndIncrementAggrBackendDataArray = backend;
-        qvMethodRegistryHooks.incrementBackendCounter = increment;
-        qvMethodRegistryHooks.backendLimitReached = limit;
-    }
-};
-
-class ProfileLoad : public ::testing::Test {
+class ProfileLoad : public AgentTest {
   protected:
     void SetUp() override {
-        home_ = std::make_unique<TempAgentHome>();
-        agent_init("proftest", 0, "proftest", nullptr);
-        ASSERT_NE(qvApplication, nullptr);
+        startAgent();
         qvApplication->QVSys.fpTraceLevel = 1;
         ASSERT_EQ(initMethodRegistry(), 0);
-        Hooks::install();
-        Hooks::max = 100;
-    }
-    void TearDown() override {
-        qvMethodRegistryResetForTest();
-        qv_agent_reset_for_test();
-        home_.reset();
+        MonitorHooks::install();
     }
     static methodPropProperties* find(const char* n) { return getMethodPropFromMethodName(n, nullptr); }
-    std::unique_ptr<TempAgentHome> home_;
 };
 
 TEST_F(ProfileLoad, FileLoadsIntoNewGenerationAndSkipsMalformedLines) {
@@ -159,13 +114,11 @@ TEST_F(ProfileLoad, FileLoadsIntoNewGenerationAndSkipsMalformedLines) {
     EXPECT_STREQ(handle->aliasMethodName, "Handle");
     methodPropProperties* curl = find("Curl::exec");
     ASSERT_NE(curl, nullptr);
-    EXPECT_EQ(curl->isEntryPoint, QV_EP_CALLOUT);
-    EXPECT_EQ(curl->type, 1);
+    EXPECT_EQ(ints(curl->isEntryPoint, curl->type), ints(QV_EP_CALLOUT, 1));
     EXPECT_EQ(curl->aliasMethodName, nullptr);
     methodPropProperties* pdo = find("PDO::query");
     ASSERT_NE(pdo, nullptr);
-    EXPECT_EQ(pdo->type, 2);
-    EXPECT_EQ(pdo->callOutValue, 1);
+    EXPECT_EQ(ints(pdo->type, pdo->callOutValue), ints(2, 1));
     methodPropProperties* cache = find("Cache::get");
     ASSERT_NE(cache, nullptr);
     EXPECT_EQ(cache->isEntryPoint, QV_EP_CUSTOM_CALLOUT | QV_EP_MONITORED);
@@ -179,10 +132,10 @@ TEST_F(ProfileLoad, FileLoadsIntoNewGenerationAndSkipsMalformedLines) {
     EXPECT_NE(apr_hash_get(methodHashMapNode->ptr, "PDO::query", APR_HASH_KEY_STRING), nullptr);
     EXPECT_EQ(getMethodPropFromMethodName("PDO::query", before), nullptr);
 
-    EXPECT_EQ(Hooks::monitored, (std::vector<std::string>{"App::handle", "Cache::get"}));
+    EXPECT_EQ(MonitorHooks::monitored, (std::vector<std::string>{"App::handle", "Cache::get"}));
     // The custom target is counted once as a new backend; callouts and target get room after the load.
-    EXPECT_EQ(Hooks::counter, 1);
-    EXPECT_EQ(Hooks::backends, (std::vector<std::string>{"Curl::exec", "PDO::query", "RedisCache"}));
+    EXPECT_EQ(MonitorHooks::counter, 1);
+    EXPECT_EQ(MonitorHooks::backends, (std::vector<std::string>{"Curl::exec", "PDO::query", "RedisCache"}));
 
     const std::string log = home_->traceLogs();
     EXPECT_NE(log.find("Malformed line 4 of '" + home_->file("prof.conf") + "': unknown kind; line skipped"),
@@ -206,15 +159,13 @@ TEST_F(ProfileLoad, ReloadIsAdditiveAndReplacesAliases) {
     home_->write("ep.conf", "monitor|App::h|New\nmonitor|App::h\n");
     ASSERT_EQ(readingEntryPointfile(home_->file("ep.conf").c_str()), 2);
     EXPECT_EQ(find("App::h"), h);
-    EXPECT_EQ(h->methodId, id);
-    EXPECT_EQ(h->isEntryPoint, QV_EP_SERVICE | QV_EP_MONITORED);
+    EXPECT_EQ(ints(h->methodId, h->isEntryPoint), ints(id, QV_EP_SERVICE | QV_EP_MONITORED));
     EXPECT_STREQ(h->aliasMethodName, "New");
     // A reader that still held the old alias may go on using it.
     EXPECT_STREQ(oldAlias, "Old");
-}
 
-TEST_F(ProfileLoad, CustomTargetPastTheBackendMaximumIsOthers) {
-    Hooks::max = 0;
+    // A custom target past the backend maximum is Others.
+    MonitorHooks::max = 0;
     ASSERT_EQ(readInstrProfFileRTC("custom|App::c||Far\n", 19), 1);
     methodPropProperties* c = find("App::c");
     ASSERT_NE(c->customCalloutptr, nullptr);
@@ -232,6 +183,7 @@ TEST_F(ProfileLoad, BadFilesLeaveTheRegistryAsItWas) {
     EXPECT_EQ(methodHashMapNode, before);
     EXPECT_EQ(hashMapForAgent(nullptr, 0, nullptr, "x"), -1);
     EXPECT_EQ(readInstrProfFileRTC(nullptr, 0), -1);
+    EXPECT_EQ(readingFileInstrProfile(home_->file("nope.conf").c_str(), nullptr), -1);
 
     // Empty files and files of nothing but noise load nothing, yet make a generation (the
     // first one is held so its address cannot come back).
@@ -250,20 +202,21 @@ TEST_F(ProfileLoad, BadFilesLeaveTheRegistryAsItWas) {
 TEST_F(ProfileLoad, HashMapForAgentFillsAGivenGeneration) {
     home_->write("p.conf", "entry|Direct::one\n");
     EXPECT_EQ(readingFileInstrProfile(home_->file("p.conf").c_str(), methodHashMapNode), 1);
-    EXPECT_EQ(readingFileInstrProfile(home_->file("nope.conf").c_str(), nullptr), -1);
     EXPECT_EQ(hashMapForAgent("monitor|Direct::two\nbad\n", 24, nullptr, "text"), 1);
     EXPECT_EQ(find("Direct::one")->isEntryPoint, QV_EP_SERVICE);
-    EXPECT_EQ(Hooks::monitored, (std::vector<std::string>{"Direct::two"}));
+    EXPECT_EQ(MonitorHooks::monitored, (std::vector<std::string>{"Direct::two"}));
     EXPECT_EQ(getRetiredMethodHashMapCount(), 0);
 }
 
-TEST(ProfileStartup, DefaultFilesAreLoadedByAgentInit) {
-    TempAgentHome home;
-    home.write("config/entrypoints.conf", "entry|Front::dispatch|Dispatch\n");
-    home.write("config/instrprofile.conf", "db|mysqli::query\nbad line\n");
+class ProfileStartup : public AgentTest {};
+
+TEST_F(ProfileStartup, DefaultFilesAreLoadedByAgentInit) {
+    home_->write("config/entrypoints.conf", "entry|Front::dispatch|Dispatch\n");
+    home_->write("config/instrprofile.conf", "db|mysqli::query\nbad line\n");
     qv_flowpath_register_hooks();
-    agent_init("starttest", 1, "starttest", nullptr);
+    startAgent(1);
     ASSERT_NE(DefaultMethod, nullptr);
+    EXPECT_EQ(DefaultMethod->methodId, QV_FIRST_METHOD_ID);
     methodPropProperties* d = getMethodPropFromMethodName("Front::dispatch", nullptr);
     ASSERT_NE(d, nullptr);
     EXPECT_EQ(d->isEntryPoint, QV_EP_SERVICE);
@@ -273,10 +226,6 @@ TEST(ProfileStartup, DefaultFilesAreLoadedByAgentInit) {
     EXPECT_EQ(q->type, 2);
     // One new generation for both files; the first was swept.
     EXPECT_EQ(getRetiredMethodHashMapCount(), 0);
-    EXPECT_EQ(DefaultMethod->methodId, QV_FIRST_METHOD_ID);
-    qvMethodRegistryResetForTest();
-    qv_flowpath_pool_reset_for_test();
-    qv_agent_reset_for_test();
 }
 
 }  // namespace

@@ -14,54 +14,48 @@
 #include <thread>
 #include <vector>
 
-#include "collector/QVDataDispatcher.h"
-#include "core/qv_agent.h"
-#include "flowpath/QVPerThreadData.h"
-#include "flowpath/flowpath_module.h"
+#include "flowpath/flowpath_fixture.h"
 #include "foundation/qvlb_atomic.h"
-#include "support/temp_home.h"
 
 namespace {
 
-class Registry : public ::testing::Test {
+class Registry : public AgentTest {
   protected:
     void SetUp() override {
-        home_ = std::make_unique<TempAgentHome>();
-        agent_init("regtest", 0, "regtest", nullptr);
-        ASSERT_NE(qvApplication, nullptr);
+        startAgent();
         qvApplication->QVSys.fpTraceLevel = 4;
         ASSERT_EQ(initMethodRegistry(), 0);
     }
-    void TearDown() override {
-        qv_data_dispatcher_reset_for_test();
-        qvMethodRegistryResetForTest();
-        qv_agent_reset_for_test();
-        home_.reset();
-    }
-    static methodPropProperties* get(const char* name) {
+    static methodPropProperties* get(const char* name, node_t* gen = nullptr, int updateFlag = 0) {
         std::string n = name;
-        return searchAndUpdateMethodHashMap(n.data(), nullptr, 0, 0, static_cast<int>(n.size() + 1));
+        return searchAndUpdateMethodHashMap(n.data(), gen, updateFlag, 0, static_cast<int>(n.size() + 1));
     }
     static int refCount(node_t* n) { return __atomic_load_n(&n->ref_count, __ATOMIC_RELAXED); }
-    std::unique_ptr<TempAgentHome> home_;
+};
+
+// The same start-up without the trace, which would serialise the threads on the log.
+class RegistryConcurrency : public Registry {
+  protected:
+    void SetUp() override {
+        Registry::SetUp();
+        qvApplication->QVSys.fpTraceLevel = 0;
+    }
 };
 
 TEST_F(Registry, FindOrCreateHandsOutIdsInCreationOrder) {
     ASSERT_NE(DefaultMethod, nullptr);
     EXPECT_STREQ(DefaultMethod->methodName, "Profiler.Korlund.BeginRequest");
-    EXPECT_EQ(DefaultMethod->methodId, QV_FIRST_METHOD_ID);
-    EXPECT_EQ(DefaultMethod->isEntryPoint & QV_EP_SERVICE, QV_EP_SERVICE);
+    EXPECT_EQ(ints(DefaultMethod->methodId, DefaultMethod->isEntryPoint),
+              ints(QV_FIRST_METHOD_ID, QV_EP_SERVICE));
+    EXPECT_EQ(getMethodPropFromMethodName(QV_DEFAULT_METHOD_NAME, nullptr), DefaultMethod);
 
     methodPropProperties* a = get("App::a");
     methodPropProperties* b = get("App::b");
-    ASSERT_NE(a, nullptr);
-    ASSERT_NE(b, nullptr);
-    EXPECT_EQ(a->methodId, QV_FIRST_METHOD_ID + 1);
-    EXPECT_EQ(b->methodId, QV_FIRST_METHOD_ID + 2);
+    ASSERT_TRUE(a && b);
+    EXPECT_EQ(ints(a->methodId, b->methodId), ints(QV_FIRST_METHOD_ID + 1, QV_FIRST_METHOD_ID + 2));
     EXPECT_EQ(get("App::a"), a);
     EXPECT_EQ(getMethodPropFromMethodName("App::b", nullptr), b);
     EXPECT_EQ(getMethodPropFromMethodName("App::none", nullptr), nullptr);
-    EXPECT_EQ(qv_load(methodId), QV_FIRST_METHOD_ID + 3);
 
     // Bad input creates nothing.
     EXPECT_EQ(searchAndUpdateMethodHashMap(nullptr, nullptr, 1, 0), nullptr);
@@ -70,38 +64,19 @@ TEST_F(Registry, FindOrCreateHandsOutIdsInCreationOrder) {
     EXPECT_EQ(getMethodPropFromMethodName(nullptr, nullptr), nullptr);
     EXPECT_EQ(updateMethodHashMap("", 0, 0, nullptr), nullptr);
     EXPECT_EQ(qv_load(methodId), QV_FIRST_METHOD_ID + 3);
-    // A second create of a known name keeps the one record.
+    // A second create of a known name keeps the one record; a second initialisation the registry.
     EXPECT_EQ(updateMethodHashMap("App::a", 1, 2, nullptr), a);
     EXPECT_EQ(a->type, 0);
-}
-
-TEST_F(Registry, GenerationsShareRecordsAndIdsKeepIncreasing) {
-    node_t* g1 = methodHashMapNode;
-    methodPropProperties* a = get("A");
-    ASSERT_EQ(makeHashmapCopyAndaddToLL(0), 0);
-    node_t* g2 = methodHashMapNode;
-    ASSERT_NE(g1, g2);
-    EXPECT_EQ(getMethodPropFromMethodName("A", g2), a);
-    methodPropProperties* b = get("B");
-    EXPECT_EQ(b->methodId, a->methodId + 1);
-    EXPECT_EQ(getMethodPropFromMethodName("B", g1), nullptr);
-
-    // A flowpath still on g1 meeting a name the current generation knows shares that record, and
-    // a name it creates through g1 is known to the current generation too.
-    std::string bName = "B";
-    EXPECT_EQ(searchAndUpdateMethodHashMap(bName.data(), g1, 0, 0, 2), b);
-    std::string cName = "C";
-    methodPropProperties* c = searchAndUpdateMethodHashMap(cName.data(), g1, 0, 0, 2);
-    ASSERT_NE(c, nullptr);
-    EXPECT_EQ(c->methodId, b->methodId + 1);
-    EXPECT_EQ(get("C"), c);
-    EXPECT_NE(home_->traceLogs().find("Added to linklist and make copy., methodHashMapNode = "),
-              std::string::npos);
+    methodPropProperties* before = DefaultMethod;
+    EXPECT_EQ(initMethodRegistry(), 0);
+    EXPECT_EQ(DefaultMethod, before);
+    EXPECT_EQ(get("App::b"), b);
 }
 
 // Lookups in a given generation take no lock for known names; they must still find every name of
-// that generation (any length, across index growth and copies) and nothing of a newer one.
-TEST_F(Registry, KnownNamesOfAGenerationAreFoundWithoutNewIds) {
+// that generation (any length, across index growth and copies) and nothing of a newer one. Names
+// met through an older generation share the current generation's records.
+TEST_F(Registry, GenerationsShareRecordsAndKnownNamesAreFoundWithoutNewIds) {
     std::vector<std::string> names;
     for (int len = 1; len <= 40; len++) {
         names.push_back(std::string(len, 'm'));
@@ -118,9 +93,7 @@ TEST_F(Registry, KnownNamesOfAGenerationAreFoundWithoutNewIds) {
     node_t* g1 = methodHashMapNode;
     for (size_t i = 0; i < names.size(); i++) {
         EXPECT_EQ(getMethodPropFromMethodName(names[i].c_str(), g1), recs[i]) << names[i];
-        std::string buf = names[i];
-        EXPECT_EQ(searchAndUpdateMethodHashMap(buf.data(), g1, 1, 2, static_cast<int>(buf.size() + 1)),
-                  recs[i]);
+        EXPECT_EQ(get(names[i].c_str(), g1, 1), recs[i]);
     }
     EXPECT_EQ(qv_load(methodId), nextId);  // nothing created, not even as a backend
     EXPECT_EQ(getMethodPropFromMethodName("Svc::handler200", g1), nullptr);
@@ -128,16 +101,23 @@ TEST_F(Registry, KnownNamesOfAGenerationAreFoundWithoutNewIds) {
 
     ASSERT_EQ(makeHashmapCopyAndaddToLL(0), 0);
     node_t* g2 = methodHashMapNode;
+    ASSERT_NE(g1, g2);
     for (size_t i = 0; i < names.size(); i++)
         EXPECT_EQ(getMethodPropFromMethodName(names[i].c_str(), g2), recs[i]);
     methodPropProperties* late = get("Late::one");
+    EXPECT_EQ(late->methodId, nextId);
     EXPECT_EQ(getMethodPropFromMethodName("Late::one", g2), late);
     EXPECT_EQ(getMethodPropFromMethodName("Late::one", g1), nullptr);
-    // Met through the older generation, the name joins it with its one record.
-    std::string lateName = "Late::one";
-    EXPECT_EQ(searchAndUpdateMethodHashMap(lateName.data(), g1, 0, 0, 10), late);
+    // Met through the older generation, the name joins it with its one record; a name created
+    // through it is known to the current generation too.
+    EXPECT_EQ(get("Late::one", g1), late);
     EXPECT_EQ(getMethodPropFromMethodName("Late::one", g1), late);
-    EXPECT_EQ(qv_load(methodId), nextId + 1);
+    methodPropProperties* c = get("C", g1);
+    ASSERT_NE(c, nullptr);
+    EXPECT_EQ(ints(c->methodId, qv_load(methodId)), ints(nextId + 1, nextId + 2));
+    EXPECT_EQ(get("C"), c);
+    EXPECT_NE(home_->traceLogs().find("Added to linklist and make copy., methodHashMapNode = "),
+              std::string::npos);
 }
 
 TEST_F(Registry, ResetTypesClearTheirFields) {
@@ -150,11 +130,10 @@ TEST_F(Registry, ResetTypesClearTheirFields) {
             m->usedFlag = 1;
             m->instrumentationStatus = 5;
             m->instrumentationProp = 7;
+            m->isEntryPoint = 0;
+            m->callOutValue = 0;
         }
-        plain->isEntryPoint = 0;
-        plain->callOutValue = 0;
         entry->isEntryPoint = QV_EP_SERVICE | QV_EP_MONITORED;
-        forced->isEntryPoint = 0;
         forced->callOutValue = 1;
         callout->isEntryPoint = QV_EP_CALLOUT | QV_EP_MONITORED | QV_EP_CUSTOM_CALLOUT;
         callout->callOutValue = 4;
@@ -163,31 +142,23 @@ TEST_F(Registry, ResetTypesClearTheirFields) {
 
     dirty();
     ASSERT_EQ(makeHashmapCopyAndaddToLL(1), 0);
-    for (methodPropProperties* m : {plain, entry, forced, callout}) {
-        EXPECT_EQ(m->usedFlag, 0);
-        EXPECT_EQ(m->instrumentationStatus, 0);
-    }
-    EXPECT_EQ(plain->instrumentationProp, 3);
-    EXPECT_EQ(entry->instrumentationProp, 7);
-    EXPECT_EQ(forced->instrumentationProp, 7);
-    EXPECT_EQ(callout->instrumentationProp, 7);
+    for (methodPropProperties* m : {plain, entry, forced, callout})
+        EXPECT_EQ(ints(m->usedFlag, m->instrumentationStatus), ints(0, 0)) << m->methodName;
+    EXPECT_EQ(ints(plain->instrumentationProp, entry->instrumentationProp, forced->instrumentationProp,
+                   callout->instrumentationProp),
+              ints(3, 7, 7, 7));
 
     dirty();
     ASSERT_EQ(makeHashmapCopyAndaddToLL(2), 0);
-    EXPECT_EQ(entry->usedFlag, 0);
-    EXPECT_EQ(entry->isEntryPoint, QV_EP_SERVICE);
-    EXPECT_EQ(callout->isEntryPoint, QV_EP_CALLOUT | QV_EP_CUSTOM_CALLOUT);
-    EXPECT_EQ(callout->type, 2);
-    EXPECT_EQ(callout->instrumentationStatus, 5);
+    EXPECT_EQ(ints(entry->usedFlag, entry->isEntryPoint), ints(0, QV_EP_SERVICE));
+    EXPECT_EQ(ints(callout->isEntryPoint, callout->type, callout->instrumentationStatus),
+              ints(QV_EP_CALLOUT | QV_EP_CUSTOM_CALLOUT, 2, 5));
 
     dirty();
     ASSERT_EQ(makeHashmapCopyAndaddToLL(3), 0);
-    EXPECT_EQ(callout->usedFlag, 0);
-    EXPECT_EQ(callout->isEntryPoint, QV_EP_MONITORED | QV_EP_CUSTOM_CALLOUT);
-    EXPECT_EQ(callout->callOutValue, 0);
-    EXPECT_EQ(callout->type, 0);
-    EXPECT_EQ(forced->callOutValue, 0);
-    EXPECT_EQ(entry->isEntryPoint, QV_EP_SERVICE | QV_EP_MONITORED);
+    EXPECT_EQ(ints(callout->usedFlag, callout->isEntryPoint, callout->callOutValue, callout->type),
+              ints(0, QV_EP_MONITORED | QV_EP_CUSTOM_CALLOUT, 0, 0));
+    EXPECT_EQ(ints(forced->callOutValue, entry->isEntryPoint), ints(0, QV_EP_SERVICE | QV_EP_MONITORED));
     // The records stay shared: every method keeps its id and is in the newest generation.
     EXPECT_EQ(getMethodPropFromMethodName("callout", nullptr), callout);
 }
@@ -200,7 +171,7 @@ TEST_F(Registry, HeldGenerationIsSweptOnlyAfterItsRefCountDrops) {
 
     node_t* g1 = methodHashMapNode;
     saveNodeAndIncrementMethodRefCount(fp.get());
-    EXPECT_EQ(fp->hasMapNodePtr, g1);
+    ASSERT_EQ(fp->hasMapNodePtr, g1);
     EXPECT_EQ(refCount(g1), 1);
 
     ASSERT_EQ(makeHashmapCopyAndaddToLL(1), 0);  // g1 retired, held
@@ -234,68 +205,46 @@ TEST_F(Registry, HeldGenerationIsSweptOnlyAfterItsRefCountDrops) {
     EXPECT_EQ(checkAndDeleteNode(), 1);
     EXPECT_EQ(checkAndDeleteNode(), 0);
 
-    const std::string log = home_->traceLogs();
-    EXPECT_NE(log.find("Node removed from linklist. [node = "), std::string::npos);
-    EXPECT_NE(log.find("Afetr clearing linklist, head = "), std::string::npos);
-    EXPECT_NE(log.find("Linklist is empty. hence retuning"), std::string::npos);
-    EXPECT_NE(log.find("is already 0"), std::string::npos);
-}
-
-TEST_F(Registry, HundredReferencesAreLogged) {
+    // The hundredth reference is logged; null records change nothing.
     std::vector<std::unique_ptr<QVPerThreadData_t>> fps;
     for (int i = 0; i < 100; i++) {
         fps.push_back(std::make_unique<QVPerThreadData_t>());
         saveNodeAndIncrementMethodRefCount(fps.back().get());
     }
-    EXPECT_EQ(refCount(methodHashMapNode), 100);
-    EXPECT_NE(home_->traceLogs().find(
-                  "MethodHaspMap Reference count reached 100. [methodHashMapNode->ref_count = 100]"),
-              std::string::npos);
     saveNodeAndIncrementMethodRefCount(nullptr);
     qvDecrementMethodRefCount(nullptr);
+    EXPECT_EQ(refCount(methodHashMapNode), 100);
+
+    const std::string log = home_->traceLogs();
+    for (const char* line :
+         {"Node removed from linklist. [node = ", "Afetr clearing linklist, head = ",
+          "Linklist is empty. hence retuning", "is already 0",
+          "MethodHaspMap Reference count reached 100. [methodHashMapNode->ref_count = 100]"})
+        EXPECT_NE(log.find(line), std::string::npos) << line;
 }
 
-// A backend monitor with a maximum of two backends.
-struct FakeBackendMonitor {
-    static inline int max = 2;
-    static inline int counter = 0;
-    static inline std::vector<methodPropProperties*> grown;
-    static int limit(int* m, int* c) {
-        if (m) *m = max;
-        if (c) *c = counter;
-        return counter >= max ? 1 : 0;
-    }
-    static void increment() { counter++; }
-    static void grow(methodPropProperties* b) { grown.push_back(b); }
-};
-
 TEST_F(Registry, BackendsPastTheMaximumFoldIntoOthers) {
-    FakeBackendMonitor::counter = 0;
-    FakeBackendMonitor::grown.clear();
-    qvMethodRegistryHooks.backendLimitReached = FakeBackendMonitor::limit;
-    qvMethodRegistryHooks.incrementBackendCounter = FakeBackendMonitor::increment;
-    qvMethodRegistryHooks.checkAndIncrementAggrBackendDataArray = FakeBackendMonitor::grow;
-
+    MonitorHooks::install(2);
     char b1[32] = "db1";
     char b2[32] = "db2";
     methodPropProperties* m1 = searchAndUpdateMethodHashMap(b1, nullptr, 1, 2, sizeof(b1));
-    methodPropProperties* m2 = searchAndUpdateMethodHashMap(b2, nullptr, 1, 2, sizeof(b2));
     ASSERT_NE(m1, nullptr);
+    ASSERT_NE(searchAndUpdateMethodHashMap(b2, nullptr, 1, 2, sizeof(b2)), nullptr);
     EXPECT_EQ(m1->type, 2);
-    EXPECT_EQ(FakeBackendMonitor::counter, 2);
+    EXPECT_EQ(MonitorHooks::counter, 2);
 
     char b3[32] = "db3";
     methodPropProperties* others = searchAndUpdateMethodHashMap(b3, nullptr, 1, 2, sizeof(b3));
     ASSERT_NE(others, nullptr);
     EXPECT_STREQ(others->methodName, "Others");
     EXPECT_STREQ(b3, "Others");
-    EXPECT_EQ(FakeBackendMonitor::counter, 3);
+    EXPECT_EQ(MonitorHooks::counter, 3);
     EXPECT_EQ(getMethodPropFromMethodName("db3", nullptr), nullptr);
 
     char b4[] = "a-much-longer-backend-name:5432";
     EXPECT_EQ(searchAndUpdateMethodHashMap(b4, nullptr, 1, 2, sizeof(b4)), others);
     EXPECT_STREQ(b4, "Others");
-    EXPECT_EQ(FakeBackendMonitor::counter, 3);
+    EXPECT_EQ(MonitorHooks::counter, 3);
     // A buffer too small for "Others" is left alone; the backend still folds.
     char small[4] = "xy";
     EXPECT_EQ(searchAndUpdateMethodHashMap(small, nullptr, 1, 2, sizeof(small)), others);
@@ -305,10 +254,7 @@ TEST_F(Registry, BackendsPastTheMaximumFoldIntoOthers) {
     EXPECT_EQ(searchAndUpdateMethodHashMap(again, nullptr, 1, 2, sizeof(again)), m1);
     EXPECT_NE(get("App::plain"), others);
 
-    ASSERT_EQ(FakeBackendMonitor::grown.size(), 3u);
-    EXPECT_EQ(FakeBackendMonitor::grown[0], m1);
-    EXPECT_EQ(FakeBackendMonitor::grown[1], m2);
-    EXPECT_EQ(FakeBackendMonitor::grown[2], others);
+    EXPECT_EQ(MonitorHooks::backends, (std::vector<std::string>{"db1", "db2", "Others"}));
     EXPECT_NE(home_->traceLogs().find("max count is:2 and backendID counter is:2"), std::string::npos);
 }
 
@@ -316,19 +262,17 @@ TEST_F(Registry, MetadataRecordIsQueuedOnlyWhileTheDataThreadRuns) {
     qvApplication->QVSys.dataBuffMaxCount = 4;
     qvApplication->QVSys.bciDataBufferMaxSize = 16384;
     ASSERT_EQ(buff_list_init(), 0);
-    ASSERT_NE(QVBCIAgentBB, nullptr);
-    auto queued = [] { return std::string(QVBCIAgentBB->buff, QVBCIAgentBB->use_len); };
 
     qv_store(qvApplication->QVBCISetting.data_thread_running, 0);
     get("quiet");
-    EXPECT_EQ(queued(), "");
+    EXPECT_EQ(queuedRecords(), "");
 
     qv_store(qvApplication->QVBCISetting.data_thread_running, 1);
     methodPropProperties* loud = get("loud");
     const std::string expect = "5,loud," + std::to_string(loud->methodId) + "\n";
-    EXPECT_EQ(queued(), expect);
+    EXPECT_EQ(queuedRecords(), expect);
     get("loud");  // known: no second record
-    EXPECT_EQ(queued(), expect);
+    EXPECT_EQ(queuedRecords(), expect);
     EXPECT_NE(home_->traceLogs().find("Going to send metadata, buf[" + expect + "]"), std::string::npos);
 
     // A name longer than the record allows is cut in the record, kept whole in the registry.
@@ -336,26 +280,8 @@ TEST_F(Registry, MetadataRecordIsQueuedOnlyWhileTheDataThreadRuns) {
     methodPropProperties* lm = get(longName.c_str());
     ASSERT_NE(lm, nullptr);
     EXPECT_EQ(strlen(lm->methodName), longName.size());
-    EXPECT_EQ(queued(), expect + "5," + std::string(QV_METHOD_META_NAME_MAX, 'x') + "," +
-                            std::to_string(lm->methodId) + "\n");
-}
-
-TEST(RegistryStartup, DefaultMethodExistsAfterAgentInit) {
-    TempAgentHome home;
-    qv_flowpath_register_hooks();
-    agent_init("starttest", 1, "starttest", nullptr);
-    ASSERT_NE(qvApplication, nullptr);
-    ASSERT_NE(DefaultMethod, nullptr);
-    EXPECT_STREQ(DefaultMethod->methodName, QV_DEFAULT_METHOD_NAME);
-    EXPECT_EQ(getMethodPropFromMethodName("Profiler.Korlund.BeginRequest", nullptr), DefaultMethod);
-    EXPECT_EQ(DefaultMethod->isEntryPoint, QV_EP_SERVICE);
-    // A second initialisation keeps the registry.
-    methodPropProperties* before = DefaultMethod;
-    EXPECT_EQ(initMethodRegistry(), 0);
-    EXPECT_EQ(DefaultMethod, before);
-    qvMethodRegistryResetForTest();
-    qv_flowpath_pool_reset_for_test();
-    qv_agent_reset_for_test();
+    EXPECT_EQ(queuedRecords(), expect + "5," + std::string(QV_METHOD_META_NAME_MAX, 'x') + "," +
+                                   std::to_string(lm->methodId) + "\n");
 }
 
 TEST(RegistryStandalone, CallsBeforeStartUpAreHarmless) {
@@ -370,10 +296,7 @@ TEST(RegistryStandalone, CallsBeforeStartUpAreHarmless) {
 
 // Many threads meeting the same new names (some as backends) while generations are made and
 // swept: one record and one id per name.
-TEST(RegistryConcurrency, SameNewNamesGiveOneMethodEach) {
-    TempAgentHome home;
-    agent_init("conctest", 0, "conctest", nullptr);
-    ASSERT_EQ(initMethodRegistry(), 0);
+TEST_F(RegistryConcurrency, SameNewNamesGiveOneMethodEach) {
     constexpr int kThreads = 8;
     constexpr int kNames = 1000;
     std::vector<std::string> names;
@@ -423,17 +346,12 @@ TEST(RegistryConcurrency, SameNewNamesGiveOneMethodEach) {
     EXPECT_EQ(qv_load(methodId), QV_FIRST_METHOD_ID + 1 + kNames);
     checkAndDeleteNode();
     EXPECT_EQ(checkForLinkList(), 0);
-    qvMethodRegistryResetForTest();
-    qv_agent_reset_for_test();
 }
 
 // Lookups without the lock in a held generation, racing the creation of other names (growing the
 // index) and generation changes with sweeps: a known name always gives its record, a name being
 // created gives nothing or its one record, and a name never created gives nothing.
-TEST(RegistryConcurrency, LockFreeLookupsRaceInsertsAndGenerationChanges) {
-    TempAgentHome home;
-    agent_init("lookuptest", 0, "lookuptest", nullptr);
-    ASSERT_EQ(initMethodRegistry(), 0);
+TEST_F(RegistryConcurrency, LockFreeLookupsRaceInsertsAndGenerationChanges) {
     constexpr int kKnown = 64;
     constexpr int kNew = 3000;
     constexpr int kReaders = 3;
@@ -441,9 +359,7 @@ TEST(RegistryConcurrency, LockFreeLookupsRaceInsertsAndGenerationChanges) {
     std::vector<methodPropProperties*> knownRecs;
     for (int i = 0; i < kKnown; i++) {
         known.push_back("Known::m" + std::to_string(i));
-        char buf[64];
-        snprintf(buf, sizeof(buf), "%s", known.back().c_str());
-        knownRecs.push_back(searchAndUpdateMethodHashMap(buf, nullptr, 0, 0, sizeof(buf)));
+        knownRecs.push_back(get(known.back().c_str()));
         ASSERT_NE(knownRecs.back(), nullptr);
     }
     std::vector<std::string> fresh;
@@ -456,12 +372,8 @@ TEST(RegistryConcurrency, LockFreeLookupsRaceInsertsAndGenerationChanges) {
     std::vector<std::vector<std::pair<int, methodPropProperties*>>> seen(kReaders);
 
     std::thread writer([&] {
-        for (int i = 0; i < kNew; i++) {
-            char buf[96];
-            snprintf(buf, sizeof(buf), "%s", fresh[i].c_str());
-            if (searchAndUpdateMethodHashMap(buf, nullptr, i % 5 == 0 ? 1 : 0, 0, sizeof(buf)) == nullptr)
-                bad++;
-        }
+        for (int i = 0; i < kNew; i++)
+            if (get(fresh[i].c_str(), nullptr, i % 5 == 0 ? 1 : 0) == nullptr) bad++;
     });
     std::thread generations([&] {
         while (!stop.load()) {
@@ -500,26 +412,20 @@ TEST(RegistryConcurrency, LockFreeLookupsRaceInsertsAndGenerationChanges) {
     generations.join();
 
     EXPECT_EQ(bad.load(), 0);
-    for (int i = 0; i < kNew; i++) ASSERT_NE(getMethodPropFromMethodName(fresh[i].c_str(), nullptr), nullptr);
+    node_t* cur = methodHashMapNode;
+    for (int i = 0; i < kNew; i++) ASSERT_NE(getMethodPropFromMethodName(fresh[i].c_str(), cur), nullptr);
     for (const auto& s : seen)
         for (const auto& [i, m] : s)
             ASSERT_EQ(getMethodPropFromMethodName(fresh[i].c_str(), nullptr), m) << fresh[i];
-    node_t* cur = methodHashMapNode;
-    for (int i = 0; i < kNew; i++) ASSERT_NE(getMethodPropFromMethodName(fresh[i].c_str(), cur), nullptr);
     EXPECT_EQ(qv_load(methodId), QV_FIRST_METHOD_ID + 1 + kKnown + kNew);
     checkAndDeleteNode();
     EXPECT_EQ(checkForLinkList(), 0);
-    qvMethodRegistryResetForTest();
-    qv_agent_reset_for_test();
 }
 
 // Flowpaths take and give back generation references without the lock while generations are
 // retired and swept: no reference lands on a freed generation (the sanitizers watch), counts
 // balance, and once every flowpath has ended one sweep frees every retired generation.
-TEST(RegistryConcurrency, ReferencesTakenWithoutTheLockRaceSweeps) {
-    TempAgentHome home;
-    agent_init("reftest", 0, "reftest", nullptr);
-    ASSERT_EQ(initMethodRegistry(), 0);
+TEST_F(RegistryConcurrency, ReferencesTakenWithoutTheLockRaceSweeps) {
     constexpr int kFlowpaths = 3, kRounds = 20000;
     std::atomic<int> running{kFlowpaths};
     std::vector<std::thread> flowpaths;
@@ -543,9 +449,7 @@ TEST(RegistryConcurrency, ReferencesTakenWithoutTheLockRaceSweeps) {
     checkAndDeleteNode();
     EXPECT_EQ(checkForLinkList(), 0);
     EXPECT_EQ(getRetiredMethodHashMapCount(), 0);
-    EXPECT_EQ(__atomic_load_n(&methodHashMapNode->ref_count, __ATOMIC_RELAXED), 0);
-    qvMethodRegistryResetForTest();
-    qv_agent_reset_for_test();
+    EXPECT_EQ(refCount(methodHashMapNode), 0);
 }
 
 }  // namespace

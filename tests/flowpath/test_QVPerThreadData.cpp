@@ -4,49 +4,29 @@
 
 #include <atomic>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "collector/QVDataDispatcher.h"
-#include "core/qv_agent.h"
-#include "flowpath/QVPerThreadData.h"
 #include "flowpath/QVTlsPoolReserve.h"
-#include "flowpath/flowpath_module.h"
+#include "flowpath/flowpath_fixture.h"
 #include "foundation/qvlb_atomic.h"
-#include "foundation/qvlb_fault.h"
-#include "foundation/qvlb_mutex.h"
-#include "support/temp_home.h"
 
 namespace {
 
-class PoolTest : public ::testing::Test {
+class PoolTest : public AgentTest {
   protected:
     void SetUp() override {
-        home_ = std::make_unique<TempAgentHome>();
-        agent_init("fptest", 0, "fptest", nullptr);
-        ASSERT_NE(qvApplication, nullptr);
+        startAgent();
         qv_flowpath_register_hooks();
     }
-    void TearDown() override {
-        qvlb_fault_reset();
-        qv_flowpath_pool_reset_for_test();
-        qv_agent_reset_for_test();
-        home_.reset();
-    }
     // The start-up step, as core runs it.
-    void startPool() {
-        ASSERT_NE(qvAgentHooks.createTlsPool, nullptr);
+    static void startPool() {
         qvAgentHooks.createTlsPool();
         ASSERT_NE(gFreeTLSHead, nullptr);
     }
-    QVPerThreadData_t* take() {
-        QVPerThreadData_t* r = get_free_tls_slot();
-        resetAllThreadLocals(r, tlsdatastruct);
-        return r;
-    }
-    std::unique_ptr<TempAgentHome> home_;
+    // Free and busy counts, then records ever created.
+    static std::vector<long long> counts() { return ints(gFreeTLSCnt, gBusyTLSCnt, g_tlsidx); }
 };
 
 int countFreeReachable() {
@@ -55,9 +35,12 @@ int countFreeReachable() {
     return n;
 }
 
+bool emptyRow(const TLSDataStruct& row) {
+    return row.Tlsdata == nullptr && row.threadId == 0 && row.timestamp == 0;
+}
+
 TEST_F(PoolTest, SixtyFifthTakeCarvesSecondBlockAndGrowsHotspotTableZeroed) {
     startPool();
-    ASSERT_NE(tlsdatastruct.load(), nullptr);
     EXPECT_EQ(getTlsHotspotTableRows(), 64);
     for (int i = 0; i < 64; i++) {
         QVPerThreadData_t* r = take();
@@ -66,44 +49,26 @@ TEST_F(PoolTest, SixtyFifthTakeCarvesSecondBlockAndGrowsHotspotTableZeroed) {
     }
     QVPerThreadData_t* r65 = get_free_tls_slot();
     ASSERT_NE(r65, nullptr);
-    EXPECT_EQ(g_tlsidx, 128);
+    EXPECT_EQ(counts(), ints(63, 65, 128));
     EXPECT_EQ(size_array, 128);
-    EXPECT_EQ(r65->tlsIdx, 64);
-    EXPECT_EQ(r65->tlThreadId, 65);  // the busy count at carving time, plus slot + 1
-    EXPECT_EQ(gFreeTLSCnt, 63);
-    EXPECT_EQ(gBusyTLSCnt, 65);
+    // tlThreadId: the busy count at carving time, plus slot + 1.
+    EXPECT_EQ(ints(r65->tlsIdx, r65->tlThreadId), ints(64, 65));
     ASSERT_EQ(getTlsHotspotTableRows(), 128);
     TLSDataStruct* table = tlsdatastruct.load();
     for (int i = 0; i < 64; i++) EXPECT_EQ(table[i].threadId, 7) << i;  // kept by the growth
-    for (int i = 64; i < 128; i++)
-        EXPECT_TRUE(table[i].Tlsdata == nullptr && table[i].threadId == 0 && table[i].timestamp == 0) << i;
+    for (int i = 64; i < 128; i++) EXPECT_TRUE(emptyRow(table[i])) << i;
 }
 
-TEST_F(PoolTest, RecordReturnedAfterFreeListEmptiedIsLost) {
-    startPool();
-    std::vector<QVPerThreadData_t*> held;
-    for (int i = 0; i < 64; i++) held.push_back(take());
-    QVPerThreadData_t* returned = held[10];
-    resetAllThreadLocals(returned, tlsdatastruct);
-    free_tls_slot(returned);
-    EXPECT_EQ(gFreeTLSCnt, 1);
-    EXPECT_EQ(gBusyTLSCnt, 63);
-    EXPECT_EQ(gFreeTLSHead, nullptr);
-
-    QVPerThreadData_t* next = take();
-    ASSERT_NE(next, nullptr);
-    EXPECT_NE(next, returned);
-    EXPECT_EQ(next->tlsIdx, 64);
-    EXPECT_EQ(next->tlThreadId, 64);
-    for (QVPerThreadData_t* p = gFreeTLSHead; p != nullptr; p = p->free_next) EXPECT_NE(p, returned);
-}
-
-TEST_F(PoolTest, ReusedRecordIsClearedButKeepsItsIdentity) {
+// A record given back goes behind the untouched ones, cleared but keeping its identity; a second
+// give-back changes nothing; one given back after the free list ran dry is lost.
+TEST_F(PoolTest, RecordLifecycle) {
+    qv_store(qvApplication->QVSys.fpTraceLevel, 1);
     startPool();
     QVPerThreadData_t* a = take();
+    EXPECT_TRUE(gBusyTLSHead == a && gBusyTLSTail == a);
     apr_thread_mutex_t* blobLock = a->sequenceBlobLock;
     ASSERT_NE(blobLock, nullptr);
-    long long idx = a->tlsIdx;
+    const long long idx = a->tlsIdx;
     a->tlStatusCode = 500;
     a->qTimeInMS = 12;
     a->sequenceBlobLen = 100;
@@ -114,42 +79,37 @@ TEST_F(PoolTest, ReusedRecordIsClearedButKeepsItsIdentity) {
     tlsdatastruct.load()[idx] = TLSDataStruct{a, 1234, 5678};
     resetAllThreadLocals(a, tlsdatastruct);
     free_tls_slot(a);
-
-    // a went behind the 63 untouched records.
-    for (int i = 0; i < 63; i++) ASSERT_NE(take(), a);
-    QVPerThreadData_t* again = take();
-    ASSERT_EQ(again, a);
-    EXPECT_EQ(a->tlStatusCode, 200);
-    EXPECT_EQ(a->qTimeInMS, -1);
-    EXPECT_EQ(a->sequenceBlobLen, 0);
-    EXPECT_STREQ(a->flowpathInstanceStr, "");
-    EXPECT_EQ(a->tlSQLObj.DBCallDepth, 0);
-    EXPECT_EQ(a->tlSQLObj.sqlId, 41);
-    EXPECT_EQ(a->qvSessionId, 99);
-    EXPECT_EQ(a->tlsIdx, idx);
-    EXPECT_EQ(a->tlThreadId, 1);
-    EXPECT_EQ(a->sequenceBlobLock, blobLock);
-    TLSDataStruct row = tlsdatastruct.load()[idx];
-    EXPECT_TRUE(row.Tlsdata == nullptr && row.threadId == 0 && row.timestamp == 0);
-}
-
-TEST_F(PoolTest, FreeingKeepsListsAndCountsConsistent) {
-    qv_store(qvApplication->QVSys.fpTraceLevel, 1);
-    startPool();
-    QVPerThreadData_t* only = take();
-    EXPECT_EQ(gBusyTLSHead, only);
-    EXPECT_EQ(gBusyTLSTail, only);
-    free_tls_slot(only);
-    EXPECT_EQ(gBusyTLSHead, nullptr);
-    EXPECT_EQ(gBusyTLSTail, nullptr);
-
-    // Null and a second give-back of the same record change nothing.
+    EXPECT_TRUE(gBusyTLSHead == nullptr && gBusyTLSTail == nullptr);
     free_tls_slot(nullptr);
-    free_tls_slot(only);
-    EXPECT_EQ(gFreeTLSCnt, 64);
-    EXPECT_EQ(gBusyTLSCnt, 0);
+    free_tls_slot(a);
+    EXPECT_EQ(counts(), ints(64, 0, 64));
     EXPECT_EQ(countFreeReachable(), 64);
     EXPECT_NE(home_->traceLogs().find("|Error|Null argument is passed, hence returning"), std::string::npos);
+
+    std::vector<QVPerThreadData_t*> held;
+    for (int i = 0; i < 63; i++) {
+        held.push_back(take());
+        ASSERT_NE(held.back(), a);
+    }
+    ASSERT_EQ(take(), a);
+    EXPECT_EQ(ints(a->tlStatusCode, a->qTimeInMS, a->sequenceBlobLen, a->tlSQLObj.DBCallDepth),
+              ints(200, -1, 0, 0));
+    EXPECT_STREQ(a->flowpathInstanceStr, "");
+    // Kept: the query id, the session, the record's number and its lock.
+    EXPECT_EQ(ints(a->tlSQLObj.sqlId, a->qvSessionId, a->tlsIdx, a->tlThreadId), ints(41, 99, idx, 1));
+    EXPECT_EQ(a->sequenceBlobLock, blobLock);
+    EXPECT_TRUE(emptyRow(tlsdatastruct.load()[idx]));
+
+    QVPerThreadData_t* lost = held[10];
+    resetAllThreadLocals(lost, tlsdatastruct);
+    free_tls_slot(lost);
+    EXPECT_EQ(counts(), ints(1, 63, 64));
+    EXPECT_EQ(gFreeTLSHead, nullptr);
+    QVPerThreadData_t* next = take();
+    ASSERT_NE(next, nullptr);
+    EXPECT_NE(next, lost);
+    EXPECT_EQ(ints(next->tlsIdx, next->tlThreadId), ints(64, 64));
+    for (QVPerThreadData_t* p = gFreeTLSHead; p != nullptr; p = p->free_next) EXPECT_NE(p, lost);
 }
 
 std::vector<QVPerThreadData_t*> dumped;
@@ -194,18 +154,13 @@ TEST_F(PoolTest, DumpFromBusyListWritesAndReturnsEveryRecord) {
     dumpFpFromBusyList();
     ASSERT_NE(takenDuringDump, nullptr);
     EXPECT_EQ(dumped, (std::vector<QVPerThreadData_t*>{last, takenDuringDump}));
-    EXPECT_EQ(gBusyTLSHead, nullptr);
-    EXPECT_EQ(gBusyTLSTail, nullptr);
+    EXPECT_TRUE(gBusyTLSHead == nullptr && gBusyTLSTail == nullptr);
     EXPECT_EQ(gBusyTLSCnt, 0);
-    EXPECT_EQ(qvDispatcherHooks.dumpFpFromBusyList, dumpFpFromBusyList);
-    qvAgentHooks.createFpiToTLS();
-    EXPECT_NE(fpiToTLS, nullptr);
 }
 
 TEST_F(PoolTest, HotspotOffMeansNoTable) {
     qv_store(qvApplication->QVSys.qvEnableTxHotspot, 0);
     startPool();
-    EXPECT_EQ(tlsdatastruct.load(), nullptr);
     for (int i = 0; i < 65; i++) ASSERT_NE(take(), nullptr);
     EXPECT_EQ(tlsdatastruct.load(), nullptr);
     EXPECT_EQ(getTlsHotspotTableRows(), 0);
@@ -223,19 +178,17 @@ TEST_F(PoolTest, HotspotOffMeansNoTable) {
 int modelsCreated = 0;
 int modelsReset = 0;
 char fakeModel;
-void fakeInitModel(QVPerThreadData_t* r) {
-    modelsCreated++;
-    r->tlMonitorDataModel = reinterpret_cast<QVMonitorDataModel*>(&fakeModel);
-}
-void countModelReset(QVMonitorDataModel* m) {
-    EXPECT_EQ(m, reinterpret_cast<QVMonitorDataModel*>(&fakeModel));
-    modelsReset++;
-}
 
 TEST_F(PoolTest, MonitorModelsAndLocksFollowTheProxyMode) {
     modelsCreated = modelsReset = 0;
-    qvFlowpathPoolHooks.initQVMonitorDataModel = fakeInitModel;
-    qvFlowpathPoolHooks.resetMonitorDataModelArrays = countModelReset;
+    qvFlowpathPoolHooks.initQVMonitorDataModel = [](QVPerThreadData_t* r) {
+        modelsCreated++;
+        r->tlMonitorDataModel = reinterpret_cast<QVMonitorDataModel*>(&fakeModel);
+    };
+    qvFlowpathPoolHooks.resetMonitorDataModelArrays = [](QVMonitorDataModel* m) {
+        EXPECT_EQ(m, reinterpret_cast<QVMonitorDataModel*>(&fakeModel));
+        modelsReset++;
+    };
     startPool();
     EXPECT_EQ(modelsCreated, 64);
     for (int i = 0; i < 3; i++) take();
@@ -261,9 +214,7 @@ TEST_F(PoolTest, FailedBlockAllocationReturnsNullAndRecovers) {
     qvlb_fault_arm(QV_FAULT_MALLOC, 0, 1);
     EXPECT_EQ(get_free_tls_slot(), nullptr);
     qvlb_fault_reset();
-    EXPECT_EQ(g_tlsidx, 64);
-    EXPECT_EQ(gFreeTLSCnt, 0);
-    EXPECT_EQ(gBusyTLSCnt, 64);
+    EXPECT_EQ(counts(), ints(0, 64, 64));
     EXPECT_NE(take(), nullptr);
     EXPECT_EQ(g_tlsidx, 128);
 #else
@@ -317,10 +268,9 @@ TEST_F(PoolConcurrency, TakeAndGiveBackFromManyThreads) {
     done = true;
     sensor.join();
     EXPECT_EQ(errors.load(), 0);
-    EXPECT_EQ(gBusyTLSCnt, 0);
-    EXPECT_EQ(gBusyTLSHead, nullptr);
-    EXPECT_EQ(gBusyTLSTail, nullptr);
-    EXPECT_EQ(gFreeTLSCnt, g_tlsidx);  // lost records are still counted as free
+    // Lost records are still counted as free.
+    EXPECT_EQ(counts(), ints(g_tlsidx, 0, g_tlsidx));
+    EXPECT_TRUE(gBusyTLSHead == nullptr && gBusyTLSTail == nullptr);
     EXPECT_EQ(g_tlsidx % 64, 0);
     EXPECT_EQ(getTlsHotspotTableRows(), g_tlsidx);
     EXPECT_LE(countFreeReachable(), gFreeTLSCnt);

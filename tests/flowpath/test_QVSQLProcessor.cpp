@@ -4,11 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <latch>
 #include <map>
 #include <memory>
@@ -18,10 +14,8 @@
 #include <thread>
 #include <vector>
 
-#include "collector/QVDataDispatcher.h"
 #include "core/QVSettingRecords.h"
-#include "core/qv_agent.h"
-#include "flowpath/QVPerThreadData.h"
+#include "flowpath/flowpath_fixture.h"
 #include "foundation/qvlb_hashmap.h"
 #include "foundation/qvlb_mt_log.h"
 
@@ -40,10 +34,7 @@ class SqlFixture : public ::testing::Test {
         app_.QVSys.bciDataBufferMaxSize = 65536;
         app_.Server.TestRunIDValue = 77;
         qvApplication = &app_;
-        char tmpl[] = "/tmp/qv_sql_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        trace_log_key = qvlb_init_mt_trace_log_ex(dir_.c_str(), "sql", 1, 10);
+        trace_log_key = qvlb_init_mt_trace_log_ex(home_.path().c_str(), "sql", 1, 10);
         ASSERT_EQ(buff_list_init(), 0);
         QVSQLProcessorInit();
     }
@@ -53,21 +44,6 @@ class SqlFixture : public ::testing::Test {
         qvFreeRetiredStrs();
         qvlb_trace_log_reset_for_test();
         qvApplication = nullptr;
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        if (system(cmd.c_str()) != 0) ADD_FAILURE() << cmd;
-    }
-    // Everything queued so far, in order: the buffers waiting to be sent, then the current one.
-    static std::string sent() {
-        std::string out;
-        for (nioSettings_t* n = readList; n != nullptr; n = n->next) out.append(n->buff, n->use_len);
-        if (QVBCIAgentBB != nullptr) out.append(QVBCIAgentBB->buff, QVBCIAgentBB->use_len);
-        return out;
-    }
-    std::string log() const {
-        std::ifstream in(dir_ + "/sql_0");
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
     }
     static std::unique_ptr<QVPerThreadData_t> transaction(long long fpi) {
         auto td = std::make_unique<QVPerThreadData_t>();
@@ -75,23 +51,18 @@ class SqlFixture : public ::testing::Test {
         td->tlTestRunNumber = 3;
         return td;
     }
+    static std::vector<long long> sqlObj(const QVPerThreadData_t& td) {
+        return ints(td.tlSQLObj.DBCallDepth, td.tlSQLObj.sqlId, td.tlSQLObj.startTime);
+    }
+    TempAgentHome home_;
     QVProxyInstance_t app_;
-    std::string dir_;
 };
 
 TEST_F(SqlFixture, FirstCallSendsDefaultsAndIdsAreStablePerText) {
-    EXPECT_EQ(QVSQLProcessor.preparedQueryRecordID, 22);
-    EXPECT_EQ(QVSQLProcessor.sqlQueryID, 5);
-    EXPECT_EQ(QVSQLProcessor.isDefaultQueryRecordsDumped, 0);
-    EXPECT_STREQ(getDBIPName(), "ADO.NET_QuoteDB");
-
     auto a = transaction(41);
     dbMethodEntry(a.get(), 1000, "select 1", "db");
-    EXPECT_EQ(sent(), kDefaults + "22,41,6,select 1\n");
-    EXPECT_EQ(QVSQLProcessor.isDefaultQueryRecordsDumped, 1);
-    EXPECT_EQ(a->tlSQLObj.DBCallDepth, 1);
-    EXPECT_EQ(a->tlSQLObj.sqlId, 6);
-    EXPECT_EQ(a->tlSQLObj.startTime, 1000);
+    EXPECT_EQ(queuedRecords(), kDefaults + "22,41,6,select 1\n");
+    EXPECT_EQ(sqlObj(*a), ints(1, 6, 1000));
 
     // Same text in another transaction: same id, nothing sent. A comma is stored and sent escaped.
     auto b = transaction(42);
@@ -100,7 +71,7 @@ TEST_F(SqlFixture, FirstCallSendsDefaultsAndIdsAreStablePerText) {
     b->tlSQLObj.DBCallDepth = 0;
     dbMethodEntry(b.get(), 3000, "select a,b from t", "db");
     EXPECT_EQ(b->tlSQLObj.sqlId, 7);
-    EXPECT_EQ(sent(), kDefaults + "22,41,6,select 1\n22,42,7,select a&#010;b from t\n");
+    EXPECT_EQ(queuedRecords(), kDefaults + "22,41,6,select 1\n22,42,7,select a&#010;b from t\n");
     ASSERT_NE(search_hashmap(QVSQLProcessor.preparedQueryIDLookup, "select a&#010;b from t"), nullptr);
     // Identity is the exact text: case matters.
     EXPECT_EQ(checkAndProcessQuery("SELECT 1", 0), 8);
@@ -110,50 +81,39 @@ TEST_F(SqlFixture, NestedCallKeepsOuterValuesAndNullQueryIsNotRecorded) {
     auto td = transaction(55);
     dbMethodEntry(td.get(), 1000, nullptr, "db");
     // The defaults still go out on the first call; the null query changes nothing.
-    EXPECT_EQ(sent(), kDefaults);
+    EXPECT_EQ(queuedRecords(), kDefaults);
     EXPECT_EQ(td->tlSQLObj.DBCallDepth, 0);
     EXPECT_EQ(QVSQLProcessor.sqlQueryID, 5);
-    EXPECT_NE(
-        log().find("DB query is coming null, so returning without dumping DB Record  currentTestrun= 77 "
-                   "LocalTestrun= 3, flowpathInstanceID= 55"),
-        std::string::npos)
-        << log();
+    EXPECT_NE(home_.read("sql_0").find("DB query is coming null, so returning without dumping DB Record  "
+                                       "currentTestrun= 77 LocalTestrun= 3, flowpathInstanceID= 55"),
+              std::string::npos);
 
     dbMethodEntry(td.get(), 1000, "outer", "db");
     dbMethodEntry(td.get(), 1500, "inner", "db");
-    EXPECT_EQ(td->tlSQLObj.DBCallDepth, 2);
-    EXPECT_EQ(td->tlSQLObj.sqlId, 6);
-    EXPECT_EQ(td->tlSQLObj.startTime, 1000);
-    EXPECT_EQ(sent(), kDefaults + "22,55,6,outer\n22,55,7,inner\n");
+    EXPECT_EQ(sqlObj(*td), ints(2, 6, 1000));
+    EXPECT_EQ(queuedRecords(), kDefaults + "22,55,6,outer\n22,55,7,inner\n");
 }
 
 TEST_F(SqlFixture, MetaRecordIsCutAfterTheAreaWithItsZeroByte) {
     // "22,5,9," is 7 characters; the line feed makes 8 more than the text.
     std::string fits(3059, 'q');  // 3067 characters: sent whole
     ASSERT_EQ(dumpDBMetaRecord(5, 9, fits.c_str(), 22), 0);
-    EXPECT_EQ(sent(), "22,5,9," + fits + "\n");
+    EXPECT_EQ(queuedRecords(), "22,5,9," + fits + "\n");
 
     qv_data_dispatcher_reset_for_test();
     ASSERT_EQ(buff_list_init(), 0);
     std::string exact(3060, 'q');  // 3068 characters: the zero byte replaces the line feed
     dumpDBMetaRecord(5, 9, exact.c_str(), 22);
-    std::string got = sent();
-    ASSERT_EQ(got.size(), 3068u);
-    EXPECT_EQ(got, "22,5,9," + exact + std::string(1, '\0'));
-
-    std::string longer(5000, 'q');
-    dumpDBMetaRecord(5, 9, longer.c_str(), 22);
-    std::string cut = sent().substr(3068);
-    ASSERT_EQ(cut.size(), 3072u);
-    EXPECT_EQ(cut, "22,5,9," + std::string(3060, 'q') + std::string(1, '\0') + "...\n");
+    EXPECT_EQ(queuedRecords(), "22,5,9," + exact + std::string(1, '\0'));
+    dumpDBMetaRecord(5, 9, std::string(5000, 'q').c_str(), 22);
+    EXPECT_EQ(queuedRecords().substr(3068), "22,5,9," + exact + std::string(1, '\0') + "...\n");
 }
 
 TEST(SqlEscape, TableAndBound) {
     char out[128];
-    EXPECT_EQ(
-        escapeHTML(out, sizeof(out), "a\nb,c\rd\"e&f'g:h\\i^j|k"),
-        static_cast<int>(strlen("a&#010;b&#010;c&#011;d&#034;e&amp;f&#039;g&#58;h&#092;i&#094;j&#124;k")));
-    EXPECT_STREQ(out, "a&#010;b&#010;c&#011;d&#034;e&amp;f&#039;g&#58;h&#092;i&#094;j&#124;k");
+    const char* want = "a&#010;b&#010;c&#011;d&#034;e&amp;f&#039;g&#58;h&#092;i&#094;j&#124;k";
+    EXPECT_EQ(escapeHTML(out, sizeof(out), "a\nb,c\rd\"e&f'g:h\\i^j|k"), static_cast<int>(strlen(want)));
+    EXPECT_STREQ(out, want);
 
     // A piece that does not fit is cut to the room left, terminator included; the count still
     // grows by its full length and ends the escaping. Nothing is written past len.
@@ -177,6 +137,7 @@ TEST(SqlEscape, TableAndBound) {
 }
 
 TEST(SqlDBIPName, KeywordValues) {
+    EXPECT_STREQ(getDBIPName(), "ADO.NET_QuoteDB");
     for (const char* reset : {"NA", "-", ""}) {
         setDBIPName(const_cast<char*>("x"), nullptr, -1);
         setDBIPName(const_cast<char*>(reset), nullptr, -1);
@@ -220,12 +181,11 @@ TEST_F(SqlConcurrency, ManyThreadsMeetingNewQueriesAgreeOnOneIdEach) {
     EXPECT_EQ(*distinct.rbegin(), 5 + kQueries);
 
     // Defaults first and once, then one meta record per id whose text is the query's.
-    std::string all = sent();
+    std::string all = queuedRecords();
     ASSERT_EQ(all.substr(0, kDefaults.size()), kDefaults);
     std::istringstream lines(all.substr(kDefaults.size()));
     std::map<long long, std::string> meta;
-    std::string line;
-    while (std::getline(lines, line)) {
+    for (std::string line; std::getline(lines, line);) {
         long long fpi = 0, id = 0;
         int textAt = 0;
         ASSERT_EQ(sscanf(line.c_str(), "22,%lld,%lld,%n", &fpi, &id, &textAt), 2) << line;

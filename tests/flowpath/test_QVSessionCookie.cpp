@@ -7,73 +7,43 @@
 #include <memory>
 #include <string>
 
-#include "core/qv_agent.h"
-#include "flowpath/QVPerThreadData.h"
+#include "flowpath/flowpath_fixture.h"
 #include "foundation/qvlb_hashmap.h"
 
 namespace {
 
-struct Record {
-    Record() : r(std::make_unique<QVPerThreadData_t>()) {}
-    std::unique_ptr<QVPerThreadData_t> r;
-    QVPerThreadData_t* operator->() { return r.get(); }
-    QVPerThreadData_t* get() { return r.get(); }
-};
+std::vector<long long> session(const QVPerThreadData_t& r) {
+    return ints(r.qvSessionId, r.instrumented, r.totalFpcount, r.last_fptimestamp_from_cookie);
+}
 
-TEST(SessionCookie, ValidCookiesFillTheSessionFields) {
-    Record r;
+TEST(SessionCookie, ValidCookiesFillTheSessionFieldsAndMalformedOnesHaveNoEffect) {
+    auto r = std::make_unique<QVPerThreadData_t>();
     ASSERT_EQ(parseQVCookieStr("sid=42;inst=1;cnt=3;ts=1700000000000", r.get()), 0);
-    EXPECT_EQ(r->qvSessionId, 42);
-    EXPECT_EQ(r->instrumented, 1);
-    EXPECT_EQ(r->totalFpcount, 3);
-    EXPECT_EQ(r->last_fptimestamp_from_cookie, 1700000000000LL);
-
+    EXPECT_EQ(session(*r), ints(42, 1, 3, 1700000000000LL));
     // Any order, blanks, empty fields, unknown keys; missing optional keys default to 0; a repeated
     // key keeps its last value.
     ASSERT_EQ(parseQVCookieStr(" ts = 5 ;; color=blue; sid=7 ;sid=8;", r.get()), 0);
-    EXPECT_EQ(r->qvSessionId, 8);
-    EXPECT_EQ(r->instrumented, 0);
-    EXPECT_EQ(r->totalFpcount, 0);
-    EXPECT_EQ(r->last_fptimestamp_from_cookie, 5);
+    EXPECT_EQ(session(*r), ints(8, 0, 0, 5));
     ASSERT_EQ(parseQVCookieStr("sid=9223372036854775807;cnt=2147483647", r.get()), 0);
     EXPECT_EQ(r->totalFpcount, 2147483647);
-}
 
-TEST(SessionCookie, MalformedCookiesHaveNoEffect) {
-    Record r;
     ASSERT_EQ(parseQVCookieStr("sid=42;inst=1;cnt=3;ts=99", r.get()), 0);
-    const char* bad[] = {"",
-                         ";;",
-                         "inst=1;cnt=3",
-                         "sid=0",
-                         "sid=",
-                         "sid=-4",
-                         "sid=+4",
-                         "sid=4x",
-                         "sid=4;inst=2",
-                         "sid=4;cnt=2147483648",
-                         "sid=9223372036854775808",
-                         "sid=4;ts=99999999999999999999999",
-                         "sid=4;garbage",
-                         "sid=4;cnt=1 2",
-                         "\xff\xfe=\x01;sid=\x80"};
-    for (const char* c : bad) {
+    for (const char* c :
+         {"", ";;", "inst=1;cnt=3", "sid=0", "sid=", "sid=-4", "sid=+4", "sid=4x", "sid=4;inst=2",
+          "sid=4;cnt=2147483648", "sid=9223372036854775808", "sid=4;ts=99999999999999999999999",
+          "sid=4;garbage", "sid=4;cnt=1 2", "\xff\xfe=\x01;sid=\x80"}) {
         EXPECT_EQ(parseQVCookieStr(c, r.get()), -1) << c;
-        EXPECT_EQ(r->qvSessionId, 42) << c;
-        EXPECT_EQ(r->instrumented, 1) << c;
-        EXPECT_EQ(r->totalFpcount, 3) << c;
-        EXPECT_EQ(r->last_fptimestamp_from_cookie, 99) << c;
+        EXPECT_EQ(session(*r), ints(42, 1, 3, 99)) << c;
     }
     EXPECT_EQ(parseQVCookieStr(nullptr, r.get()), -1);
     EXPECT_EQ(parseQVCookieStr("sid=1", nullptr), -1);
     std::string huge(100000, ';');
-    huge += "sid=5";
-    EXPECT_EQ(parseQVCookieStr(huge.c_str(), r.get()), 0);
+    EXPECT_EQ(parseQVCookieStr((huge + "sid=5").c_str(), r.get()), 0);
     EXPECT_EQ(r->qvSessionId, 5);
 }
 
 TEST(SessionCookie, SessionStateIsWrittenBack) {
-    Record r;
+    auto r = std::make_unique<QVPerThreadData_t>();
     r->flowpathInstance = 1234;
     r->tlIsFPCaptured = 1;
     r->tlFlowPathTimeStampInMS = 500;
@@ -85,44 +55,36 @@ TEST(SessionCookie, SessionStateIsWrittenBack) {
     setValue("", r.get());  // new session
     ASSERT_GT(getQVSessionCookie(r.get(), buf, sizeof(buf)), 0);
     EXPECT_STREQ(buf, "sid=1234;inst=1;cnt=1;ts=500");
-
     r->tlFlowPathTimeStampInMS = 900;  // the next flowpath of the live session
     setValue("sid=1234;inst=1;cnt=1;ts=500", r.get());
     ASSERT_GT(getQVSessionCookie(r.get(), buf, sizeof(buf)), 0);
     EXPECT_STREQ(buf, "sid=1234;inst=1;cnt=2;ts=900");
-
     // What is written back parses to the same state.
-    Record back;
+    auto back = std::make_unique<QVPerThreadData_t>();
     ASSERT_EQ(parseQVCookieStr(buf, back.get()), 0);
-    EXPECT_EQ(back->qvSessionId, 1234);
-    EXPECT_EQ(back->totalFpcount, 2);
+    EXPECT_EQ(session(*back), ints(1234, 1, 2, 900));
 
     char tiny[8];
     EXPECT_EQ(getQVSessionCookie(r.get(), tiny, sizeof(tiny)), -1);
     EXPECT_STREQ(tiny, "");
     clearQVSession(r.get());
-    EXPECT_EQ(r->qvSessionId, 0);
-    EXPECT_EQ(r->totalFpcount, 0);
+    EXPECT_EQ(ints(r->qvSessionId, r->totalFpcount), ints(0, 0));
 }
 
 TEST(SessionCookie, SecondCookieGrammar) {
-    Record r;
+    auto r = std::make_unique<QVPerThreadData_t>();
     ASSERT_EQ(parseWBCookieStr("17|23", r.get()), 0);
-    EXPECT_EQ(r->korSID, 17);
-    EXPECT_EQ(r->QVPageID, 23);
+    EXPECT_EQ(ints(r->korSID, r->QVPageID), ints(17, 23));
     ASSERT_EQ(parseWBCookieStr(" 5 |\t6 ", r.get()), 0);
-    EXPECT_EQ(r->korSID, 5);
-    EXPECT_EQ(r->QVPageID, 6);
     for (const char* c : {"", "|", "5|", "|6", "5", "5|6|7", "a|6", "5|-6", "99999999999999999999|1"}) {
         EXPECT_EQ(parseWBCookieStr(c, r.get()), -1) << c;
-        EXPECT_EQ(r->korSID, 5) << c;
-        EXPECT_EQ(r->QVPageID, 6) << c;
+        EXPECT_EQ(ints(r->korSID, r->QVPageID), ints(5, 6)) << c;
     }
     EXPECT_EQ(parseWBCookieStr(nullptr, r.get()), -1);
 }
 
 TEST(SessionCookie, RecordsAreFoundByTheirKey) {
-    Record a, b;
+    auto a = std::make_unique<QVPerThreadData_t>(), b = std::make_unique<QVPerThreadData_t>();
     EXPECT_EQ(set_value("k1", a.get()), -1);  // no map: enableProxyServer was off at start-up
     EXPECT_EQ(searchqvTDfromHashMap("k1"), nullptr);
     qvTDHashMap = create_hashmap(nullptr);

@@ -4,29 +4,16 @@
 
 #include <apr_time.h>
 
-#include <memory>
-
-#include "core/qv_agent.h"
-#include "flowpath/QVPerThreadData.h"
 #include "flowpath/QVTlsPoolReserve.h"
-#include "flowpath/flowpath_module.h"
-#include "foundation/qvlb_mutex.h"
-#include "support/temp_home.h"
+#include "flowpath/flowpath_fixture.h"
 
 namespace {
 
-class PoolReserveConcurrency : public ::testing::Test {
+class PoolReserveConcurrency : public AgentTest {
   protected:
     void SetUp() override {
-        home_ = std::make_unique<TempAgentHome>();
-        agent_init("rstest", 0, "rstest", nullptr);
-        ASSERT_NE(qvApplication, nullptr);
+        startAgent();
         qv_flowpath_register_hooks();
-    }
-    void TearDown() override {
-        qv_flowpath_pool_reset_for_test();
-        qv_agent_reset_for_test();
-        home_.reset();
     }
     // Waits for the block the reserve prepares after a carve.
     static bool takeWhenReady(QVTlsPreparedBlock* b) {
@@ -36,14 +23,12 @@ class PoolReserveConcurrency : public ::testing::Test {
         }
         return false;
     }
-    std::unique_ptr<TempAgentHome> home_;
 };
 
 TEST_F(PoolReserveConcurrency, CarveAsksForABlockWithZeroedRecordsAndTheirLocks) {
-    QVTlsPreparedBlock none;
-    EXPECT_FALSE(qvTlsPoolReserveTake(&none));  // nothing asked for yet
-    qvAgentHooks.createTlsPool();
     QVTlsPreparedBlock b;
+    EXPECT_FALSE(qvTlsPoolReserveTake(&b));  // nothing asked for yet
+    qvAgentHooks.createTlsPool();
     ASSERT_TRUE(takeWhenReady(&b));
     ASSERT_NE(b.pool, nullptr);
     EXPECT_TRUE(b.withLocks);
@@ -63,12 +48,10 @@ TEST_F(PoolReserveConcurrency, CarveAsksForABlockWithZeroedRecordsAndTheirLocks)
 TEST_F(PoolReserveConcurrency, LinkedBlockContinuesNumberingAndStopFreesTheSpare) {
     qvAgentHooks.createTlsPool();
     for (int i = 0; i < 65; i++) ASSERT_NE(get_free_tls_slot(), nullptr);
-    EXPECT_EQ(g_tlsidx, 128);
-    EXPECT_EQ(gFreeTLSCnt, 63);
+    EXPECT_EQ(ints(g_tlsidx, gFreeTLSCnt), ints(128, 63));
     // The grown block's records, whichever way it was made, are numbered on from the first.
     QVPerThreadData_t* last = gFreeTLSTail;
-    EXPECT_EQ(last->tlsIdx, 127);
-    EXPECT_EQ(last->tlThreadId, 64 + 63 + 1);
+    EXPECT_EQ(ints(last->tlsIdx, last->tlThreadId), ints(127, 64 + 63 + 1));
     EXPECT_NE(last->updateBTLock, nullptr);
     // A spare made after the second carve is freed by the stop (the sanitizer build checks the
     // leak); a later carve starts the thread again.

@@ -100,23 +100,14 @@ TEST_F(QvbtUtils, ParamValue) {
 }
 
 TEST_F(QvbtUtils, MethodAndOperationCodes) {
-    EXPECT_EQ(getHTTPMethodValue("get"), 0);
-    EXPECT_EQ(getHTTPMethodValue("POST"), 1);
-    EXPECT_EQ(getHTTPMethodValue("Put"), 2);
-    EXPECT_EQ(getHTTPMethodValue("delete"), 3);
-    EXPECT_EQ(getHTTPMethodValue("PATCH"), 255);
-    EXPECT_EQ(getHTTPMethodValue("GETX"), 255);
-    EXPECT_EQ(getHTTPMethodValue(nullptr), 255);
-    EXPECT_EQ(getOperationType("equals"), 4);
-    EXPECT_EQ(getOperationType("STARTSWITH"), 1);
-    EXPECT_EQ(getOperationType("endsWith"), 2);
-    EXPECT_EQ(getOperationType("contains"), 3);
-    EXPECT_EQ(getOperationType("matchesRegExp"), 5);
-    EXPECT_EQ(getOperationType("notEmpty"), 6);
-    EXPECT_EQ(getOperationType("inList"), 7);
-    EXPECT_EQ(getOperationType("equalsIgnoreCase"), 4);  // a prefix comparison
-    EXPECT_EQ(getOperationType("equ"), 255);
-    EXPECT_EQ(getOperationType(nullptr), 255);
+    const std::pair<const char*, int> methods[] = {
+        {"get", 0}, {"POST", 1}, {"Put", 2}, {"delete", 3}, {"PATCH", 255}, {"GETX", 255}, {nullptr, 255}};
+    for (const auto& [m, code] : methods) EXPECT_EQ(getHTTPMethodValue(m), code) << (m ? m : "null");
+    // equalsIgnoreCase: a prefix comparison.
+    const std::pair<const char*, int> ops[] = {
+        {"equals", 4},   {"STARTSWITH", 1}, {"endsWith", 2},         {"contains", 3}, {"matchesRegExp", 5},
+        {"notEmpty", 6}, {"inList", 7},     {"equalsIgnoreCase", 4}, {"equ", 255},    {nullptr, 255}};
+    for (const auto& [op, code] : ops) EXPECT_EQ(getOperationType(op), code) << (op ? op : "null");
 }
 
 TEST_F(QvbtUtils, Categories) {
