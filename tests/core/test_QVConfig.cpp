@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "core/QVBCISettings.h"
 #include "core/QVConfig.h"
@@ -48,17 +49,13 @@ TEST_F(QVConfigTest, ReadsIdentityAndPrimaryCollector) {
     EXPECT_STREQ(getAppName(), "I1");
     const QVBCISetting_t& b = qvApplication->QVBCISetting;
     EXPECT_STREQ(b.qvcHost, "h");
-    EXPECT_EQ(b.qvcPort, 7000);
-    EXPECT_EQ(b.num_qvc_config, 1);
     ASSERT_NE(qvc_server_arr, nullptr);
-    EXPECT_EQ(server_arr_size, 5);
     EXPECT_STREQ(qvc_server_arr[0].qvc_host, "h");
-    EXPECT_EQ(qvc_server_arr[0].qvc_port, 7000u);
-    EXPECT_EQ(qvc_server_arr[0].state, 1);
-    EXPECT_EQ(qv_dr_state, 0);
-    EXPECT_EQ(qvApplication->QVSys.agentTraceLevel, 2);
-    EXPECT_EQ(instrumentSleep, 3);
-    EXPECT_EQ(qvApplication->QVSys.proxyMode, 1);
+    EXPECT_EQ(std::tie(b.qvcPort, b.num_qvc_config, server_arr_size, qvc_server_arr[0].qvc_port,
+                       qvc_server_arr[0].state, qv_dr_state),
+              std::make_tuple(7000, 1, 5, 7000u, 1, 0));
+    EXPECT_EQ(std::tie(qvApplication->QVSys.agentTraceLevel, instrumentSleep, qvApplication->QVSys.proxyMode),
+              std::make_tuple(2, 3, 1));
     EXPECT_STREQ(qvApplication->QVSys.proxyIP, "10.0.0.1");
 
     // A re-read rebuilds the list instead of adding to it.
@@ -124,16 +121,15 @@ TEST_F(QVConfigTest, CorpusOfBadInput) {
 TEST_F(QVConfigTest, BackupsGrowTheListAndSetDrState) {
     std::string content = "qvcHost=h\nqvcPort=1\n";
     for (int i = 1; i <= 7; i++)
-        content += std::string("backupQvcHostName=b") + std::to_string(i) + "\nbackupQvcPort=" + std::to_string(100 + i) + "\n";
+        content += std::string("backupQvcHostName=b") + std::to_string(i) +
+                   "\nbackupQvcPort=" + std::to_string(100 + i) + "\n";
     ASSERT_EQ(readSettings(content), 0);
     EXPECT_EQ(qv_dr_state, 1);
     EXPECT_EQ(server_arr_size, 10);
     EXPECT_TRUE(logged("Going to realloc qvc_server_arr with size = 10"));
     EXPECT_EQ(qvApplication->QVBCISetting.num_qvc_config, 8);
     for (int i = 1; i <= 7; i++) {
-        char host[16];
-        snprintf(host, sizeof host, "b%d", i);
-        EXPECT_STREQ(qvc_server_arr[i].qvc_host, host);
+        EXPECT_EQ(qvc_server_arr[i].qvc_host, "b" + std::to_string(i));
         EXPECT_EQ(qvc_server_arr[i].qvc_port, static_cast<unsigned>(100 + i));
     }
 
@@ -171,16 +167,11 @@ TEST_F(QVConfigTest, ChangeTestFlags) {
 
     home_.write("config/qvsettings.conf", "qvcHost=h\n");
     EXPECT_EQ(check_file_size_of_qvsetting_files(1), 1);  // never stored yet
-    srv.testRunRunning = 1;
-    b.data_thread_running = 1;
-    srv.retryForDataConn = 1;
-    b.autoSensor_thread_running = 1;
-    srv.retryForAutoSensorConn = 1;
+    auto flags = std::tie(srv.testRunRunning, srv.retryForDataConn, srv.retryForAutoSensorConn,
+                          b.data_thread_running, b.autoSensor_thread_running);
+    flags = std::make_tuple(1, 1, 1, 1, 1);
     EXPECT_EQ(check_file_size_of_qvsetting_files(0), 0);
-    EXPECT_EQ(srv.testRunRunning, 0);
-    EXPECT_EQ(srv.retryForDataConn, 0);
-    EXPECT_EQ(srv.retryForAutoSensorConn, 0);
-    EXPECT_EQ(b.data_thread_running, 1);  // the thread flag itself is left alone
+    EXPECT_EQ(flags, std::make_tuple(0, 0, 0, 1, 1));  // the thread flags themselves are left alone
     EXPECT_TRUE(logged("QV settings file changed and test run running flag is set, So resetting ..."));
     EXPECT_TRUE(logged("QV settings file changed and data thread running flag is set, So resetting ..."));
     EXPECT_TRUE(
@@ -230,11 +221,10 @@ TEST_F(QVConfigTest, ProxySettingsConf) {
                 "proxyConType=1\nproxyPort=9000\nfoo=bar\nqvcHost=ph\nqvcPort=7001\ntier=pt\nserver="
                 "ps\ninstance=pi\n");
     EXPECT_EQ(readQVProxyConfig(), 0);
-    EXPECT_EQ(QVProxy.proxyConType, 1);
-    EXPECT_EQ(QVProxy.proxyPort, 9000);
+    EXPECT_EQ(std::tie(QVProxy.proxyConType, QVProxy.proxyPort, QVProxy.qvcPort),
+              std::make_tuple(1, 9000, 7001));
     EXPECT_STREQ(QVProxy.proxyHost, "0.0.0.0");
     EXPECT_STREQ(QVProxy.qvcHost, "ph");
-    EXPECT_EQ(QVProxy.qvcPort, 7001);
     EXPECT_STREQ(QVProxy.tierName, "pt");
     EXPECT_STREQ(QVProxy.appServerName, "ps");
     EXPECT_STREQ(QVProxy.appName, "pi");
