@@ -2,42 +2,31 @@
 // stop rules) and of the monitor reporting thread, against a real loopback collector.
 #include "collector/NIODataDispatcher.h"
 
-#include <unistd.h>
-
-#include "collector/QVCServerConfig.h"
-#include "collector/QVMonitorReporter.h"
 #include "collector_fixture.h"
 #include "core/QVConfig.h"
-#include "core/QVSettingRecords.h"
 
 namespace {
 
-class AutoSensor : public BareInstanceTest {
+class AutoSensor : public CollectorTest {
   protected:
-    void TearDown() override {
-        nio_data_dispatcher_reset_for_test();
-        monitor_reporter_reset_for_test();
-        qvReporterHooks = QVReporterHooks{};
-        qvconfig_reset();
-        qvSettingRecordsReset();
-        BareInstanceTest::TearDown();
+    void SetUp() override {
+        CollectorTest::SetUp();
+        useBareInstance();
     }
     void pool(int minCount, int maxCount, int size) {
-        app_.QVSys.ASDataBuffMinCount = minCount;
-        app_.QVSys.ASDataBuffMaxCount = maxCount;
-        app_.QVSys.bciASDataBufferMaxSize = size;
+        app_->QVSys.ASDataBuffMinCount = minCount;
+        app_->QVSys.ASDataBuffMaxCount = maxCount;
+        app_->QVSys.bciASDataBufferMaxSize = size;
     }
     void running() {
-        ASSERT_EQ(set_qvc_server_entry(0, "127.0.0.1", peer_.port()), 0);
-        app_.QVBCISetting.qvcPort = peer_.port();
-        qv_store(app_.Server.testRunRunning, 1);
-        qv_store(app_.Server.retryForAutoSensorConn, 1);
+        runAgainstPeer();
+        qv_store(app_->Server.retryForAutoSensorConn, 1);
         setControlAutoSensorReqMessage();
     }
     std::string requestLine() const {
         return "auto_sensor_thread_hotspot_data_req:appName=agentA;appID=3;qvAppServerID=4;qvAppServerHost="
                "srv1;tierName=tierT;tierID=5;QVCollectorIP=127.0.0.1;QVCollectorPort=" +
-               std::to_string(app_.QVBCISetting.qvcPort) + ",testIdx=77;pid=" + std::to_string(getpid()) +
+               std::to_string(app_->QVBCISetting.qvcPort) + ",testIdx=77;pid=" + std::to_string(getpid()) +
                ";agentName=agentA\n";
     }
     // Fills the current buffer completely, which queues it.
@@ -90,7 +79,7 @@ TEST_F(AutoSensor, PoolNeverExceedsMaximumAndStoreCodes) {
         logged("QVDataDispatcher - dumpData(): Warning - No space left in buffer orthread is not initialized "
                "for sending data to QVCollector. Return = -1, writeListSize = 1readListSize = 2, "
                "totalDumpBytes = 20  totalSentToQVCBytes = 0  bytesPending = 20 MsgCount = 2"))
-        << log();
+        << home_.traceLogs();
     char summary[512];
     EXPECT_TRUE(contains(nioASDataDispatcherToString(summary, sizeof(summary)), "curBuffers = 3"));
 }
@@ -120,15 +109,15 @@ TEST_F(AutoSensor, ConnectionSendsRequestRecordsStopsWithRunAndFailures) {
     // connection closed.
     EXPECT_EQ(checkAndStopThreadAS(), 0);
     ASSERT_EQ(dumpASData("75,pending\n", 11), 0);
-    qv_store(app_.Server.retryForAutoSensorConn, 0);
+    qv_store(app_->Server.retryForAutoSensorConn, 0);
     EXPECT_EQ(checkAndStopThreadAS(), 1);
     EXPECT_TRUE(autoSensorThreadToStop());
     ASSERT_TRUE(peer_.waitForContains(0, "75,pending\n", kWaitMs));
-    EXPECT_EQ(qv_load(app_.qvcASSocket), nullptr);
+    EXPECT_EQ(qv_load(app_->qvcASSocket), nullptr);
     EXPECT_TRUE(logged("BCI AutoSensor thread is to be stopped"));
 
     // A send that fails closes the new connection and sets the retry flag.
-    qv_store(app_.Server.retryForAutoSensorConn, 1);
+    qv_store(app_->Server.retryForAutoSensorConn, 1);
     ASSERT_FALSE(startASNDCollectorCommunication());
     ASSERT_TRUE(peer_.waitForContains(1, requestLine(), kWaitMs));
     peer_.dropConnection(1);
@@ -137,7 +126,7 @@ TEST_F(AutoSensor, ConnectionSendsRequestRecordsStopsWithRunAndFailures) {
         usleep(5000);
     }
     EXPECT_EQ(qv_load(retryFlag), 1);
-    EXPECT_EQ(qv_load(app_.qvcASSocket), nullptr);
+    EXPECT_EQ(qv_load(app_->qvcASSocket), nullptr);
     EXPECT_EQ(sendDataToQVC(), -1);  // no connection: nothing sent, nothing lost
     // A connect failure is reported and logged.
     qvconfig_reset();
@@ -178,8 +167,8 @@ TEST_F(ReporterConcurrency, ReportsInOrderReconnectsAndEndsWithRun) {
     peer_.dropConnection(0);
     ASSERT_TRUE(peer_.waitForContains(1, requestLine() + report, kWaitMs));
 
-    qv_store(app_.Server.testRunRunning, 0);
-    ASSERT_TRUE(waitCleared(app_.QVBCISetting.autoSensor_thread_running));
+    qv_store(app_->Server.testRunRunning, 0);
+    ASSERT_TRUE(waitUntil([&] { return qv_load(app_->QVBCISetting.autoSensor_thread_running) == 0; }));
     stopNIO();
     EXPECT_EQ(autoSensor_thread_id, nullptr);
 }

@@ -2,17 +2,10 @@
 // loopback collector (request line, records, heartbeats, reconnection, stop).
 #include "collector/QVDataDispatcher.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstdio>
-#include <thread>
-#include <vector>
 
 #include "collector_fixture.h"
-#include "core/QVConfig.h"
 
 namespace {
 
@@ -22,47 +15,30 @@ int dump(const std::string& rec) {
     return dumpData(rec.data(), static_cast<int>(rec.size()));
 }
 
-class Dispatcher : public BareInstanceTest {
+class Dispatcher : public CollectorTest {
   protected:
     void SetUp() override {
-        BareInstanceTest::SetUp();
-        qvDispatcherHooks = {};
-    }
-    void TearDown() override {
-        qv_data_dispatcher_reset_for_test();
-        qvDispatcherHooks = {};
-        qvc_server_arr = nullptr;
-        server_arr_size = 0;
-        active_qvc_idx = 0;
-        BareInstanceTest::TearDown();
+        CollectorTest::SetUp();
+        useBareInstance();
     }
     void makePool(int count, int size) {
-        app_.QVSys.dataBuffMaxCount = count;
-        app_.QVSys.bciDataBufferMaxSize = size;
+        app_->QVSys.dataBuffMaxCount = count;
+        app_->QVSys.bciDataBufferMaxSize = size;
         ASSERT_EQ(buff_list_init(), 0);
     }
-    // Points the collector list at the peer, marks the test run running and starts the thread.
     void startThread() {
-        server_ = {1, static_cast<unsigned int>(peer_.port()), const_cast<char*>("127.0.0.1")};
-        qvc_server_arr = &server_;
-        server_arr_size = 1;
-        active_qvc_idx = 0;
-        app_.QVBCISetting.qvcPort = peer_.port();
-        qv_store(app_.Server.testRunRunning, 1);
-        qv_store(app_.Server.retryForDataConn, 1);
+        runAgainstPeer();
+        qv_store(app_->Server.retryForDataConn, 1);
         ASSERT_EQ(check_data_thread(), 0);
     }
     std::string requestLine() const {
         return "qv_data_msg_req:appName=agentA;appID=3;qvAppServerID=4;qvAppServerHost=srv1;tierName=tierT;"
                "tierID=5;QVCollectorIP=127.0.0.1;QVCollectorPort=" +
-               std::to_string(app_.QVBCISetting.qvcPort) +
-               ";testIdx=77;pid=" + std::to_string(pid != 0 ? pid : static_cast<long long>(getpid())) +
+               std::to_string(app_->QVBCISetting.qvcPort) + ";testIdx=77;pid=" + std::to_string(getpid()) +
                ";agentName=agentA\n";
     }
     // What a new connection carries before any record.
     std::string prefix() const { return requestLine() + "\n" + kNewConn; }
-
-    qvc_servers server_{};
 };
 
 TEST_F(Dispatcher, RecordsFillSpillAndAreCutWhenLargerThanABuffer) {
@@ -101,8 +77,8 @@ TEST_F(Dispatcher, RecordsFillSpillAndAreCutWhenLargerThanABuffer) {
 
 TEST_F(Dispatcher, MissingOrFullPoolDropsRecordsWithWarning) {
     EXPECT_EQ(dump("\n2,x\n"), -99);
-    app_.QVSys.dataBuffMaxCount = 4;
-    app_.QVSys.bciDataBufferMaxSize = 0;
+    app_->QVSys.dataBuffMaxCount = 4;
+    app_->QVSys.bciDataBufferMaxSize = 0;
     EXPECT_EQ(buff_list_init(), 1);
     EXPECT_EQ(dump("\n2,x\n"), -99);
     EXPECT_EQ(discards(), 2);
@@ -123,7 +99,7 @@ TEST_F(Dispatcher, MissingOrFullPoolDropsRecordsWithWarning) {
     EXPECT_TRUE(logged(
         "|Error|QVDataDispatcher - dumpData(): Warning - No space left in buffer or thread is not "
         "initialized for sending data to QVCollector. Return = -1, writeListSize = 1 readListSize = 2"))
-        << log();
+        << home_.traceLogs();
 
     // Filling the last buffer leaves no current buffer: -2 until the sender gives one back.
     EXPECT_EQ(dump(std::string(6, 'e')), 0);
@@ -136,7 +112,7 @@ TEST_F(Dispatcher, MissingOrFullPoolDropsRecordsWithWarning) {
     EXPECT_EQ(dump("g"), 0);
 
     // The pool is made once: new settings do not rebuild it.
-    app_.QVSys.dataBuffMaxCount = 50;
+    app_->QVSys.dataBuffMaxCount = 50;
     EXPECT_EQ(buff_list_init(), 0);
     EXPECT_EQ(maxBuffers, 3);
 }
@@ -147,8 +123,8 @@ TEST_F(Dispatcher, DataThreadSendsRequestThenRecordsInOrderThenHeartbeats) {
     EXPECT_EQ(check_data_thread(), 1);  // already running
     ASSERT_TRUE(peer_.waitForContains(0, kNewConn, kWaitMs));
     EXPECT_EQ(peer_.bytes(0), prefix());
-    EXPECT_EQ(qv_load(app_.QVBCISetting.data_thread_running), 1);
-    EXPECT_EQ(qv_load(app_.Server.controlCommunicationBusyFlag), 1);
+    EXPECT_EQ(qv_load(app_->QVBCISetting.data_thread_running), 1);
+    EXPECT_EQ(qv_load(app_->Server.controlCommunicationBusyFlag), 1);
 
     std::string expected = prefix();
     for (int i = 0; i < 60; ++i) {
@@ -166,8 +142,8 @@ TEST_F(Dispatcher, DataThreadSendsRequestThenRecordsInOrderThenHeartbeats) {
     ASSERT_TRUE(peer_.waitForContains(0, "\n2,last\n", kWaitMs));
     EXPECT_EQ(peer_.bytes(0), expected);
     // With the setting 1 heartbeats follow: lone newlines.
-    qv_store(app_.QVSys.qvcBciDataConnectionHeartBeat, 1);
-    ASSERT_TRUE(waitFor([&] { return peer_.bytes(0).size() >= expected.size() + 3; }));
+    qv_store(app_->QVSys.qvcBciDataConnectionHeartBeat, 1);
+    ASSERT_TRUE(waitUntil([&] { return peer_.bytes(0).size() >= expected.size() + 3; }));
     EXPECT_EQ(peer_.bytes(0).find_first_not_of('\n', expected.size()), std::string::npos) << peer_.bytes(0);
 }
 
@@ -178,11 +154,11 @@ TEST_F(Dispatcher, RecordsKeptWhileDisconnectedArriveOnTheNextConnection) {
     ASSERT_TRUE(peer_.waitForContains(0, kNewConn, kWaitMs));
     peer_.dropConnection(0);
     // The first send after the reset may still succeed; keep writing until the thread sees it.
-    for (int i = 0; i < 400 && qv_load(app_.qvcDataSocket) != nullptr; ++i) {
+    for (int i = 0; i < 400 && qv_load(app_->qvcDataSocket) != nullptr; ++i) {
         dump("\n1,probe\n");
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    ASSERT_EQ(qv_load(app_.qvcDataSocket), nullptr);
+    ASSERT_EQ(qv_load(app_->qvcDataSocket), nullptr);
     EXPECT_EQ(dump("\n2,afterDropA\n"), 0);
     EXPECT_EQ(dump("\n2,afterDropB\n"), 0);
     ASSERT_TRUE(peer_.waitForContains(1, "\n2,afterDropB\n", kWaitMs));
@@ -195,13 +171,13 @@ TEST_F(Dispatcher, RecordsKeptWhileDisconnectedArriveOnTheNextConnection) {
     // A closed control connection ends the thread; what it did not flush survives for the next
     // thread's connection, and is sent once.
     dump("\n2,pending\n");
-    qv_store(app_.QVSys.retryFlag, 1);
-    ASSERT_TRUE(waitCleared(app_.QVBCISetting.data_thread_running));
-    EXPECT_EQ(qv_load(app_.qvcDataSocket), nullptr);
-    qv_store(app_.QVSys.retryFlag, 0);
+    qv_store(app_->QVSys.retryFlag, 1);
+    ASSERT_TRUE(waitUntil([&] { return qv_load(app_->QVBCISetting.data_thread_running) == 0; }));
+    EXPECT_EQ(qv_load(app_->qvcDataSocket), nullptr);
+    qv_store(app_->QVSys.retryFlag, 0);
     startThread();
     auto all = [&] { return peer_.bytes(1) + peer_.bytes(2); };
-    ASSERT_TRUE(waitFor([&] { return contains(all(), "\n2,pending\n"); }));
+    ASSERT_TRUE(waitUntil([&] { return contains(all(), "\n2,pending\n"); }));
     EXPECT_EQ(all().find("\n2,pending\n"), all().rfind("\n2,pending\n"));
 }
 
@@ -225,23 +201,23 @@ TEST_F(Dispatcher, StopWritesThroughHooksAndEndsThread) {
     ASSERT_TRUE(peer_.waitForContains(0, kNewConn, kWaitMs));
     EXPECT_EQ(metaCalls, 0);  // doNotDumpMetaData is 0
 
-    qv_store(app_.Server.testRunRunning, 0);
+    qv_store(app_->Server.testRunRunning, 0);
     ASSERT_TRUE(peer_.waitForContains(0, "10,\n", kWaitMs));
-    ASSERT_TRUE(waitCleared(app_.QVBCISetting.data_thread_running));
+    ASSERT_TRUE(waitUntil([&] { return qv_load(app_->QVBCISetting.data_thread_running) == 0; }));
     EXPECT_EQ(peer_.bytes(0), prefix() + "\n4,incomplete\n10,\n");
     EXPECT_EQ(busyCalls, 1);
     EXPECT_EQ(overCalls, 1);
-    ASSERT_TRUE(waitFor([&] { return qv_load(app_.qvcDataSocket) == nullptr; }));
+    ASSERT_TRUE(waitUntil([&] { return qv_load(app_->qvcDataSocket) == nullptr; }));
 
     // A new test run starts a new thread; with the data-over record already written it is not
     // written again, and the metadata cache is replayed on connect.
-    app_.Server.isTenRecordDump = 1;
-    app_.Server.doNotDumpMetaData = 1;
+    app_->Server.isTenRecordDump = 1;
+    app_->Server.doNotDumpMetaData = 1;
     startThread();
     ASSERT_TRUE(peer_.waitForContains(1, "\n5,meta,1\n", kWaitMs));
-    qv_store(app_.Server.retryForDataConn, 0);
+    qv_store(app_->Server.retryForDataConn, 0);
     ASSERT_TRUE(peer_.waitForContains(1, "\n4,incomplete\n", kWaitMs));
-    ASSERT_TRUE(waitCleared(app_.QVBCISetting.data_thread_running));
+    ASSERT_TRUE(waitUntil([&] { return qv_load(app_->QVBCISetting.data_thread_running) == 0; }));
     EXPECT_EQ(peer_.bytes(1), prefix() + "\n5,meta,1\n\n4,incomplete\n");
     EXPECT_EQ(overCalls, 1);
     EXPECT_TRUE(logged("BCI Data thread is to be stopped. Server.isTenRecordDump = 1."));
@@ -268,7 +244,7 @@ class DispatcherConcurrency : public Dispatcher {};
 
 TEST_F(DispatcherConcurrency, ProducersRecordsArriveWholeAndInOrder) {
     makePool(8, 1024);
-    app_.QVSys.controlTraceLevel = 0;  // drops are expected; keep the log small
+    app_->QVSys.controlTraceLevel = 0;  // drops are expected; keep the log small
     startThread();
     ASSERT_TRUE(peer_.waitForContains(0, kNewConn, kWaitMs));
 
@@ -308,7 +284,7 @@ TEST_F(DispatcherConcurrency, ProducersRecordsArriveWholeAndInOrder) {
         for (auto& v : seqs) n += v.size();
         return static_cast<int>(n);
     };
-    waitFor([&] {
+    waitUntil([&] {
         // Up to the last newline: the record in flight is not complete yet.
         std::string body = peer_.bytes(0).substr(prefix().size());
         body.resize(body.rfind('\n') + 1);

@@ -2,22 +2,11 @@
 // heartbeat and reroute sequences, over a real control socket to a loopback peer.
 #include "collector/Server.h"
 
-#include <thread>
 #include <utility>
-#include <vector>
 
-#include "collector/NIODataDispatcher.h"
-#include "collector/QVCServerConfig.h"
-#include "collector/QVDataDispatcher.h"
-#include "collector/QVMonitorReporter.h"
-#include "collector/collector_module.h"
-#include "collector/control_thread.h"
 #include "collector_fixture.h"
-#include "core/QVConfig.h"
-#include "core/QVSettingRecords.h"
 #include "core/qvlb_keywords.h"
 #include "foundation/qvlb_sock.h"
-#include "foundation/qvlb_util.h"
 
 namespace {
 
@@ -25,9 +14,10 @@ std::vector<std::string> hookCalls;
 
 // The agent started without a control thread, its control socket adopted from a connection to the
 // peer, which also receives the data and auto-sensor connections.
-class ServerTest : public AgentHomeTest {
+class ServerTest : public CollectorTest {
   protected:
     void SetUp() override {
+        CollectorTest::SetUp();
         qv_collector_register_hooks();
         agent_init("pool", 0, "proc", nullptr);
         ASSERT_NE(qvApplication, nullptr);
@@ -35,25 +25,21 @@ class ServerTest : public AgentHomeTest {
         qv_store(app_->QVSys.controlTraceLevel, 1);
         qv_store(app_->QVSys.dataBuffMaxCount, 8);
         qv_store(app_->QVSys.bciDataBufferMaxSize, 4096);
-        ASSERT_TRUE(peer_.start());
         ASSERT_EQ(apr_pool_create(&pool_, nullptr), APR_SUCCESS);
         char err[256];
         apr_socket_t* s = qvlb_create_client_con("127.0.0.1", peer_.port(), err, sizeof(err), pool_);
         ASSERT_NE(s, nullptr) << err;
         control_thread_adopt_socket_for_test(s, "127.0.0.1", peer_.port());
-        ASSERT_TRUE(waitFor([&] { return peer_.connectionCount() == 1; }));
+        ASSERT_TRUE(waitUntil([&] { return peer_.connectionCount() == 1; }));
         ASSERT_EQ(set_qvc_server_entry(0, "127.0.0.1", peer_.port()), 0);
         hookCalls.clear();
     }
     void TearDown() override {
-        AgentHomeTest::TearDown();
+        CollectorTest::TearDown();
         if (pool_ != nullptr) apr_pool_destroy(pool_);
     }
     void handle(std::string line) { handleReceivedClientMessageFromQVCollector(line.data()); }
     std::string control() const { return peer_.bytes(0); }
-    bool waitFor(const std::function<bool()>& pred) const { return peer_.waitFor(pred, kWaitMs); }
-
-    LoopbackPeer peer_;
     apr_pool_t* pool_ = nullptr;
 };
 
@@ -87,7 +73,7 @@ TEST(ServerParse, PrefixesAreExactCaseSensitiveAndTestedInOrder) {
 
 TEST_F(ServerTest, ModifyOnlyWithinStartAndStopSequences) {
     handle("qv_control_req:action=modify;AgentTraceLevel=4");
-    ASSERT_TRUE(waitFor([&] { return control().size() >= kRefusal.size(); }));
+    ASSERT_TRUE(waitUntil([&] { return control().size() >= kRefusal.size(); }));
     EXPECT_EQ(control(), kRefusal);
     EXPECT_EQ(qv_load(app_->QVSys.agentTraceLevel), 0);
     EXPECT_EQ(qv_load(app_->Server.isRuntimeApplied), 0);
@@ -129,8 +115,8 @@ TEST_F(ServerTest, ModifyOnlyWithinStartAndStopSequences) {
     // No TimeStampDiff and no korEpochDiff in the message: both time differences reset.
     EXPECT_EQ(qv_load(app_->Server.diffTimeFromQVC), 0);
     EXPECT_EQ(qv_load(app_->Server.originalKorEpochDiffTime), 1388534400000LL);
-    ASSERT_TRUE(waitFor([&] { return connWithPrefix(peer_, "qv_data_msg_req:") >= 0; }));
-    const int data = connWithPrefix(peer_, "qv_data_msg_req:");
+    ASSERT_TRUE(waitUntil([&] { return connWithPrefix("qv_data_msg_req:") >= 0; }));
+    const int data = connWithPrefix("qv_data_msg_req:");
 
     hookCalls.clear();
     handle("qv_control_req:action=modify;AgentTraceLevel=3;hdrListForValueAsId=x");
@@ -157,7 +143,7 @@ TEST_F(ServerTest, ModifyOnlyWithinStartAndStopSequences) {
     // After the stop a modify is refused again.
     handle("qv_control_req:action=modify;AgentTraceLevel=1");
     ASSERT_TRUE(
-        waitFor([&] { return control() == kRefusal + kStartReply + kModifyOk + kStopReply + kRefusal; }));
+        waitUntil([&] { return control() == kRefusal + kStartReply + kModifyOk + kStopReply + kRefusal; }));
     EXPECT_EQ(qv_load(app_->QVSys.agentTraceLevel), 3);
 }
 
@@ -177,11 +163,11 @@ TEST_F(ServerTest, StartReplyCarriesResponseBufferAndStartsReporter) {
     EXPECT_EQ(qv_load(app_->Server.korEpochDiffTime), 700);
     EXPECT_EQ(qv_load(app_->Server.originalKorEpochDiffTime), 700);
     const std::string asReq = "auto_sensor_thread_hotspot_data_req:";
-    ASSERT_TRUE(waitFor([&] { return connWithPrefix(peer_, asReq) >= 0; }));
-    const std::string as = peer_.bytes(connWithPrefix(peer_, asReq));
+    ASSERT_TRUE(waitUntil([&] { return connWithPrefix(asReq) >= 0; }));
+    const std::string as = peer_.bytes(connWithPrefix(asReq));
     EXPECT_TRUE(contains(as, ";QVCollectorPort=0,testIdx=0;pid=")) << as;
     handle("qv_control_req:action=stop_instrumentation");
-    ASSERT_TRUE(waitFor([&] { return qv_load(app_->QVBCISetting.autoSensor_thread_running) == 0; }));
+    ASSERT_TRUE(waitUntil([&] { return qv_load(app_->QVBCISetting.autoSensor_thread_running) == 0; }));
 }
 
 TEST_F(ServerTest, HeartbeatsFromCollectorAndUnsupportedCommands) {
@@ -277,7 +263,7 @@ TEST_F(ServerTest, DataOverRecordAndStopDrainEndsWhenAgentStops) {
     handle("qv_control_req:action=start_instrumentation;ASReportInterval=0;setthresholdTime=1");
     ASSERT_TRUE(peer_.waitForContains(0, kStartReply, kWaitMs));
     std::thread stopper([&] { handle("qv_control_req:action=stop_instrumentation"); });
-    ASSERT_TRUE(waitFor([&] { return qv_load(app_->Server.gettingstopInstrumenatation) == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return qv_load(app_->Server.gettingstopInstrumenatation) == 1; }));
     qv_store(qvAgentStopping, 1);
     stopper.join();
     EXPECT_EQ(qv_load(app_->Server.gettingstopInstrumenatation), 0);

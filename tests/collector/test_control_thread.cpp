@@ -2,29 +2,16 @@
 // command framing, start and stop, heartbeats, liveness, failover, reroute and proxy mode.
 #include "collector/control_thread.h"
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <arpa/inet.h>
-
-#include <atomic>
-#include <chrono>
-#include <functional>
 #include <regex>
-#include <thread>
-#include <vector>
 
-#include "collector/NIODataDispatcher.h"
-#include "collector/QVCServerConfig.h"
-#include "collector/QVDataDispatcher.h"
-#include "collector/Server.h"
-#include "collector/collector_module.h"
 #include "collector_fixture.h"
 #include "core/QVSys.h"
-#include "foundation/qvlb_util.h"
 
 namespace {
 
@@ -59,8 +46,14 @@ class ScriptedCollector {
         for (Conn& c : conns_) close(c.fd);
         close(listenFd_);
     }
-    bool start() {
-        listenFd_ = bindLoopback(&port_);
+    // Listens on 127.0.0.1, or on the Unix-domain socket unixPath when one is given.
+    bool start(const std::string& unixPath = "") {
+        listenFd_ = unixPath.empty() ? bindLoopback(&port_) : socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un sa{};
+        sa.sun_family = AF_UNIX;
+        snprintf(sa.sun_path, sizeof(sa.sun_path), "%s", unixPath.c_str());
+        if (!unixPath.empty() && bind(listenFd_, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0)
+            return false;
         return listenFd_ >= 0 && listen(listenFd_, 16) == 0;
     }
     int port() const { return port_; }
@@ -130,9 +123,10 @@ std::string at(int port, int backupPort = 0) {
     return s;
 }
 
-class ControlThread : public AgentHomeTest {
+class ControlThread : public CollectorTest {
   protected:
     void SetUp() override {
+        CollectorTest::SetUp();
         qv_collector_register_hooks();
         // Runs inside start-up just before the control thread starts: its first lines are logged.
         qvAgentHooks.initBTSubsystem = [] { qv_store(qvApplication->QVSys.controlTraceLevel, 1); };
@@ -337,33 +331,12 @@ TEST_F(ControlThread, SettingsFileChangeEndsRetriesAndShutdownEndsWaits) {
 }
 
 TEST_F(ControlThread, ProxyModeConnectsToUnixSocket) {
-    char dir[] = "/tmp/qv_px_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string path = std::string(dir) + "/px.sock";
-    const int lfd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    snprintf(sa.sun_path, sizeof(sa.sun_path), "%s", path.c_str());
-    ASSERT_EQ(bind(lfd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)), 0);
-    ASSERT_EQ(listen(lfd, 4), 0);
-    std::string got;
-    std::thread proxy([&] {
-        const int fd = accept(lfd, nullptr, nullptr);
-        char buf[4096];
-        ssize_t n;
-        while (got.find('\n') == std::string::npos && (n = read(fd, buf, sizeof(buf))) > 0)
-            got.append(buf, n);
-        send(fd, kOkReply.data(), kOkReply.size(), MSG_NOSIGNAL);
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        close(fd);
-    });
-    startAgent("qvcHost=127.0.0.1\nqvcPort=1\nproxyMode=1\nproxyConType=1\nproxySocketPath=" + path + "\n");
-    proxy.join();
-    EXPECT_EQ(got.rfind("qv_ctrl_msg_req:appName=pool;", 0), 0u) << got;
+    ScriptedCollector proxy;
+    ASSERT_TRUE(proxy.start(home_.file("px.sock")));
+    startAgent("qvcHost=127.0.0.1\nqvcPort=1\nproxyMode=1\nproxyConType=1\nproxySocketPath=" +
+               home_.file("px.sock") + "\n");
+    ASSERT_EQ(proxy.accept(kOkReply, "qv_ctrl_msg_req:appName=pool;"), 0);
     EXPECT_TRUE(waitLogged("Control socket was created successfully with server(Proxy) 127.0.0.1:7892."));
-    close(lfd);
-    unlink(path.c_str());
-    rmdir(dir);
 }
 
 // The control thread runs a test run's commands while application threads write records.

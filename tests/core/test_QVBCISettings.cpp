@@ -1,15 +1,11 @@
 // Connection settings: defaults, the BT error table and the shared text setters.
-#include <gtest/gtest.h>
-
 #include <cstring>
-#include <tuple>
 
-#include "core/QVBCISettings.h"
-#include "core/qv_agent.h"
-#include "support/temp_home.h"
+#include "core_fixture.h"
 
-TEST(QVBCISettings, DefaultsErrorTableAndSharedTexts) {
-    TempAgentHome home;
+class QVBCISettings : public AgentHomeTest {};
+
+TEST_F(QVBCISettings, DefaultsErrorTableAndSharedTexts) {
     agent_init("pool", 0, "proc", nullptr);
     QVBCISettingInit();
     const QVBCISetting_t& b = qvApplication->QVBCISetting;
@@ -35,5 +31,4 @@ TEST(QVBCISettings, DefaultsErrorTableAndSharedTexts) {
     EXPECT_EQ(getTierName(), same);
     EXPECT_EQ(setTierName(nullptr), -1);
     EXPECT_STREQ(getTierName(), "second");
-    qv_agent_reset_for_test();
 }

@@ -1,30 +1,19 @@
 // Configuration files: the settings file and its corpus of bad input, the collector list and
 // backups, the change test, processes.conf and proxysetting.conf.
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <climits>
 #include <cstring>
-#include <string>
-#include <tuple>
 
-#include "core/QVBCISettings.h"
 #include "core/QVConfig.h"
-#include "core/QVSys.h"
-#include "core/qv_agent.h"
+#include "core_fixture.h"
 #include "foundation/qvlb_mem.h"
-#include "support/temp_home.h"
 
 namespace {
 
-class QVConfigTest : public ::testing::Test {
+class QVConfigTest : public AgentHomeTest {
   protected:
-    void SetUp() override {
-        agent_init("pool", 1, "proc", nullptr);
-        qvApplication->QVSys.controlTraceLevel = 1;
-    }
-    void TearDown() override { qv_agent_reset_for_test(); }
-
+    void SetUp() override { start(1); }
     // Fresh identity and collector list, then read content as the settings file.
     int readSettings(const std::string& content) {
         QVBCISettingInit();
@@ -32,10 +21,6 @@ class QVConfigTest : public ::testing::Test {
         home_.write("config/qvsettings.conf", content);
         return read_conf_file();
     }
-    std::string logs() const { return home_.traceLogs(); }
-    bool logged(const std::string& text) const { return logs().find(text) != std::string::npos; }
-
-    TempAgentHome home_;
 };
 
 }  // namespace

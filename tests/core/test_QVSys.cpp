@@ -1,30 +1,19 @@
 // System settings: defaults of QVSysInit, the agent home, the build string rules and the
 // single-setting accessors.
-#include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <cstring>
-#include <string>
-#include <tuple>
-
-#include "core/QVSettingRecords.h"
-#include "core/QVSys.h"
-#include "core/qv_agent.h"
+#include "core_fixture.h"
 #include "foundation/qvlb_mem.h"
-#include "support/temp_home.h"
 
 namespace {
 
 // Starts the agent (connect 0) in a temporary home.
-class QVSysTest : public ::testing::Test {
+class QVSysTest : public AgentHomeTest {
   protected:
     void SetUp() override {
         agent_init("pool", 0, "proc", nullptr);
         ASSERT_NE(qvApplication, nullptr);
     }
-    void TearDown() override { qv_agent_reset_for_test(); }
-    bool logged(const std::string& text) const { return home_.traceLogs().find(text) != std::string::npos; }
-    TempAgentHome home_;
 };
 
 }  // namespace
@@ -126,8 +115,7 @@ TEST_F(QVSysTest, AccessorsAndParsers) {
     EXPECT_STREQ(getTopoFpStr(), "T>>A");
 }
 
-TEST(QVSysNoStartUp, NoInstanceIsHarmlessAndHomeHasADefault) {
-    TempAgentHome home;  // restores the environment when it goes away
+TEST_F(AgentHomeTest, NoInstanceIsHarmlessAndHomeHasADefault) {
     ASSERT_EQ(qvApplication, nullptr);
     QVSysInit();
     setBCIStartUpTime();
@@ -152,5 +140,4 @@ TEST(QVSysNoStartUp, NoInstanceIsHarmlessAndHomeHasADefault) {
     setenv("QVHOME", "", 1);
     setQVHome();
     EXPECT_STREQ(getQVHome(), "/opt/korlund/quovix/");
-    qv_agent_reset_for_test();
 }

@@ -1,32 +1,19 @@
 // Agent start-up: connect 0 and 1 in a temporary home, the trace-log file, the upward hooks,
 // the control thread and the test reset.
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <regex>
-#include <string>
-#include <tuple>
 #include <vector>
 
-#include "core/QVBCISettings.h"
 #include "core/QVConfig.h"
-#include "core/qv_agent.h"
-#include "foundation/qvlb_atomic.h"
-#include "foundation/qvlb_fault.h"
+#include "core_fixture.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_util.h"
-#include "support/temp_home.h"
 
 namespace {
 
-class AgentTest : public ::testing::Test {
+class AgentTest : public AgentHomeTest {
   protected:
-    void TearDown() override {
-        qvAgentHooks = QVAgentHooks{};
-        qvlb_fault_reset();
-        qv_agent_reset_for_test();
-    }
-    bool logged(const std::string& text) const { return home_.traceLogs().find(text) != std::string::npos; }
     // Whether the first trace-log file is named after the process (and pool), time and pid.
     void expectTraceFile(const std::string& names) const {
         ASSERT_NE(trace_log_key, nullptr);
@@ -35,7 +22,6 @@ class AgentTest : public ::testing::Test {
                                                 std::to_string(getpid()) + "\\.log_0")))
             << trace_log_key->log_file[0];
     }
-    TempAgentHome home_;
 };
 
 std::vector<std::string> calls;

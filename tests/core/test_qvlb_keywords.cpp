@@ -1,40 +1,26 @@
 // The collector keyword table: its rows, the fill functions and the application of start and
 // modify messages.
-#include <gtest/gtest.h>
-
+#include <atomic>
 #include <cstring>
 #include <memory>
-#include <string>
-#include <tuple>
-#include <utility>
+#include <thread>
 
-#include "core/QVBCISettings.h"
-#include "core/QVSettingRecords.h"
-#include "core/qv_agent.h"
 #include "core/qvlb_keywords.h"
-#include "foundation/qvlb_atomic.h"
+#include "core_fixture.h"
 #include "foundation/qvlb_mt_log.h"
-#include "foundation/qvlb_util.h"
-#include "support/temp_home.h"
 
 namespace {
 
-class KeywordsTest : public ::testing::Test {
+class KeywordsTest : public AgentHomeTest {
   protected:
-    void SetUp() override {
-        agent_init("pool", 0, "proc", nullptr);
-        qvApplication->QVSys.controlTraceLevel = 1;
-    }
-    void TearDown() override { qv_agent_reset_for_test(); }
-
+    void SetUp() override { start(0); }
     int apply(const std::string& msg) {
         std::string copy = msg;
         return findStatusFromClientMsg(copy.data());
     }
-    bool logged(const std::string& text) const { return home_.traceLogs().find(text) != std::string::npos; }
-
-    TempAgentHome home_;
 };
+
+class KeywordsConcurrency : public KeywordsTest {};
 
 int parserCalls = 0;
 std::string parserValue;
@@ -53,36 +39,17 @@ void countingHook() {
 
 }  // namespace
 
-TEST(KeywordTable, RowsInOrder) {
-    EXPECT_STREQ(keywordsMap[0].name, "BTRuleConfig");
-    EXPECT_STREQ(keywordsMap[16].name, "status");
-    EXPECT_STREQ(keywordsMap[59].name, "tierName");
-    EXPECT_STREQ(keywordsMap[100].name, "captureMethodForAllFP");
-    EXPECT_STREQ(keywordsMap[116].name, "enableDBBackendName");
+TEST(KeywordTable, EveryRowHasOneHandlerAndAUniqueName) {
+    for (const keywordsInfo& row : keywordsMap) {
+        // A parser, or a setter with the field it fills.
+        EXPECT_TRUE((row.parser != nullptr) != (row.setter != nullptr)) << row.name;
+        EXPECT_EQ(row.offset >= 0, row.setter != nullptr) << row.name;
+        EXPECT_EQ(NameToIndex(row.name), &row - keywordsMap) << "duplicate or empty name " << row.name;
+    }
     EXPECT_EQ(NameToIndex("AgentTraceLevel"), 51);
     EXPECT_EQ(NameToIndex("agenttracelevel"), -1);
     EXPECT_EQ(NameToIndex(nullptr), -1);
-
-    int fileBased = 0;
-    int later = 0;
-    for (const keywordsInfo& row : keywordsMap) {
-        fileBased += row.parser == setFileBasedKeywd;
-        later += row.parser == qvlb_keyword_not_handled;
-        // Exactly one way of handling a row; only setters address a field.
-        EXPECT_TRUE((row.parser != nullptr) != (row.setter != nullptr)) << row.name;
-        EXPECT_EQ(row.offset >= 0, row.setter != nullptr) << row.name;
-        EXPECT_EQ(NameToIndex(row.name), &row - keywordsMap) << "duplicate " << row.name;
-    }
-    EXPECT_EQ(fileBased, 24);
-    EXPECT_EQ(later, 13);
-
-    const keywordsInfo& traceSize = keywordsMap[NameToIndex("BCITraceMaxSize")];
-    EXPECT_EQ(traceSize.length, 8);
-    EXPECT_EQ(traceSize.fill_data, fill_long_long_data);
-    EXPECT_EQ(keywordsMap[NameToIndex("captureMethodForAllFP")].length, 2);
-    EXPECT_EQ(keywordsMap[NameToIndex("fileBasedKeywordMode")].length, 1);
     EXPECT_EQ(keywordsMap[NameToIndex("fpVersionID")].length, 10);
-    EXPECT_EQ(keywordsMap[NameToIndex("autoDeInstrPct")].fill_data, fill_double_data);
 }
 
 TEST_F(KeywordsTest, MessageRulesFieldsGatesAndLimits) {
@@ -254,44 +221,25 @@ TEST_F(KeywordsTest, InitAllKeywordsDefaultsAndHooks) {
     EXPECT_STREQ(srv.connDestination, "");
 }
 
-namespace {
-struct LoggerArgs {
-    int stop;
-    int records;
-};
-
-void* APR_THREAD_FUNC logLoop(apr_thread_t*, void* data) {
-    auto* args = static_cast<LoggerArgs*>(data);
-    while (qv_load(args->stop) == 0) {
-        QV_TRACE_IF(qvlb_control_trace_level() > 0, "CONTROL_THREAD", "Info", "record %d", args->records);
-        args->records++;
-    }
-    return nullptr;
-}
-}  // namespace
-
 // Keywords change the trace levels, the rollover size and the build string while another thread
 // logs through them.
-TEST(KeywordsConcurrency, SettingsChangeWhileAnotherThreadLogs) {
-    TempAgentHome home;
-    agent_init("pool", 0, "proc", nullptr);
-    qvApplication->QVSys.controlTraceLevel = 1;
-    LoggerArgs args{0, 0};
-    apr_thread_t* th = nullptr;
-    char err[256];
-    ASSERT_EQ(qvlb_thread_create(&th, logLoop, &args, nullptr, err, sizeof(err)), APR_SUCCESS);
+TEST_F(KeywordsConcurrency, SettingsChangeWhileAnotherThreadLogs) {
+    std::atomic<bool> stop{false};
+    int records = 0;
+    std::thread logger([&] {
+        for (; !stop; ++records)
+            QV_TRACE_IF(qvlb_control_trace_level() > 0, "CONTROL_THREAD", "Info", "record %d", records);
+    });
     for (int i = 0; i < 200; i++) {
         std::string msg = "qv_control_req:action=modify;BCITraceMaxSize=" + std::to_string(4096 + i) +
                           ";AgentTraceLevel=" + std::to_string(i % 3) +
                           ";ControlThreadTraceLevel=" + std::to_string(1 + i % 2);
         findStatusFromClientMsg(msg.data());
-        home.write("etc/version", "build " + std::to_string(i) + "\n");
+        home_.write("etc/version", "build " + std::to_string(i) + "\n");
         setQvBuild(&qvApplication->QVSys.qvBuild);
     }
-    qv_store(args.stop, 1);
-    apr_status_t st;
-    apr_thread_join(&st, th);
-    EXPECT_GT(args.records, 0);
+    stop = true;
+    logger.join();
+    EXPECT_GT(records, 0);
     EXPECT_EQ(qvApplication->QVSys.traceMaxSize, 4096 + 199);
-    qv_agent_reset_for_test();
 }

@@ -5,11 +5,12 @@
 #include <cctype>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <string>
-#include <sys/stat.h>
 
 #include "foundation/qvlb_fault.h"
 #include "foundation/qvlb_util.h"
+#include "support/temp_home.h"
 
 namespace {
 
@@ -35,22 +36,16 @@ TEST(Util, ClockEnvDateBasename) {
 }
 
 TEST(Util, MkdirCreatesParents) {
-    char tmpl[] = "/tmp/qvlb_util_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    const std::string root = tmpl, deep = root + "/x/y/z/";
+    TempAgentHome home;
+    const std::string deep = home.file("x/y/z/");
     EXPECT_EQ(qvlb_mkdir_p(deep.c_str()), 0);
-    struct stat st;
-    ASSERT_EQ(stat(deep.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_TRUE(std::filesystem::is_directory(deep));
     EXPECT_EQ(qvlb_mkdir_p(deep.c_str()), 0);  // already there
-    FILE* f = fopen((root + "/f").c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    fclose(f);
-    EXPECT_EQ(qvlb_mkdir_p((root + "/f/sub").c_str()), -1);
-    EXPECT_EQ(qvlb_mkdir_p((root + "/f").c_str()), -1);
+    home.write("f", "");
+    EXPECT_EQ(qvlb_mkdir_p(home.file("f/sub").c_str()), -1);
+    EXPECT_EQ(qvlb_mkdir_p(home.file("f").c_str()), -1);
     EXPECT_EQ(qvlb_mkdir_p(""), -1);
     EXPECT_EQ(qvlb_mkdir_p(std::string(5000, 'a').c_str()), -1);
-    ASSERT_EQ(system(("rm -rf '" + root + "'").c_str()), 0);
 }
 
 void* APR_THREAD_FUNC set_flag(apr_thread_t* t, void* data) {
