@@ -115,7 +115,9 @@ TEST_F(QVSysTest, AccessorsAndParsers) {
     EXPECT_STREQ(getTopoFpStr(), "T>>A");
 }
 
-TEST_F(AgentHomeTest, NoInstanceIsHarmlessAndHomeHasADefault) {
+class QVSysNoStartUp : public AgentHomeTest {};
+
+TEST_F(QVSysNoStartUp, NoInstanceIsHarmlessAndHomeHasADefault) {
     ASSERT_EQ(qvApplication, nullptr);
     QVSysInit();
     setBCIStartUpTime();
