@@ -2,187 +2,131 @@
 // command framing, start and stop, heartbeats, liveness, failover, reroute and proxy mode.
 #include "collector/control_thread.h"
 
-#include <gtest/gtest.h>
-
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <arpa/inet.h>
-
-#include <atomic>
-#include <chrono>
-#include <cstring>
-#include <functional>
-#include <mutex>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "collector/NIODataDispatcher.h"
-#include "collector/QVCServerConfig.h"
-#include "collector/QVDataDispatcher.h"
-#include "collector/QVMonitorReporter.h"
-#include "collector/Server.h"
-#include "collector/collector_module.h"
+#include "collector_fixture.h"
 #include "core/QVSys.h"
-#include "core/qv_agent.h"
-#include "foundation/qvlb_atomic.h"
-#include "foundation/qvlb_util.h"
-#include "support/temp_home.h"
 
 namespace {
 
-constexpr int kWaitMs = 20000;  // safety net only; waits end as soon as the condition holds
 const std::string kOkReply = "qv_ctrl_msg_rep:result=Ok;\n";
-const std::string kRefusal = QV_MODIFY_REFUSED_REPLY;
 
-// A collector on 127.0.0.1 driven by the test: records what each connection sends, answers each
-// control handshake with autoReply (when set) and sends what the test asks for.
-class ScriptedCollector {
-  public:
-    ~ScriptedCollector() { stop(); }
-    bool start() {
-        listenFd_ = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof(a);
-        if (listenFd_ < 0 || bind(listenFd_, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 ||
-            listen(listenFd_, 16) != 0 || getsockname(listenFd_, reinterpret_cast<sockaddr*>(&a), &len) != 0)
-            return false;
-        port_ = ntohs(a.sin_port);
-        thread_ = std::thread([this] { run(); });
-        return true;
-    }
-    void stop() {
-        stop_ = true;
-        if (thread_.joinable()) thread_.join();
-        std::lock_guard<std::mutex> g(mu_);
-        for (Conn& c : conns_)
-            if (c.fd >= 0) close(c.fd), c.fd = -1;
-        if (listenFd_ >= 0) close(listenFd_), listenFd_ = -1;
-    }
-    int port() const { return port_; }
-    void setAutoReply(const std::string& r) {
-        std::lock_guard<std::mutex> g(mu_);
-        autoReply_ = r;
-    }
-    int count() const {
-        std::lock_guard<std::mutex> g(mu_);
-        return static_cast<int>(conns_.size());
-    }
-    std::string bytes(int i) const {
-        std::lock_guard<std::mutex> g(mu_);
-        return i >= 0 && i < static_cast<int>(conns_.size()) ? conns_[i].data : std::string();
-    }
-    bool closed(int i) const {
-        std::lock_guard<std::mutex> g(mu_);
-        return i >= 0 && i < static_cast<int>(conns_.size()) && conns_[i].fd < 0;
-    }
-    // Index of the nth connection whose bytes begin with prefix, or -1.
-    int find(const std::string& prefix, int nth = 0) const {
-        std::lock_guard<std::mutex> g(mu_);
-        for (size_t i = 0; i < conns_.size(); ++i)
-            if (conns_[i].data.rfind(prefix, 0) == 0 && nth-- == 0) return static_cast<int>(i);
-        return -1;
-    }
-    bool send(int i, const std::string& text) {
-        std::lock_guard<std::mutex> g(mu_);
-        if (i < 0 || i >= static_cast<int>(conns_.size()) || conns_[i].fd < 0) return false;
-        return ::send(conns_[i].fd, text.data(), text.size(), MSG_NOSIGNAL) ==
-               static_cast<ssize_t>(text.size());
-    }
-    void closeConn(int i) {
-        std::lock_guard<std::mutex> g(mu_);
-        if (i >= 0 && i < static_cast<int>(conns_.size()) && conns_[i].fd >= 0)
-            close(conns_[i].fd), conns_[i].fd = -1;
-    }
-    bool waitFor(const std::function<bool()>& pred, int ms = kWaitMs) const {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-        while (!pred()) {
-            if (std::chrono::steady_clock::now() > end) return pred();
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return true;
-    }
-
-  private:
-    struct Conn {
-        int fd;
-        std::string data;
-        bool answered;
-    };
-    void run() {
-        char buf[65536];
-        while (!stop_) {
-            std::vector<pollfd> fds{{listenFd_, POLLIN, 0}};
-            std::vector<int> idx{-1};
-            {
-                std::lock_guard<std::mutex> g(mu_);
-                for (size_t i = 0; i < conns_.size(); ++i)
-                    if (conns_[i].fd >= 0)
-                        fds.push_back({conns_[i].fd, POLLIN, 0}), idx.push_back(static_cast<int>(i));
-            }
-            if (poll(fds.data(), fds.size(), 20) <= 0) continue;
-            for (size_t k = 0; k < fds.size(); ++k) {
-                if (!(fds[k].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-                if (idx[k] < 0) {
-                    const int fd = accept(listenFd_, nullptr, nullptr);
-                    std::lock_guard<std::mutex> g(mu_);
-                    if (fd >= 0) conns_.push_back({fd, {}, false});
-                    continue;
-                }
-                std::lock_guard<std::mutex> g(mu_);
-                Conn& c = conns_[static_cast<size_t>(idx[k])];
-                if (c.fd != fds[k].fd) continue;  // closed by the test meanwhile
-                const ssize_t n = read(c.fd, buf, sizeof(buf));
-                if (n <= 0) {
-                    close(c.fd);
-                    c.fd = -1;
-                    continue;
-                }
-                c.data.append(buf, static_cast<size_t>(n));
-                if (!c.answered && c.data.find('\n') != std::string::npos) {
-                    c.answered = true;
-                    if (c.data.rfind("qv_ctrl_msg_req:", 0) == 0 && !autoReply_.empty())
-                        ::send(c.fd, autoReply_.data(), autoReply_.size(), MSG_NOSIGNAL);
-                }
-            }
-        }
-    }
-    int listenFd_ = -1;
-    int port_ = 0;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-    mutable std::mutex mu_;
-    std::vector<Conn> conns_;
-    std::string autoReply_;
-};
-
-// A port nobody listens on: connects to it are refused.
-int deadPort() {
+// Binds a TCP socket on 127.0.0.1 to a free port; returns the fd (or -1) and sets *port.
+int bindLoopback(int* port) {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof(a);
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-    close(fd);
-    return ntohs(a.sin_port);
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+        return -1;
+    *port = ntohs(a.sin_port);
+    return fd;
 }
+
+// A port nobody listens on: connects to it are refused.
+int deadPort() {
+    int port = 0;
+    close(bindLoopback(&port));
+    return port;
+}
+
+// A collector on 127.0.0.1 that the test drives step by step: accepts connections, reads what
+// they send and answers. Every wait ends when its condition holds or after ms.
+class ScriptedCollector {
+  public:
+    ~ScriptedCollector() {
+        for (Conn& c : conns_) close(c.fd);
+        close(listenFd_);
+    }
+    // Listens on 127.0.0.1, or on the Unix-domain socket unixPath when one is given.
+    bool start(const std::string& unixPath = "") {
+        listenFd_ = unixPath.empty() ? bindLoopback(&port_) : socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un sa{};
+        sa.sun_family = AF_UNIX;
+        snprintf(sa.sun_path, sizeof(sa.sun_path), "%s", unixPath.c_str());
+        if (!unixPath.empty() && bind(listenFd_, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0)
+            return false;
+        return listenFd_ >= 0 && listen(listenFd_, 16) == 0;
+    }
+    int port() const { return port_; }
+    int count() const { return static_cast<int>(conns_.size()); }
+    const std::string& bytes(int i) const { return conns_[static_cast<size_t>(i)].data; }
+    // Accepts the next connection whose first line begins with prefix (others are kept but not
+    // answered) and answers that line with reply. Returns the connection's index, or -1.
+    int accept(const std::string& reply = "", const std::string& prefix = "") {
+        for (pollfd p{listenFd_, POLLIN, 0}; poll(&p, 1, kWaitMs) == 1;) {
+            conns_.push_back({::accept(listenFd_, nullptr, nullptr), true, ""});
+            const int i = count() - 1;
+            if (readUntil(i, [&] { return contains(bytes(i), "\n"); }) && bytes(i).rfind(prefix, 0) == 0)
+                return reply.empty() || send(i, reply) ? i : -1;
+        }
+        return -1;
+    }
+    // Reads connection i until pred holds, the peer closes or ms pass; returns pred().
+    bool readUntil(int i, const std::function<bool()>& pred, int ms = kWaitMs) {
+        Conn& c = conns_[static_cast<size_t>(i)];
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        char buf[65536];
+        for (pollfd p{c.fd, POLLIN, 0}; !pred() && c.open && std::chrono::steady_clock::now() < end;) {
+            if (poll(&p, 1, 10) != 1) continue;
+            const ssize_t n = read(c.fd, buf, sizeof(buf));
+            if (n > 0) c.data.append(buf, static_cast<size_t>(n));
+            c.open = n > 0;
+        }
+        return pred();
+    }
+    bool readContains(int i, const std::string& text) {
+        return readUntil(i, [&] { return contains(bytes(i), text); });
+    }
+    bool closedByAgent(int i, int ms = kWaitMs) {
+        return readUntil(
+            i, [&] { return !conns_[static_cast<size_t>(i)].open; }, ms);
+    }
+    bool send(int i, const std::string& text) {
+        const Conn& c = conns_[static_cast<size_t>(i)];
+        return ::send(c.fd, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+    }
+    void closeConn(int i) { shutdown(conns_[static_cast<size_t>(i)].fd, SHUT_RDWR); }
+
+  private:
+    struct Conn {
+        int fd;
+        bool open;
+        std::string data;
+    };
+    int listenFd_ = -1;
+    int port_ = 0;
+    std::vector<Conn> conns_;
+};
 
 std::string reEscape(const std::string& s) {
     return std::regex_replace(s, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
 }
 
-class ControlThread : public ::testing::Test {
+std::string firstLine(const std::string& s) {
+    return s.substr(0, s.find('\n') + 1);
+}
+
+// Settings lines naming the collector at port (and a backup).
+std::string at(int port, int backupPort = 0) {
+    std::string s = "qvcHost=127.0.0.1\nqvcPort=" + std::to_string(port) + "\n";
+    if (backupPort != 0)
+        s += "backupQvcHostName=127.0.0.1\nbackupQvcPort=" + std::to_string(backupPort) + "\n";
+    return s;
+}
+
+class ControlThread : public CollectorTest {
   protected:
     void SetUp() override {
+        CollectorTest::SetUp();
         qv_collector_register_hooks();
         // Runs inside start-up just before the control thread starts: its first lines are logged.
         qvAgentHooks.initBTSubsystem = [] { qv_store(qvApplication->QVSys.controlTraceLevel, 1); };
@@ -191,130 +135,94 @@ class ControlThread : public ::testing::Test {
         qv_store(controlRetryIntervalMs, 50LL);
         qv_store(dataConnRetryIntervalMs, 200);
     }
-    void TearDown() override {
-        qv_agent_shutdown();
-        qv_data_dispatcher_reset_for_test();
-        nio_data_dispatcher_reset_for_test();
-        control_thread_reset_for_test();
-        server_reset_for_test();
-        qvc_server_config_reset_for_test();
-        qvAgentHooks = QVAgentHooks{};
-        qv_agent_reset_for_test();
-    }
     void writeConf(const std::string& extra) {
         home_.write("config/qvsettings.conf", "tier=T1\nserver=S1\ninstance=I1\n" + extra);
     }
-    void startAgent() {
+    void startAgent(const std::string& conf) {
+        writeConf(conf);
         agent_init("pool", 1, "proc", nullptr);
         ASSERT_NE(qvApplication, nullptr);
         app_ = qvApplication;
         qv_store(app_->QVSys.dataBuffMaxCount, 16);
         qv_store(app_->QVSys.bciDataBufferMaxSize, 4096);
     }
-    bool logged(const std::string& text) const { return home_.traceLogs().find(text) != std::string::npos; }
-    int countLogged(const std::string& text) const {
-        const std::string all = home_.traceLogs();
-        int n = 0;
-        for (size_t p = all.find(text); p != std::string::npos; p = all.find(text, p + 1)) ++n;
-        return n;
-    }
     bool waitLogged(const std::string& text) const {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-        while (!logged(text) && std::chrono::steady_clock::now() < end)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return logged(text);
+        return waitUntil([&] { return logged(text); });
     }
-    // The expected handshake line as a regex (BCITimeStamp varies).
-    std::string handshakeRe(int requestType, const std::string& lastConn, const std::string& dest,
-                            const std::string& server = "S1") const {
-        return reEscape("qv_ctrl_msg_req:appName=pool;qvAppServerHost=" + server +
-                        ";tierName=T1;bciVersion=" + std::string(getQvBuild()) +
-                        ";bciStartTime=" + std::to_string(getBCIStartUpTime()) + ";qvHome=" + home_.path() +
-                        ";pid=" + std::to_string(getpid()) + ";BCITimeStamp=") +
-               "[0-9]{16,}" +
-               reEscape(";agentType=php;serverIp=127.0.0.1;hostName=" + std::string(getHandshakeHostName()) +
-                        ";isAgentLess=N;jvmType=php;javaVersion=1.0;javaHome=/apps/java;machineType=Windows;"
-                        "requestType=" +
-                        std::to_string(requestType) + ";lastConnectionTimeStamp=") +
-               lastConn + reEscape(";connDuration=") + "[0-9]+" +
-               reEscape(";connDestination=" + dest + ";agentName=pool\n");
+    // Whether text is the expected handshake line (BCITimeStamp varies).
+    bool isHandshake(const std::string& text, int requestType, const std::string& lastConn,
+                     const std::string& dest, const std::string& server = "S1") const {
+        const std::string re =
+            reEscape("qv_ctrl_msg_req:appName=pool;qvAppServerHost=" + server + ";tierName=T1;bciVersion=" +
+                     std::string(getQvBuild()) + ";bciStartTime=" + std::to_string(getBCIStartUpTime()) +
+                     ";qvHome=" + home_.path() + ";pid=" + std::to_string(getpid()) + ";BCITimeStamp=") +
+            "[0-9]{16,}" +
+            reEscape(";agentType=php;serverIp=127.0.0.1;hostName=" + std::string(getHandshakeHostName()) +
+                     ";isAgentLess=N;jvmType=php;javaVersion=1.0;javaHome=/apps/java;machineType=Windows;"
+                     "requestType=" +
+                     std::to_string(requestType) + ";lastConnectionTimeStamp=") +
+            lastConn + reEscape(";connDuration=") + "[0-9]+" +
+            reEscape(";connDestination=" + dest + ";agentName=pool\n");
+        return std::regex_match(text, std::regex(re));
     }
-
-    TempAgentHome home_;
-    QVProxyInstance_t* app_ = nullptr;
 };
 
-std::string firstLine(const std::string& s) {
-    const size_t nl = s.find('\n');
-    return nl == std::string::npos ? s : s.substr(0, nl + 1);
-}
-
-TEST_F(ControlThread, HandshakeIsExactAndRepliesDriveRetryFlags) {
+TEST_F(ControlThread, HandshakeIsExactAndRepliesDriveRetryFlagsOrReconnect) {
     ScriptedCollector qvc;
     ASSERT_TRUE(qvc.start());
-    writeConf("qvcHost=127.0.0.1\nqvcPort=" + std::to_string(qvc.port()) + "\n");
-    startAgent();
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.bytes(0).find('\n') != std::string::npos; }));
-    EXPECT_TRUE(std::regex_match(qvc.bytes(0), std::regex(handshakeRe(1, "-1", ""))));
-    EXPECT_EQ(qvc.bytes(0), firstLine(qvc.bytes(0)));
+    startAgent(at(qvc.port()));
+    ASSERT_EQ(qvc.accept(), 0);
+    EXPECT_TRUE(isHandshake(qvc.bytes(0), 1, "-1", "")) << qvc.bytes(0);  // and nothing after it
 
     qv_store(app_->Server.retryForDataConn, 1);
     qv_store(app_->Server.retryForAutoSensorConn, 1);
     ASSERT_TRUE(qvc.send(0, "qv_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;policy=x\n"));
-    ASSERT_TRUE(qvc.waitFor([&] {
+    ASSERT_TRUE(waitUntil([&] {
         return qv_load(app_->Server.retryForDataConn) == 0 &&
                qv_load(app_->Server.retryForAutoSensorConn) == 0;
     }));
 
     // The collector goes away: a new connection carries the time and destination of the last one.
     qvc.closeConn(0);
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.bytes(1).find('\n') != std::string::npos; }));
-    EXPECT_TRUE(std::regex_match(
-        qvc.bytes(1), std::regex(handshakeRe(1, "[0-9]{13,}", "127.0.0.1:" + std::to_string(qvc.port())))))
+    ASSERT_EQ(qvc.accept(), 1);
+    EXPECT_TRUE(isHandshake(qvc.bytes(1), 1, "[0-9]{13,}", "127.0.0.1:" + std::to_string(qvc.port())))
         << qvc.bytes(1);
     ASSERT_TRUE(qvc.send(1, "qv_ctrl_msg_rep:result=Ok;status=RUNNING;\n"));
-    ASSERT_TRUE(qvc.waitFor([&] { return qv_load(app_->Server.retryForDataConn) == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return qv_load(app_->Server.retryForDataConn) == 1; }));
     EXPECT_TRUE(waitLogged("Message receive,'qv_ctrl_msg_rep:result=Ok;status=RUNNING;'."));
-}
 
-TEST_F(ControlThread, InvalidReplyClosesAndReconnects) {
-    ScriptedCollector qvc;
-    ASSERT_TRUE(qvc.start());
-    writeConf("qvcHost=127.0.0.1\nqvcPort=" + std::to_string(qvc.port()) + "\n");
-    startAgent();
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.bytes(0).find('\n') != std::string::npos; }));
-    ASSERT_TRUE(qvc.send(0, "garbage\n"));
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.closed(0) && qvc.bytes(1).find('\n') != std::string::npos; }));
+    // An invalid reply closes the connection and the agent connects again.
+    qvc.closeConn(1);
+    ASSERT_EQ(qvc.accept("garbage\n"), 2);
+    ASSERT_TRUE(qvc.closedByAgent(2));
+    ASSERT_EQ(qvc.accept("qv_ctrl_msg_rep:result=Fail;\n"), 3);  // a known prefix with an unknown result
     EXPECT_TRUE(logged("Control connection was closed. Invalid message receive,'garbage?'."));
     EXPECT_TRUE(logged("Unexpected response received | Response = garbage?"));
-    // A known prefix with an unknown result is invalid too.
-    ASSERT_TRUE(qvc.send(1, "qv_ctrl_msg_rep:result=Fail;\n"));
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.closed(1) && qvc.count() >= 3; }));
+    ASSERT_TRUE(qvc.closedByAgent(3));
+    ASSERT_EQ(qvc.accept(), 4);
 }
 
 TEST_F(ControlThread, CommandFramingAcrossReadsAndBadLines) {
     ScriptedCollector qvc;
     ASSERT_TRUE(qvc.start());
+    startAgent(at(qvc.port()));
     // A command right behind the reply, in the same packet, is handled by the command loop.
-    qvc.setAutoReply(kOkReply + "qv_control_req:action=modify;AgentTraceLevel=4\n");
-    writeConf("qvcHost=127.0.0.1\nqvcPort=" + std::to_string(qvc.port()) + "\n");
-    startAgent();
-    const std::string hs = [&] {
-        qvc.waitFor([&] { return qvc.bytes(0).find('\n') != std::string::npos; });
-        return firstLine(qvc.bytes(0));
-    }();
-    auto replies = [&] { return qvc.bytes(0).substr(hs.size()); };
-    ASSERT_TRUE(qvc.waitFor([&] { return replies() == kRefusal; }));
+    ASSERT_EQ(qvc.accept(kOkReply + "qv_control_req:action=modify;AgentTraceLevel=4\n"), 0);
+    const size_t hs = qvc.bytes(0).size();
+    auto replies = [&](size_t n) {
+        return qvc.readUntil(0, [&] { return qvc.bytes(0).size() >= hs + n * kRefusal.size(); });
+    };
+    ASSERT_TRUE(replies(1));
 
     // Two commands in one read.
     ASSERT_TRUE(qvc.send(0, "qv_control_req:action=modify;a=1\nqv_control_req:action=modify;b=2\n"));
-    ASSERT_TRUE(qvc.waitFor([&] { return replies().size() >= 3 * kRefusal.size(); }));
+    ASSERT_TRUE(replies(3));
     // One command split across reads is handled once its newline arrives.
     ASSERT_TRUE(qvc.send(0, "qv_control_req:action=mod"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_EQ(replies().size(), 3 * kRefusal.size());
+    EXPECT_FALSE(qvc.readUntil(
+        0, [&] { return qvc.bytes(0).size() > hs + 3 * kRefusal.size(); }, 300));
     ASSERT_TRUE(qvc.send(0, "ify;c=3\n"));
-    ASSERT_TRUE(qvc.waitFor([&] { return replies().size() >= 4 * kRefusal.size(); }));
+    ASSERT_TRUE(replies(4));
 
     // Over-long (larger than the receive buffer), binary and malformed lines: ignored, logged,
     // the connection stays and the next command is answered.
@@ -323,72 +231,40 @@ TEST_F(ControlThread, CommandFramingAcrossReadsAndBadLines) {
     ASSERT_TRUE(qvc.send(0, "qv_control_req:action=modify;tail\n"));  // the end of the long line
     ASSERT_TRUE(qvc.send(0, std::string("\x00\x01\xfe\xff binary\n", 12) + ";;;==\n\n\r\n"));
     ASSERT_TRUE(qvc.send(0, "qv_control_req:action=modify;d=4\n"));
-    ASSERT_TRUE(qvc.waitFor([&] { return replies().size() >= 5 * kRefusal.size(); }));
+    ASSERT_TRUE(replies(5));
     std::string expected;
     for (int i = 0; i < 5; ++i) expected += kRefusal;
-    EXPECT_EQ(replies(), expected);
-    EXPECT_EQ(qvc.count(), 1);
-    EXPECT_FALSE(qvc.closed(0));
+    EXPECT_EQ(qvc.bytes(0).substr(hs), expected);
+    EXPECT_FALSE(qvc.closedByAgent(0, 50));
     EXPECT_TRUE(
         logged("Control message longer than 65535 bytes received from QVC; discarded up to its newline."));
     EXPECT_EQ(qv_load(app_->QVSys.agentTraceLevel), 0);
 }
 
-TEST_F(ControlThread, StartAndStopOverControlConnection) {
-    ScriptedCollector qvc;
-    ASSERT_TRUE(qvc.start());
-    qvc.setAutoReply(kOkReply);
-    writeConf("qvcHost=127.0.0.1\nqvcPort=" + std::to_string(qvc.port()) + "\n");
-    startAgent();
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.bytes(0).find('\n') != std::string::npos; }));
-    ASSERT_TRUE(qvc.send(0, "qv_control_req:action=start_instrumentation;ASReportInterval=0;testIdx=42\n"));
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.find("qv_data_msg_req:") >= 0; }));
-    EXPECT_NE(qvc.bytes(0).find("qv_control_rep:action=start_instrumentation;status=starting;result=Ok;\n"),
-              std::string::npos);
-    const int data = qvc.find("qv_data_msg_req:");
-    EXPECT_NE(qvc.bytes(data).find(";testIdx=42;"), std::string::npos);
-    dumpData("\n2,record\n", 10);
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.bytes(data).find("\n2,record\n") != std::string::npos; }));
-
-    ASSERT_TRUE(qvc.send(0, "qv_control_req:action=stop_instrumentation\n"));
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.bytes(data).find("10,\n") != std::string::npos; }));
-    ASSERT_TRUE(qvc.waitFor([&] {
-        return qvc.bytes(0).find("qv_control_rep:action=stop_instrumentation;status=stopping;result=Ok;\n") !=
-               std::string::npos;
-    }));
-    EXPECT_EQ(qv_load(app_->Server.testRunRunning), 0);
-}
-
 TEST_F(ControlThread, SilenceBeyondThresholdClosesAllConnections) {
     ScriptedCollector qvc;
     ASSERT_TRUE(qvc.start());
-    qvc.setAutoReply(kOkReply);
-    writeConf("qvcHost=127.0.0.1\nqvcPort=" + std::to_string(qvc.port()) + "\n");
-    startAgent();
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.bytes(0).find('\n') != std::string::npos; }));
+    startAgent(at(qvc.port()));
+    ASSERT_EQ(qvc.accept(kOkReply), 0);
     ASSERT_TRUE(qvc.send(
         0, "qv_control_req:action=start_instrumentation;ASReportInterval=0;qvcHeartBeatThreshold=400\n"));
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.find("qv_data_msg_req:") >= 0; }));
-    const int data = qvc.find("qv_data_msg_req:");
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.closed(0) && qvc.closed(data); }));
+    const int data = qvc.accept("", "qv_data_msg_req:");
+    ASSERT_GT(data, 0);
+    ASSERT_TRUE(qvc.closedByAgent(0));
+    ASSERT_TRUE(qvc.closedByAgent(data));
     EXPECT_TRUE(logged(
         "Last Received heartbeat msg time is greater than qvcHeartBeatThreshold.Hence going to closing "
         "all connection.heartBeatDuration = "));
     // And the agent comes back.
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.find("qv_ctrl_msg_req:", 1) >= 0; }));
+    ASSERT_GT(qvc.accept("", "qv_ctrl_msg_req:"), data);
 }
 
 TEST_F(ControlThread, SwitchesToBackupAfterRetryLimit) {
     ScriptedCollector backup;
     ASSERT_TRUE(backup.start());
-    backup.setAutoReply(kOkReply);
-    const int dead = deadPort();
-    writeConf("qvcHost=127.0.0.1\nqvcPort=" + std::to_string(dead) +
-              "\nbackupQvcHostName=127.0.0.1\nbackupQvcPort=" + std::to_string(backup.port()) + "\n");
-    startAgent();
-    ASSERT_TRUE(backup.waitFor([&] { return backup.bytes(0).find('\n') != std::string::npos; }));
-    EXPECT_TRUE(std::regex_match(firstLine(backup.bytes(0)), std::regex(handshakeRe(3, "-1", ""))))
-        << backup.bytes(0);
+    startAgent(at(deadPort(), backup.port()));
+    ASSERT_EQ(backup.accept(kOkReply), 0);
+    EXPECT_TRUE(isHandshake(firstLine(backup.bytes(0)), 3, "-1", "")) << backup.bytes(0);
     EXPECT_TRUE(logged("[QV DR Feature]; Max number of retry attempt reached"));
     EXPECT_TRUE(logged("[QV DR Feature]; Got next QVC info: [host | port] = [127.0.0.1 | " +
                        std::to_string(backup.port()) + "]"));
@@ -399,27 +275,22 @@ TEST_F(ControlThread, HeartbeatsCountAndUnansweredOnesSwitchOver) {
     ScriptedCollector primary, backup;
     ASSERT_TRUE(primary.start());
     ASSERT_TRUE(backup.start());
-    primary.setAutoReply(kOkReply);
-    backup.setAutoReply(kOkReply);
     qv_store(controlPollTimeoutMs, 20LL);
-    writeConf("qvcHost=127.0.0.1\nqvcPort=" + std::to_string(primary.port()) +
-              "\nbackupQvcHostName=127.0.0.1\n"
-              "backupQvcPort=" +
-              std::to_string(backup.port()) + "\n");
-    startAgent();
+    startAgent(at(primary.port(), backup.port()));
+    ASSERT_EQ(primary.accept(kOkReply), 0);
+    const size_t hs = primary.bytes(0).size();
     const std::string hb0 = "qv_control_req:action=reconnect;heartBeat 0;\n";
     const std::string hb1 = "qv_control_req:action=reconnect;heartBeat 1;\n";
-    ASSERT_TRUE(primary.waitFor([&] { return primary.bytes(0).find(hb1) != std::string::npos; }));
-    const std::string hs = firstLine(primary.bytes(0));
-    EXPECT_EQ(primary.bytes(0).substr(hs.size(), hb0.size() + hb1.size()), hb0 + hb1);
+    ASSERT_TRUE(primary.readContains(0, hb1));
+    EXPECT_EQ(primary.bytes(0).substr(hs, hb0.size() + hb1.size()), hb0 + hb1);
     // The answer resets the count: the next heartbeat is number 0 again.
     ASSERT_TRUE(primary.send(0, "qv_control_rep:action:result=Ok;\n"));
-    ASSERT_TRUE(primary.waitFor(
-        [&] { return primary.bytes(0).find(hb0, hs.size() + hb0.size()) != std::string::npos; }));
+    ASSERT_TRUE(primary.readUntil(
+        0, [&] { return primary.bytes(0).find(hb0, hs + hb0.size()) != std::string::npos; }));
     // Ten heartbeats left unanswered switch to the backup.
-    ASSERT_TRUE(backup.waitFor([&] { return backup.bytes(0).find('\n') != std::string::npos; }));
-    EXPECT_NE(primary.bytes(0).find("qv_control_req:action=reconnect;heartBeat 9;\n"), std::string::npos);
-    EXPECT_TRUE(primary.waitFor([&] { return primary.closed(0); }));
+    ASSERT_EQ(backup.accept(kOkReply), 0);
+    EXPECT_TRUE(primary.closedByAgent(0));
+    EXPECT_TRUE(contains(primary.bytes(0), "qv_control_req:action=reconnect;heartBeat 9;\n"));
     EXPECT_TRUE(logged("heartbeat count reaches to the threshold = 10"));
 }
 
@@ -427,89 +298,60 @@ TEST_F(ControlThread, RerouteConnectsToNewCollector) {
     ScriptedCollector a, b;
     ASSERT_TRUE(a.start());
     ASSERT_TRUE(b.start());
-    a.setAutoReply(kOkReply);
-    b.setAutoReply(kOkReply);
-    writeConf("qvcHost=127.0.0.1\nqvcPort=" + std::to_string(a.port()) + "\n");
-    startAgent();
-    ASSERT_TRUE(a.waitFor([&] { return a.bytes(0).find('\n') != std::string::npos; }));
+    startAgent(at(a.port()));
+    ASSERT_EQ(a.accept(kOkReply), 0);
     ASSERT_TRUE(a.send(0, "qv_control_req:action=reroute_ctrl_con;qvcHost=127.0.0.1;qvcPort=" +
                               std::to_string(b.port()) + ";tier=ALL;server=S2;instance=ALL;clusterMode=0\n"));
-    ASSERT_TRUE(b.waitFor([&] { return b.bytes(0).find('\n') != std::string::npos; }));
-    EXPECT_TRUE(a.closed(0));
-    EXPECT_TRUE(std::regex_match(
-        firstLine(b.bytes(0)),
-        std::regex(handshakeRe(2, "[0-9]{13,}", "127.0.0.1:" + std::to_string(a.port()), "S2"))))
+    ASSERT_EQ(b.accept(kOkReply), 0);
+    EXPECT_TRUE(a.closedByAgent(0));
+    EXPECT_TRUE(
+        isHandshake(firstLine(b.bytes(0)), 2, "[0-9]{13,}", "127.0.0.1:" + std::to_string(a.port()), "S2"))
         << b.bytes(0);
-    EXPECT_EQ(
-        home_.read("config/qvsettings.conf"),
-        "tier=T1\nserver=S2\ninstance=I1\nqvcHost=127.0.0.1\nqvcPort=" + std::to_string(b.port()) + "\n");
+    EXPECT_EQ(home_.read("config/qvsettings.conf"), "tier=T1\nserver=S2\ninstance=I1\n" + at(b.port()));
 }
 
 TEST_F(ControlThread, SettingsFileChangeEndsRetriesAndShutdownEndsWaits) {
     ScriptedCollector qvc;
     ASSERT_TRUE(qvc.start());
-    qvc.setAutoReply(kOkReply);
     qv_store(controlRetryIntervalMs, 1500LL);
-    writeConf("qvcHost=127.0.0.1\nqvcPort=" + std::to_string(deadPort()) + "\n");
-    startAgent();
+    startAgent(at(deadPort()));
     ASSERT_TRUE(waitLogged("Socket was not created and retry after 60seconds"));
-    writeConf("# moved\nqvcHost=127.0.0.1\nqvcPort=" + std::to_string(qvc.port()) + "\n");
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.bytes(0).find('\n') != std::string::npos; }));
+    writeConf("# moved\n" + at(qvc.port()));
+    ASSERT_EQ(qvc.accept(kOkReply), 0);
     EXPECT_FALSE(logged("Max number of retry attempt reached"));
 
     // A retry wait of an hour: only the shutdown's interruption ends it before the test times out.
     qv_store(controlRetryIntervalMs, 3600000LL);
-    writeConf("qvcHost=127.0.0.1\nqvcPort=" + std::to_string(deadPort()) + "\n");
+    writeConf(at(deadPort()));
     const int failures = countLogged("Socket was not created");
     qvc.closeConn(0);
-    ASSERT_TRUE(qvc.waitFor([&] { return countLogged("Socket was not created") > failures; }));
+    ASSERT_TRUE(waitUntil([&] { return countLogged("Socket was not created") > failures; }));
     qv_agent_shutdown();
     EXPECT_EQ(control_thread_id, nullptr);
 }
 
 TEST_F(ControlThread, ProxyModeConnectsToUnixSocket) {
-    char dir[] = "/tmp/qv_px_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string path = std::string(dir) + "/px.sock";
-    const int lfd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    snprintf(sa.sun_path, sizeof(sa.sun_path), "%s", path.c_str());
-    ASSERT_EQ(bind(lfd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)), 0);
-    ASSERT_EQ(listen(lfd, 4), 0);
-    std::string got;
-    std::thread proxy([&] {
-        const int fd = accept(lfd, nullptr, nullptr);
-        char buf[4096];
-        ssize_t n;
-        while (got.find('\n') == std::string::npos && (n = read(fd, buf, sizeof(buf))) > 0)
-            got.append(buf, n);
-        send(fd, kOkReply.data(), kOkReply.size(), MSG_NOSIGNAL);
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        close(fd);
-    });
-    writeConf("qvcHost=127.0.0.1\nqvcPort=1\nproxyMode=1\nproxyConType=1\nproxySocketPath=" + path + "\n");
-    startAgent();
-    proxy.join();
-    EXPECT_EQ(got.rfind("qv_ctrl_msg_req:appName=pool;", 0), 0u) << got;
+    ScriptedCollector proxy;
+    ASSERT_TRUE(proxy.start(home_.file("px.sock")));
+    startAgent("qvcHost=127.0.0.1\nqvcPort=1\nproxyMode=1\nproxyConType=1\nproxySocketPath=" +
+               home_.file("px.sock") + "\n");
+    ASSERT_EQ(proxy.accept(kOkReply, "qv_ctrl_msg_req:appName=pool;"), 0);
     EXPECT_TRUE(waitLogged("Control socket was created successfully with server(Proxy) 127.0.0.1:7892."));
-    close(lfd);
-    unlink(path.c_str());
-    rmdir(dir);
 }
 
-// The control thread runs commands while application threads write records.
+// The control thread runs a test run's commands while application threads write records.
 class ControlConcurrency : public ControlThread {};
 
-TEST_F(ControlConcurrency, CommandsWhileApplicationThreadsWrite) {
+TEST_F(ControlConcurrency, StartCommandsAndStopWhileApplicationThreadsWrite) {
     ScriptedCollector qvc;
     ASSERT_TRUE(qvc.start());
-    qvc.setAutoReply(kOkReply);
-    writeConf("qvcHost=127.0.0.1\nqvcPort=" + std::to_string(qvc.port()) + "\n");
-    startAgent();
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.bytes(0).find('\n') != std::string::npos; }));
-    ASSERT_TRUE(qvc.send(0, "qv_control_req:action=start_instrumentation;ASReportInterval=0\n"));
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.find("qv_data_msg_req:") >= 0; }));
+    startAgent(at(qvc.port()));
+    ASSERT_EQ(qvc.accept(kOkReply), 0);
+    ASSERT_TRUE(qvc.send(0, "qv_control_req:action=start_instrumentation;ASReportInterval=0;testIdx=42\n"));
+    const int data = qvc.accept("", "qv_data_msg_req:");
+    ASSERT_GT(data, 0);
+    EXPECT_TRUE(contains(qvc.bytes(data), ";testIdx=42;"));
+    EXPECT_TRUE(qvc.readContains(0, kStartReply));
     std::atomic<bool> run{true};
     std::vector<std::thread> writers;
     for (int t = 0; t < 3; ++t)
@@ -525,12 +367,13 @@ TEST_F(ControlConcurrency, CommandsWhileApplicationThreadsWrite) {
         qvc.send(0, "qv_control_req:action=reconnect;heartBeat;dataConnState=1;x\n");
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    ASSERT_TRUE(qvc.readContains(data, "\n2,thread0\n"));
     ASSERT_TRUE(qvc.send(0, "qv_control_req:action=stop_instrumentation\n"));
-    const int data = qvc.find("qv_data_msg_req:");
-    ASSERT_TRUE(qvc.waitFor([&] { return qvc.bytes(data).find("10,\n") != std::string::npos; }));
+    ASSERT_TRUE(qvc.readContains(data, "10,\n"));
     run = false;
     for (std::thread& t : writers) t.join();
-    EXPECT_NE(qvc.bytes(data).find("\n2,thread0\n"), std::string::npos);
+    ASSERT_TRUE(qvc.readContains(0, kStopReply));
+    EXPECT_EQ(qv_load(app_->Server.testRunRunning), 0);
 }
 
 }  // namespace

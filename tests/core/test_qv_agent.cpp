@@ -1,49 +1,37 @@
 // Agent start-up: connect 0 and 1 in a temporary home, the trace-log file, the upward hooks,
 // the control thread and the test reset.
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <regex>
-#include <string>
 #include <vector>
 
-#include "core/QVBCISettings.h"
 #include "core/QVConfig.h"
-#include "core/qv_agent.h"
-#include "foundation/qvlb_atomic.h"
-#include "foundation/qvlb_fault.h"
+#include "core_fixture.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_util.h"
-#include "support/temp_home.h"
 
 namespace {
 
-class AgentTest : public ::testing::Test {
+class AgentTest : public AgentHomeTest {
   protected:
-    void TearDown() override {
-        qvAgentHooks = QVAgentHooks{};
-        qvlb_fault_reset();
-        qv_agent_reset_for_test();
+    // Whether the first trace-log file is named after the process (and pool), time and pid.
+    void expectTraceFile(const std::string& names) const {
+        ASSERT_NE(trace_log_key, nullptr);
+        EXPECT_TRUE(std::regex_match(std::string(trace_log_key->log_file[0]),
+                                     std::regex(home_.path() + "logs/+qv_trace_" + names + "_[0-9]{14}_" +
+                                                std::to_string(getpid()) + "\\.log_0")))
+            << trace_log_key->log_file[0];
     }
-    bool logged(const std::string& text) const { return home_.traceLogs().find(text) != std::string::npos; }
-    TempAgentHome home_;
 };
 
 std::vector<std::string> calls;
-void hookFpi() {
-    calls.push_back("fpi");
-}
-void hookModelMap() {
-    calls.push_back("modelMap");
-}
-void hookTlsPool() {
-    calls.push_back("tlsPool");
-}
-void hookTId() {
-    calls.push_back("tid");
-}
-void hookSockBuf() {
-    calls.push_back("sockBuf");
+void installHooks() {
+    calls.clear();
+    qvAgentHooks.createFpiToTLS = [] { calls.push_back("fpi"); };
+    qvAgentHooks.initThreadBasedModelMap = [] { calls.push_back("modelMap"); };
+    qvAgentHooks.createTlsPool = [] { calls.push_back("tlsPool"); };
+    qvAgentHooks.initQVManageTIdToTLocal = [] { calls.push_back("tid"); };
+    qvAgentHooks.controlSockBufInit = [] { calls.push_back("sockBuf"); };
 }
 
 int controlThreadRan = 0;
@@ -54,15 +42,6 @@ void* APR_THREAD_FUNC controlBody(apr_thread_t*, void*) {
     return nullptr;
 }
 
-void installHooks() {
-    calls.clear();
-    qvAgentHooks.createFpiToTLS = hookFpi;
-    qvAgentHooks.initThreadBasedModelMap = hookModelMap;
-    qvAgentHooks.createTlsPool = hookTlsPool;
-    qvAgentHooks.initQVManageTIdToTLocal = hookTId;
-    qvAgentHooks.controlSockBufInit = hookSockBuf;
-}
-
 }  // namespace
 
 TEST_F(AgentTest, ConnectZeroOpensTraceLogOnly) {
@@ -70,11 +49,7 @@ TEST_F(AgentTest, ConnectZeroOpensTraceLogOnly) {
     agent_init("pool", 0, "proc", nullptr);
     ASSERT_NE(qvApplication, nullptr);
     EXPECT_EQ(QVProxyInstance, qvApplication);
-    ASSERT_NE(trace_log_key, nullptr);
-    std::string expected =
-        home_.path() + "logs/+qv_trace_proc_pool_[0-9]{14}_" + std::to_string(getpid()) + "\\.log_0";
-    EXPECT_TRUE(std::regex_match(std::string(trace_log_key->log_file[0]), std::regex(expected)))
-        << trace_log_key->log_file[0];
+    expectTraceFile("proc_pool");
 
     // Nothing after the trace log: no settings read, no locks, no pool name, no BCI defaults.
     EXPECT_EQ(qvApplication->QVSys.agentTraceLevel, 0);
@@ -88,10 +63,19 @@ TEST_F(AgentTest, ConnectZeroOpensTraceLogOnly) {
     qvApplication->QVSys.agentTraceLevel = 1;
     QV_TRACE_IF(true, "CONTROL_THREAD", "Info", "first record");
     ASSERT_EQ(home_.traceLogFiles().size(), 1u);
-    std::string text = home_.traceLogs();
+    const std::string text = home_.traceLogs();
     EXPECT_EQ(text.rfind("#TimeStamp|TestRun|", 0), 0u);
-    EXPECT_NE(text.find("5.1.0 build 42"), std::string::npos);
-    EXPECT_NE(text.find("|CONTROL_THREAD|"), std::string::npos);
+    EXPECT_TRUE(logged("5.1.0 build 42"));
+    EXPECT_TRUE(logged("|CONTROL_THREAD|"));
+
+    // The proxy's record: defaults, and the home from the environment.
+    initializeProxyStruct();
+    EXPECT_EQ(std::make_tuple(QVProxy.proxyServerFlag, QVProxy.proxyPort, QVProxy.qvcPort),
+              std::make_tuple(0, 7892, 0));
+    EXPECT_EQ(QVProxy.qvHomePath, nullptr);
+    EXPECT_STREQ(QVProxy.proxyHost, "127.0.0.1");
+    setProxyQVHome();
+    EXPECT_STREQ(QVProxy.qvHomePath, home_.path().c_str());
 }
 
 TEST_F(AgentTest, ConnectOneReadsSettingsAndStartsNoThreadWithoutEntry) {
@@ -116,7 +100,7 @@ TEST_F(AgentTest, ConnectOneReadsSettingsAndStartsNoThreadWithoutEntry) {
     EXPECT_EQ(qv_load(qvAgentStopping), 1);
 }
 
-TEST_F(AgentTest, SecondCallHasNoEffect) {
+TEST_F(AgentTest, SecondCallHasNoEffectUntilTestReset) {
     agent_init("pool", 1, "proc", "skd");
     QVProxyInstance_t* first = qvApplication;
     EXPECT_STREQ(qvApplication->QVBCISetting.agentType, "skd");
@@ -125,16 +109,11 @@ TEST_F(AgentTest, SecondCallHasNoEffect) {
     EXPECT_STREQ(pool_name, "pool");
     EXPECT_STREQ(qvApplication->QVBCISetting.agentType, "skd");
 
-    // After a test reset start-up runs again.
     qv_agent_reset_for_test();
     EXPECT_EQ(qvApplication, nullptr);
     EXPECT_EQ(trace_log_key, nullptr);
     agent_init(nullptr, 0, "proc", nullptr);
-    ASSERT_NE(trace_log_key, nullptr);
-    std::string expected =
-        home_.path() + "logs/+qv_trace_proc_[0-9]{14}_" + std::to_string(getpid()) + "\\.log_0";
-    EXPECT_TRUE(std::regex_match(std::string(trace_log_key->log_file[0]), std::regex(expected)))
-        << trace_log_key->log_file[0];
+    expectTraceFile("proc");
 }
 
 TEST_F(AgentTest, HooksRunInOrderAndProxyModeSkipsTheMapSteps) {
@@ -150,37 +129,21 @@ TEST_F(AgentTest, HooksRunInOrderAndProxyModeSkipsTheMapSteps) {
     EXPECT_EQ(calls, (std::vector<std::string>{"sockBuf", "tlsPool"}));
 }
 
-TEST_F(AgentTest, ControlThreadCreationFailureIsLogged) {
+class AgentStartupConcurrency : public AgentTest {};
+
+TEST_F(AgentStartupConcurrency, ControlThreadStartsAndStopsOrItsCreationFailureIsLogged) {
     qvAgentHooks.controlThreadEntry = controlBody;
     home_.write("config/qvsettings.conf", "qvcHost=h\nqvcPort=7000\nagentTraceLevel=1\n");
     qvlb_fault_arm(QV_FAULT_THREAD_CREATE, 0, 1);
     agent_init("pool", 1, "proc", nullptr);
     EXPECT_EQ(control_thread_id, nullptr);
     EXPECT_TRUE(logged("Error in creating control thread... '"));
-}
 
-TEST_F(AgentTest, ProxyStructDefaults) {
-    initializeProxyStruct();
-    EXPECT_EQ(QVProxy.proxyServerFlag, 0);
-    EXPECT_EQ(QVProxy.proxyPort, 7892);
-    EXPECT_EQ(QVProxy.qvcPort, 0);
-    EXPECT_EQ(QVProxy.qvHomePath, nullptr);
-    EXPECT_STREQ(QVProxy.proxyHost, "127.0.0.1");
-    setProxyQVHome();
-    EXPECT_STREQ(QVProxy.qvHomePath, home_.path().c_str());
-}
-
-TEST(AgentStartupConcurrency, ControlThreadStartsAndStops) {
-    TempAgentHome home;
-    home.write("config/qvsettings.conf", "qvcHost=h\nqvcPort=7000\nagentTraceLevel=1\n");
-    qvAgentHooks = QVAgentHooks{};
-    qvAgentHooks.controlThreadEntry = controlBody;
+    qv_agent_reset_for_test();
     agent_init("pool", 1, "proc", nullptr);
     ASSERT_NE(control_thread_id, nullptr);
     qv_agent_shutdown();
     EXPECT_EQ(control_thread_id, nullptr);
     EXPECT_EQ(qv_load(controlThreadRan), 1);
-    EXPECT_NE(home.traceLogs().find("Control thread created successfully... '"), std::string::npos);
-    qvAgentHooks = QVAgentHooks{};
-    qv_agent_reset_for_test();
+    EXPECT_TRUE(logged("Control thread created successfully... '"));
 }

@@ -1,39 +1,26 @@
 // The collector keyword table: its rows, the fill functions and the application of start and
 // modify messages.
-#include <gtest/gtest.h>
-
+#include <atomic>
 #include <cstring>
-#include <iterator>
 #include <memory>
-#include <string>
+#include <thread>
 
-#include "core/QVBCISettings.h"
-#include "core/QVSettingRecords.h"
-#include "core/qv_agent.h"
 #include "core/qvlb_keywords.h"
-#include "foundation/qvlb_atomic.h"
+#include "core_fixture.h"
 #include "foundation/qvlb_mt_log.h"
-#include "foundation/qvlb_util.h"
-#include "support/temp_home.h"
 
 namespace {
 
-class KeywordsTest : public ::testing::Test {
+class KeywordsTest : public AgentHomeTest {
   protected:
-    void SetUp() override {
-        agent_init("pool", 0, "proc", nullptr);
-        qvApplication->QVSys.controlTraceLevel = 1;
-    }
-    void TearDown() override { qv_agent_reset_for_test(); }
-
+    void SetUp() override { start(0); }
     int apply(const std::string& msg) {
         std::string copy = msg;
         return findStatusFromClientMsg(copy.data());
     }
-    bool logged(const std::string& text) const { return home_.traceLogs().find(text) != std::string::npos; }
-
-    TempAgentHome home_;
 };
+
+class KeywordsConcurrency : public KeywordsTest {};
 
 int parserCalls = 0;
 std::string parserValue;
@@ -52,46 +39,20 @@ void countingHook() {
 
 }  // namespace
 
-TEST(KeywordTable, RowsInOrder) {
-    EXPECT_EQ(std::size(keywordsMap), 117u);
-    EXPECT_STREQ(keywordsMap[0].name, "BTRuleConfig");
-    EXPECT_STREQ(keywordsMap[16].name, "status");
-    EXPECT_STREQ(keywordsMap[51].name, "AgentTraceLevel");
-    EXPECT_STREQ(keywordsMap[59].name, "tierName");
-    EXPECT_STREQ(keywordsMap[100].name, "captureMethodForAllFP");
-    EXPECT_STREQ(keywordsMap[116].name, "enableDBBackendName");
+TEST(KeywordTable, EveryRowHasOneHandlerAndAUniqueName) {
+    for (const keywordsInfo& row : keywordsMap) {
+        // A parser, or a setter with the field it fills.
+        EXPECT_TRUE((row.parser != nullptr) != (row.setter != nullptr)) << row.name;
+        EXPECT_EQ(row.offset >= 0, row.setter != nullptr) << row.name;
+        EXPECT_EQ(NameToIndex(row.name), &row - keywordsMap) << "duplicate or empty name " << row.name;
+    }
     EXPECT_EQ(NameToIndex("AgentTraceLevel"), 51);
-    EXPECT_EQ(NameToIndex("enableDBBackendName"), 116);
     EXPECT_EQ(NameToIndex("agenttracelevel"), -1);
     EXPECT_EQ(NameToIndex(nullptr), -1);
-
-    int fileBased = 0;
-    int later = 0;
-    for (const keywordsInfo& row : keywordsMap) {
-        if (row.parser == setFileBasedKeywd) fileBased++;
-        if (row.parser == qvlb_keyword_not_handled) later++;
-        // Exactly one way of handling a row.
-        EXPECT_TRUE((row.parser != nullptr) != (row.setter != nullptr)) << row.name;
-        if (row.setter) {
-            EXPECT_GE(row.offset, 0) << row.name;
-        }
-        if (row.parser) {
-            EXPECT_EQ(row.offset, -1) << row.name;
-        }
-    }
-    EXPECT_EQ(fileBased, 24);
-    EXPECT_EQ(later, 13);
-
-    const keywordsInfo& traceSize = keywordsMap[NameToIndex("BCITraceMaxSize")];
-    EXPECT_EQ(traceSize.length, 8);
-    EXPECT_EQ(traceSize.fill_data, fill_long_long_data);
-    EXPECT_EQ(keywordsMap[NameToIndex("captureMethodForAllFP")].length, 2);
-    EXPECT_EQ(keywordsMap[NameToIndex("fileBasedKeywordMode")].length, 1);
     EXPECT_EQ(keywordsMap[NameToIndex("fpVersionID")].length, 10);
-    EXPECT_EQ(keywordsMap[NameToIndex("autoDeInstrPct")].fill_data, fill_double_data);
 }
 
-TEST_F(KeywordsTest, ModifyStopsAtFieldWithoutEquals) {
+TEST_F(KeywordsTest, MessageRulesFieldsGatesAndLimits) {
     EXPECT_EQ(apply("qv_control_req:action=modify;AgentTraceLevel=4;bogus;enableFPTrace=2"), 1);
     EXPECT_EQ(qvApplication->QVSys.agentTraceLevel, 4);
     EXPECT_EQ(qvApplication->QVSys.fpTraceLevel, 0);
@@ -105,14 +66,13 @@ TEST_F(KeywordsTest, ModifyStopsAtFieldWithoutEquals) {
     // A keyword too long for the buffer is unknown, not cut to a known name.
     EXPECT_EQ(apply("qv_control_req:action=modify;" + std::string(300, 'k') + "=1;enableFPTrace=3"), 1);
     EXPECT_EQ(qvApplication->QVSys.fpTraceLevel, 3);
-}
 
-TEST_F(KeywordsTest, StartGateAndCloseFlag) {
+    // Start is applied only while the control connection is not busy; modify always.
     Server_t& srv = qvApplication->Server;
     srv.controlCommunicationBusyFlag = 1;
     EXPECT_EQ(apply("qv_control_req:action=start_instrumentation;AgentTraceLevel=3"), -1);
-    EXPECT_EQ(qvApplication->QVSys.agentTraceLevel, 0);
-    EXPECT_EQ(apply("qv_control_req:action=modify;AgentTraceLevel=2"), 1);  // modify passes while busy
+    EXPECT_EQ(qvApplication->QVSys.agentTraceLevel, 4);
+    EXPECT_EQ(apply("qv_control_req:action=modify;AgentTraceLevel=2"), 1);
     EXPECT_EQ(qvApplication->QVSys.agentTraceLevel, 2);
     srv.controlCommunicationBusyFlag = 0;
     EXPECT_EQ(apply("qv_control_req:action=start_instrumentation;AgentTraceLevel=3"), 1);
@@ -123,10 +83,9 @@ TEST_F(KeywordsTest, StartGateAndCloseFlag) {
     qvApplication->QVSys.closeCtrlConFlag = 1;
     EXPECT_EQ(apply("qv_control_req:action=modify;AgentTraceLevel=1"), 0);
     EXPECT_EQ(qvApplication->QVSys.agentTraceLevel, 3);
-}
+    qvApplication->QVSys.closeCtrlConFlag = 0;
 
-TEST_F(KeywordsTest, AtMost1024Fields) {
-    std::string head = "qv_control_req:action=modify";
+    const std::string head = "qv_control_req:action=modify";
     std::string fill;
     for (int i = 0; i < 1022; i++) fill += ";appID=1";
     // Field 1024 is still applied.
@@ -144,18 +103,17 @@ TEST_F(KeywordsTest, FieldWidthsAndConversions) {
         "qv_control_req:action=modify;fileBasedKeywordMode=1;BCITraceMaxSize=21474836480;"
         "captureMethodForAllFP=65539;autoDeInstrPct=12.5;autoInstrPct=abc;maxCharInSeqBlob=5000;"
         "interfaceTraceLevel=2;tierID=7;TimeStampDiff=-5;InstrTraceLevel=3x;autoInstrSampleInterval=9");
-    EXPECT_EQ(qvApplication->QVBCISetting.fileBasedKeywordMode, '1');
-    EXPECT_EQ(s.traceMaxSize, 21474836480LL);
-    EXPECT_EQ(s.captureMethodForAllFP, 3);  // low two bytes of 65539
-    EXPECT_EQ(s.maxHttpBodySize, 1024);     // the neighbour is untouched
+    EXPECT_EQ(
+        std::tie(qvApplication->QVBCISetting.fileBasedKeywordMode, s.traceMaxSize, s.captureMethodForAllFP,
+                 s.maxHttpBodySize),
+        std::make_tuple('1', 21474836480LL, 3, 1024));  // low two bytes of 65539; the neighbour untouched
     EXPECT_DOUBLE_EQ(QVAutoInstrumentation.autoUnInstrPct, 12.5);
     EXPECT_DOUBLE_EQ(QVAutoInstrumentation.autoInstrPct, 0.0);
-    EXPECT_EQ(QVFlowpathGenerator.maxCharactersInSeqBlob, 5000);
-    EXPECT_EQ(QVInterfaceProcessor.interfaceTraceLevel, 2);
-    EXPECT_EQ(qvApplication->QVBCISetting.tierID, 7);
-    EXPECT_EQ(qvApplication->Server.diffTimeFromQVC, -5);
-    EXPECT_EQ(qvApplication->Server.setInstrumentTraceLevel, '3');
-    EXPECT_EQ(QVAutoInstrumentation.autoInstrSampleThreshold, 9);
+    EXPECT_EQ(std::tie(QVFlowpathGenerator.maxCharactersInSeqBlob, QVInterfaceProcessor.interfaceTraceLevel,
+                       qvApplication->QVBCISetting.tierID, qvApplication->Server.diffTimeFromQVC,
+                       qvApplication->Server.setInstrumentTraceLevel,
+                       QVAutoInstrumentation.autoInstrSampleThreshold),
+              std::make_tuple(5000, 2, 7, -5, '3', 9));
 
     // A text longer than its field is cut and stays terminated; the next field is untouched.
     apply("qv_control_req:action=modify;status=" + std::string(100, 'r'));
@@ -191,28 +149,25 @@ TEST_F(KeywordsTest, CoreParsersStoreTheirSettings) {
         "correlationIDHeader=X-Corr;captureHTTPRespFullFp=2%20abc;BTRuleConfig=/tmp/rules;tierName=T;"
         "qvAppServerHost=S;appName=A;enableDDAI=1;WBCookie=wb;lmWDir=/w;enableCpuTime=2;"
         "enableExceptionInSeqBlob=1;instrExceptions=1%20x;hdrListForValueAsId=h1");
-    EXPECT_EQ(srv.TestRunIDValue, 12);
-    EXPECT_EQ(qvApplication->testIdx, 12);
-    EXPECT_EQ(srv.korEpochDiffTime, 1000);
-    EXPECT_EQ(srv.isKorEpochDiffSet, 1);
-    EXPECT_EQ(QVASSettings.ASReportInterval, 30);
-    EXPECT_EQ(QVSettings.qvMonitorIntervalInSecs, 60);  // 0 would divide the monitor rates by zero
-    EXPECT_STREQ(qvApplication->QVSys.correlationIdHeader, "X-Corr");
-    EXPECT_EQ(qvApplication->QVSys.captureCorrelationEnabled, 1);
-    EXPECT_EQ(QVHttpRespCaptureSettings.captureMode, 2);
+    QVSys_t& sys = qvApplication->QVSys;
+    // A monitor interval of 0 would divide the monitor rates by zero: it is not taken.
+    EXPECT_EQ(
+        std::tie(srv.TestRunIDValue, qvApplication->testIdx, srv.korEpochDiffTime, srv.isKorEpochDiffSet,
+                 QVASSettings.ASReportInterval, QVSettings.qvMonitorIntervalInSecs),
+        std::make_tuple(12, 12, 1000, 1, 30, 60));
+    EXPECT_EQ(std::tie(sys.captureCorrelationEnabled, QVHttpRespCaptureSettings.captureMode,
+                       QVHttpReqCaptureSettings.captureMode, QVDynamicSettings.enableDDAI, sys.enableCpuTime,
+                       sys.enableExceptionInSeqBlob, QVExceptionCaptureSettings.instrExceptionsMode),
+              std::make_tuple(1, 2, 0, 1, 2, 1, 1));
+    EXPECT_STREQ(sys.correlationIdHeader, "X-Corr");
     EXPECT_STREQ(QVHttpRespCaptureSettings.captureSettings, "2%20abc");
-    EXPECT_EQ(QVHttpReqCaptureSettings.captureMode, 0);
     EXPECT_STREQ(qvlb_get_file_based_keyword(0), "/tmp/rules");
     EXPECT_TRUE(logged("File-based keyword 'BTRuleConfig' is not supported; file name '/tmp/rules' stored."));
     EXPECT_STREQ(getTierName(), "T");
     EXPECT_STREQ(getAppServerName(), "S");
     EXPECT_STREQ(getAppName(), "A");
-    EXPECT_EQ(QVDynamicSettings.enableDDAI, 1);
-    EXPECT_STREQ(qvApplication->QVSys.WBCookieName, "wb");
+    EXPECT_STREQ(sys.WBCookieName, "wb");
     EXPECT_STREQ(QVSettings.lmWDir, "/w");
-    EXPECT_EQ(qvApplication->QVSys.enableCpuTime, 2);
-    EXPECT_EQ(qvApplication->QVSys.enableExceptionInSeqBlob, 1);
-    EXPECT_EQ(QVExceptionCaptureSettings.instrExceptionsMode, 1);
     EXPECT_STREQ(QVHttpReqCaptureSettings.hdrListForValueAsId, "h1");
 
     apply("qv_control_req:action=modify;correlationIDHeader=NA");
@@ -237,19 +192,13 @@ TEST_F(KeywordsTest, LaterLayerParsers) {
 TEST_F(KeywordsTest, InitAllKeywordsDefaultsAndHooks) {
     QVSys_t& s = qvApplication->QVSys;
     Server_t& srv = qvApplication->Server;
-    s.enableForcedFlowpathChainMode = 0;
-    s.enableCpuTime = 2;
-    s.retryFlag = 1;
-    s.closeCtrlConFlag = 1;
-    s.dataConnState = 0;
-    srv.korEpochDiffTime = 5;
-    srv.originalKorEpochDiffTime = 5;
-    srv.testRunRunning = 1;
-    srv.isTenRecordDump = 1;
+    auto changed = std::tie(s.enableForcedFlowpathChainMode, s.enableCpuTime, s.retryFlag, s.closeCtrlConFlag,
+                            s.dataConnState, srv.korEpochDiffTime, srv.originalKorEpochDiffTime,
+                            srv.testRunRunning, srv.isTenRecordDump, QVSettings.qvVectorSeperator,
+                            QVInterfaceProcessor.enableInterfaceTargeting);
+    changed = std::make_tuple(0, 2, 1, 1, 0, 5, 5, 1, 1, '|', 1);
     strcpy(srv.fpgVID, "9.9");
     strcpy(srv.startInstrRespBuffer, "x");
-    QVSettings.qvVectorSeperator = '|';
-    QVInterfaceProcessor.enableInterfaceTargeting = 1;
     char rules[] = "/tmp/r";
     setFileBasedKeywd(rules, nullptr, 0);
 
@@ -259,69 +208,38 @@ TEST_F(KeywordsTest, InitAllKeywordsDefaultsAndHooks) {
     EXPECT_EQ(qvlb_add_keyword_init_hook(nullptr), -1);
     qvlb_init_all_keywords();
     EXPECT_EQ(hookCalls, 1);
-    EXPECT_EQ(s.enableForcedFlowpathChainMode, 1);
-    EXPECT_EQ(s.enableCpuTime, 0);
-    EXPECT_EQ(s.retryFlag, 0);
-    EXPECT_EQ(s.closeCtrlConFlag, 0);
-    EXPECT_EQ(s.dataConnState, 1);
-    EXPECT_EQ(srv.korEpochDiffTime, 0);
-    EXPECT_EQ(srv.originalKorEpochDiffTime, 1388534400000LL);
-    EXPECT_EQ(srv.testRunRunning, 0);
-    EXPECT_EQ(srv.isTenRecordDump, 0);
+    EXPECT_EQ(changed, std::make_tuple(1, 0, 0, 0, 1, 0, 1388534400000LL, 0, 0, '>', 0));
     EXPECT_STREQ(srv.fpgVID, "1.0");
     EXPECT_STREQ(srv.startInstrRespBuffer, "");
-    EXPECT_EQ(QVSettings.qvVectorSeperator, '>');
-    EXPECT_EQ(QVInterfaceProcessor.enableInterfaceTargeting, 0);
     EXPECT_EQ(qvlb_get_file_based_keyword(0), nullptr);
 
-    srv.isClusterMode = 1;
-    srv.requestType = 3;
+    std::tie(srv.isClusterMode, srv.requestType) = std::make_tuple(1, 3);
     strcpy(srv.connDestination, "h:1");
     initKeywordQVCStaticScaling();
-    EXPECT_EQ(srv.isClusterMode, 0);
-    EXPECT_EQ(srv.requestType, 1);
-    EXPECT_EQ(srv.lastConnectionTime, -1);
+    EXPECT_EQ(std::tie(srv.isClusterMode, srv.requestType, srv.lastConnectionTime),
+              std::make_tuple(0, 1, -1));
     EXPECT_STREQ(srv.connDestination, "");
 }
 
-namespace {
-struct LoggerArgs {
-    int stop;
-    int records;
-};
-
-void* APR_THREAD_FUNC logLoop(apr_thread_t*, void* data) {
-    auto* args = static_cast<LoggerArgs*>(data);
-    while (qv_load(args->stop) == 0) {
-        QV_TRACE_IF(qvlb_control_trace_level() > 0, "CONTROL_THREAD", "Info", "record %d", args->records);
-        args->records++;
-    }
-    return nullptr;
-}
-}  // namespace
-
 // Keywords change the trace levels, the rollover size and the build string while another thread
 // logs through them.
-TEST(KeywordsConcurrency, SettingsChangeWhileAnotherThreadLogs) {
-    TempAgentHome home;
-    agent_init("pool", 0, "proc", nullptr);
-    qvApplication->QVSys.controlTraceLevel = 1;
-    LoggerArgs args{0, 0};
-    apr_thread_t* th = nullptr;
-    char err[256];
-    ASSERT_EQ(qvlb_thread_create(&th, logLoop, &args, nullptr, err, sizeof(err)), APR_SUCCESS);
+TEST_F(KeywordsConcurrency, SettingsChangeWhileAnotherThreadLogs) {
+    std::atomic<bool> stop{false};
+    int records = 0;
+    std::thread logger([&] {
+        for (; !stop; ++records)
+            QV_TRACE_IF(qvlb_control_trace_level() > 0, "CONTROL_THREAD", "Info", "record %d", records);
+    });
     for (int i = 0; i < 200; i++) {
         std::string msg = "qv_control_req:action=modify;BCITraceMaxSize=" + std::to_string(4096 + i) +
                           ";AgentTraceLevel=" + std::to_string(i % 3) +
                           ";ControlThreadTraceLevel=" + std::to_string(1 + i % 2);
         findStatusFromClientMsg(msg.data());
-        home.write("etc/version", "build " + std::to_string(i) + "\n");
+        home_.write("etc/version", "build " + std::to_string(i) + "\n");
         setQvBuild(&qvApplication->QVSys.qvBuild);
     }
-    qv_store(args.stop, 1);
-    apr_status_t st;
-    apr_thread_join(&st, th);
-    EXPECT_GT(args.records, 0);
+    stop = true;
+    logger.join();
+    EXPECT_GT(records, 0);
     EXPECT_EQ(qvApplication->QVSys.traceMaxSize, 4096 + 199);
-    qv_agent_reset_for_test();
 }

@@ -2,24 +2,21 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "foundation/qvlb_fault.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
+#include "foundation/qvlb_util.h"
+#include "support/temp_home.h"
 
 namespace {
 
 class MemTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/qvlb_mem_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        trace_log_key = qvlb_init_mt_trace_log_ex(dir_.c_str(), "mem.log", 1, 10);
+        ASSERT_EQ(qvlb_mkdir_p(home_.file("logs").c_str()), 0);
+        trace_log_key = qvlb_init_mt_trace_log_ex(home_.file("logs").c_str(), "mem.log", 1, 10);
         ASSERT_NE(trace_log_key, nullptr);
     }
     void TearDown() override {
@@ -27,15 +24,9 @@ class MemTest : public ::testing::Test {
         qvlb_trace_log_reset_for_test();
         qvlb_mem_reset_for_test();
         qv_mem_trace_level = 0;
-        ASSERT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
     }
-    std::string log() {
-        std::ifstream in(dir_ + "/mem.log_0", std::ios::binary);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
-    }
-    std::string dir_;
+    std::string log() const { return home_.traceLogs(); }
+    TempAgentHome home_;
 };
 
 TEST_F(MemTest, LogsAndCountsAllocationsByLevel) {

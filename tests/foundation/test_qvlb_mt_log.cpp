@@ -2,15 +2,13 @@
 // writers' level tests, and whole records under concurrent writers.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
-#include <sys/stat.h>
 
 #include "foundation/qvlb_mt_log.h"
+#include "support/temp_home.h"
 
 namespace {
 
@@ -33,54 +31,28 @@ std::vector<std::string> split(const std::string& s, char sep) {
 class TraceLogTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/qvlb_log_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        base_ = dir_ + "/trace.log";
         qvlbTraceBindings = QVTraceLogBindings{&agent_, &ai_, &dd_, &max_size_, &build_, &test_run_};
     }
     void TearDown() override {
         qvlb_trace_log_reset_for_test();
         qvlbTraceBindings = QVTraceLogBindings{};
         qv_mem_trace_level = 0;
-        ASSERT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
     }
     void open_global() {
         trace_log_key = qvlb_init_mt_trace_log_ex(dir_.c_str(), "trace.log", 1, 10);
         ASSERT_NE(trace_log_key, nullptr);
     }
-    std::string file(int i) {
-        std::ifstream in(base_ + "_" + std::to_string(i), std::ios::binary);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
-    }
-    bool exists(int i) {
-        struct stat st;
-        return stat((base_ + "_" + std::to_string(i)).c_str(), &st) == 0;
-    }
+    std::string file(int i) const { return home_.read("trace.log_" + std::to_string(i)); }
+    bool exists(int i) const { return std::filesystem::exists(base_ + "_" + std::to_string(i)); }
 
-    std::string dir_, base_;
+    TempAgentHome home_;
+    const std::string dir_ = home_.path().substr(0, home_.path().size() - 1);  // without the slash
+    const std::string base_ = dir_ + "/trace.log";
     int agent_ = 0, ai_ = 0, dd_ = 0, test_run_ = 0;
     long long max_size_ = 10 * 1024 * 1024;
     char build_text_[16] = "BUILD_7.1";
     char* build_ = build_text_;
 };
-
-TEST_F(TraceLogTest, NoHandleWritesNothing) {
-    agent_ = ai_ = dd_ = 4;
-    qv_mem_trace_level = 2;
-    qvlb_mt_trace_log(nullptr, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
-    qvlb_mt_trace_log_win(0, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
-    qvlb_mt_trace_log_win_ai(0, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
-    qvlb_mt_trace_log_win_dd(0, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
-    qvlb_mt_trace_log_mem(0, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
-    EXPECT_EQ(qvlb_init_mt_trace_log_ex(dir_.c_str(), nullptr, 1, 10), nullptr);
-    open_global();  // creating the handle opens nothing either
-    EXPECT_EQ(std::string(trace_log_key->log_file[1]), base_ + "_1");
-    EXPECT_FALSE(exists(0));
-    EXPECT_FALSE(exists(1));
-}
 
 TEST_F(TraceLogTest, RecordFormatTestRunColumnAndCut) {
     open_global();
@@ -108,7 +80,7 @@ TEST_F(TraceLogTest, RecordFormatTestRunColumnAndCut) {
 
 TEST_F(TraceLogTest, RolloverAlternatesFilesWithHeaderEach) {
     // An _1 left by an earlier process is appended to at the first rollover.
-    { std::ofstream(base_ + "_1") << "OLD"; }
+    home_.write("trace.log_1", "OLD");
     max_size_ = 600;
     open_global();
     int written = 0;
@@ -132,10 +104,24 @@ TEST_F(TraceLogTest, RolloverAlternatesFilesWithHeaderEach) {
     switch_to(1, "");  // and now _1, without the old text
 }
 
-TEST_F(TraceLogTest, ExportedWritersTestTheirOwnLevel) {
-    open_global();
+TEST_F(TraceLogTest, ExportedWritersTestTheirOwnLevelAndNeedAHandle) {
+    agent_ = ai_ = dd_ = 4;
+    qv_mem_trace_level = 2;
+    qvlb_mt_trace_log(nullptr, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
+    qvlb_mt_trace_log_win(0, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
+    qvlb_mt_trace_log_win_ai(0, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
+    qvlb_mt_trace_log_win_dd(0, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
+    qvlb_mt_trace_log_mem(0, "t", 1, "M", "Info", "f.cpp", 1, "fn", "x");
+    EXPECT_EQ(qvlb_init_mt_trace_log_ex(dir_.c_str(), nullptr, 1, 10), nullptr);
+    open_global();  // creating the handle opens nothing either
+    EXPECT_EQ(std::string(trace_log_key->log_file[1]), base_ + "_1");
+    EXPECT_FALSE(exists(0));
+    EXPECT_FALSE(exists(1));
+
     agent_ = 2;
     ai_ = 1;
+    dd_ = 0;
+    qv_mem_trace_level = 0;
     qvlb_mt_trace_log_win(2, "t", 1, "M", "Info", "f.cpp", 1, "fn", "win-yes");
     qvlb_mt_trace_log_win(3, "t", 1, "M", "Info", "f.cpp", 1, "fn", "win-no");
     qvlb_mt_trace_log_win_ai(1, "t", 1, "M", "Info", "f.cpp", 1, "fn", "ai-yes");
