@@ -30,8 +30,8 @@ int handleSizeDataArrOf(T** dataArr, int oldLen, int id, const char* purpose = "
     return n;
 }
 
-// Creates a nested APR mutex into *lock on the control pool if *lock is still null. Thread-safe: concurrent callers create exactly one. Returns 0, or -1
-// (logged) when the mutex cannot be created or lock is null.
+// Creates a nested APR mutex into *lock on the control pool if *lock is still null. Thread-safe: concurrent
+// callers create exactly one. Returns 0, or -1 (logged) when the mutex cannot be created or lock is null.
 int initLock(apr_thread_mutex_t** lock);
 
 // controlThreadTmpLock, created on first use when start-up has not made it yet (tests, a process
