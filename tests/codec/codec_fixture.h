@@ -28,6 +28,7 @@
 #include "foundation/qvlb_hashmap.h"
 #include "mm/QVMethodMonitor.h"
 #include "sdk/qv_sdk.h"
+#include "support/agent_reset.h"
 #include "support/loopback_peer.h"
 #include "support/temp_home.h"
 
@@ -56,24 +57,7 @@ inline void startDataThread(QVProxyInstance_t* app) {
 }
 
 inline void resetAgentModules() {
-    qvlb_decode_reset_for_test();
-    qv_agent_shutdown();
-    qv_data_dispatcher_reset_for_test();
-    control_thread_reset_for_test();
-    server_reset_for_test();
-    qvc_server_config_reset_for_test();
-    qv_sdk_reset_for_test();
-    qvMethodMonitorResetForTest();
-    qvBackendMonitorResetForTest();
-    qvSQLProcessorResetForTest();
-    qvbt_manager_reset_for_test();
-    qvMonitorDataModelResetForTest();
-    qvMonitorCommonResetForTest();
-    qvFlowpathGeneratorResetForTest();
-    qv_flowpath_pool_reset_for_test();
-    qvMethodRegistryResetForTest();
-    qvAgentHooks = QVAgentHooks{};
-    qv_agent_reset_for_test();
+    resetWholeAgent();
 }
 
 #endif

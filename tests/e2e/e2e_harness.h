@@ -39,6 +39,7 @@
 #include "foundation/qvlb_atomic.h"
 #include "mm/QVMethodMonitor.h"
 #include "sdk/qv_sdk.h"
+#include "support/agent_reset.h"
 #include "tool/QVClientManager.h"
 #include "support/temp_home.h"
 
@@ -250,30 +251,9 @@ inline void startAgent() {
     qv_init_internal(0);
 }
 
-// Stops every agent thread and releases what the agent keeps for the life of the process, so the
-// leak check at exit (sanitizer builds) sees only real leaks.
+// Stops every agent thread and releases what the agent keeps for the life of the process.
 inline void stopAgent() {
-    qv_agent_shutdown();
-    qv_data_dispatcher_reset_for_test();
-    nio_data_dispatcher_reset_for_test();
-    monitor_reporter_reset_for_test();
-    control_thread_reset_for_test();
-    server_reset_for_test();
-    qvc_server_config_reset_for_test();
-    qvClientManagerResetForTest();
-    qv_sdk_reset_for_test();
-    qvMethodMonitorResetForTest();
-    qvBackendMonitorResetForTest();
-    qvBTMonitorResetForTest();
-    qvSQLProcessorResetForTest();
-    qvbt_manager_reset_for_test();
-    qvMonitorDataModelResetForTest();
-    qvMonitorCommonResetForTest();
-    qvFlowpathGeneratorResetForTest();
-    qv_flowpath_pool_reset_for_test();
-    qvMethodRegistryResetForTest();
-    qvAgentHooks = QVAgentHooks{};
-    qv_agent_reset_for_test();
+    resetWholeAgent();
 }
 
 inline bool testRunning() {

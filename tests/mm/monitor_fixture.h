@@ -29,6 +29,7 @@
 #include "foundation/qvlb_fault.h"
 #include "mm/QVMethodMonitor.h"
 #include "mm/mm_module.h"
+#include "support/agent_reset.h"
 #include "support/temp_home.h"
 
 class MonitorFixture : public ::testing::Test {
@@ -53,15 +54,7 @@ class MonitorFixture : public ::testing::Test {
     }
     void TearDown() override {
         qvlb_fault_reset();
-        qvMethodMonitorResetForTest();
-        qvBackendMonitorResetForTest();
-        qvSQLProcessorResetForTest();
-        qvbt_manager_reset_for_test();
-        qvMonitorDataModelResetForTest();
-        qvMonitorCommonResetForTest();
-        qvMethodRegistryResetForTest();
-        qv_flowpath_pool_reset_for_test();
-        qv_agent_reset_for_test();
+        resetWholeAgent();
         home_.reset();
     }
     QVPerThreadData_t* take() {

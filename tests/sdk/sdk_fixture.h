@@ -33,6 +33,7 @@
 #include "foundation/qvlb_fault.h"
 #include "mm/QVMethodMonitor.h"
 #include "sdk/qv_sdk.h"
+#include "support/agent_reset.h"
 #include "support/temp_home.h"
 
 inline std::string readFile(const std::string& path) {
@@ -67,28 +68,10 @@ class SdkFixture : public ::testing::Test {
     }
     void TearDown() override {
         qvlb_fault_reset();
-        if (agentStarted_) {
-            qv_agent_shutdown();
-            qv_data_dispatcher_reset_for_test();
-            afterDataStop();
-            control_thread_reset_for_test();
-            server_reset_for_test();
-            qvc_server_config_reset_for_test();
-        }
-        qv_sdk_reset_for_test();
-        if (agentStarted_) {
-            qvMethodMonitorResetForTest();
-            qvBackendMonitorResetForTest();
-            qvSQLProcessorResetForTest();
-            qvbt_manager_reset_for_test();
-            qvMonitorDataModelResetForTest();
-            qvMonitorCommonResetForTest();
-            qvFlowpathGeneratorResetForTest();
-            qv_flowpath_pool_reset_for_test();
-            qvMethodRegistryResetForTest();
-            qvAgentHooks = QVAgentHooks{};
-            qv_agent_reset_for_test();
-        }
+        if (agentStarted_)
+            resetWholeAgent([this] { afterDataStop(); });
+        else
+            qv_sdk_reset_for_test();
         home_.reset();
     }
     // Runs once the agent's threads stopped, before the collector settings are freed.

@@ -1,0 +1,48 @@
+#include "support/agent_reset.h"
+
+#include "backend/QVBackendMonitor.h"
+#include "bt/QVBTManager.h"
+#include "bt/QVBTMonitor.h"
+#include "bt/QVMonitorCommon.h"
+#include "bt/QVMonitorDataModel.h"
+#include "codec/qvlb_decode.h"
+#include "collector/NIODataDispatcher.h"
+#include "collector/QVCServerConfig.h"
+#include "collector/QVDataDispatcher.h"
+#include "collector/QVMonitorReporter.h"
+#include "collector/Server.h"
+#include "collector/control_thread.h"
+#include "core/qv_agent.h"
+#include "flowpath/QVFlowpathGenerator.h"
+#include "flowpath/QVMethodHashMap.h"
+#include "flowpath/QVPerThreadData.h"
+#include "flowpath/QVSQLProcessor.h"
+#include "mm/QVMethodMonitor.h"
+#include "sdk/qv_sdk.h"
+#include "tool/QVClientManager.h"
+
+void resetWholeAgent(const std::function<void()>& afterDataStop) {
+    qvlb_decode_reset_for_test();
+    qv_agent_shutdown();
+    qv_data_dispatcher_reset_for_test();
+    if (afterDataStop) afterDataStop();
+    nio_data_dispatcher_reset_for_test();
+    monitor_reporter_reset_for_test();
+    control_thread_reset_for_test();
+    server_reset_for_test();
+    qvc_server_config_reset_for_test();
+    qvClientManagerResetForTest();
+    qv_sdk_reset_for_test();
+    qvMethodMonitorResetForTest();
+    qvBackendMonitorResetForTest();
+    qvBTMonitorResetForTest();
+    qvSQLProcessorResetForTest();
+    qvbt_manager_reset_for_test();
+    qvMonitorDataModelResetForTest();
+    qvMonitorCommonResetForTest();
+    qvFlowpathGeneratorResetForTest();
+    qv_flowpath_pool_reset_for_test();
+    qvMethodRegistryResetForTest();
+    qvAgentHooks = QVAgentHooks{};
+    qv_agent_reset_for_test();
+}
