@@ -17,22 +17,12 @@
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_fault.h"
 #include "foundation/qvlb_mutex.h"
+#include "support/agent_reset.h"
 #include "support/temp_home.h"
 
 template <class... T>
 std::vector<long long> ints(T... v) {
     return {static_cast<long long>(v)...};
-}
-
-// Everything queued for the data connection so far, in order: the buffers waiting to be sent,
-// then the current one.
-inline std::string queuedRecords() {
-    QVLockGuard w(qv_load_acquire(bufferWriteLock));
-    QVLockGuard m(qv_load_acquire(bufferMoveLock));
-    std::string out;
-    for (nioSettings_t* n = readList; n != nullptr; n = n->next) out.append(n->buff, n->use_len);
-    if (QVBCIAgentBB != nullptr) out.append(QVBCIAgentBB->buff, QVBCIAgentBB->use_len);
-    return out;
 }
 
 inline int countOf(const std::string& hay, const std::string& needle) {

@@ -17,6 +17,8 @@
 #include "flowpath/QVMethodHashMap.h"
 #include "flowpath/QVPerThreadData.h"
 #include "flowpath/QVSQLProcessor.h"
+#include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_mutex.h"
 #include "mm/QVMethodMonitor.h"
 #include "sdk/qv_sdk.h"
 #include "tool/QVClientManager.h"
@@ -45,4 +47,13 @@ void resetWholeAgent(const std::function<void()>& afterDataStop) {
     qvMethodRegistryResetForTest();
     qvAgentHooks = QVAgentHooks{};
     qv_agent_reset_for_test();
+}
+
+std::string queuedRecords() {
+    QVLockGuard w(qv_load_acquire(bufferWriteLock));
+    QVLockGuard m(qv_load_acquire(bufferMoveLock));
+    std::string out;
+    for (nioSettings_t* n = readList; n != nullptr; n = n->next) out.append(n->buff, n->use_len);
+    if (QVBCIAgentBB != nullptr) out.append(QVBCIAgentBB->buff, QVBCIAgentBB->use_len);
+    return out;
 }

@@ -32,6 +32,7 @@
 #include "foundation/qvlb_util.h"
 #include "mm/QVMethodMonitor.h"
 #include "sdk/qv_modules.h"
+#include "support/agent_reset.h"
 #include "support/loopback_peer.h"
 #include "support/temp_home.h"
 #include "tool/tool_module.h"
@@ -114,14 +115,7 @@ class ClientManagerTest : public ::testing::Test {
         qv_store(app_->Server.controlCommunicationBusyFlag, 1);
     }
 
-    static std::string dispatched() {
-        QVLockGuard w(qv_load_acquire(bufferWriteLock));
-        QVLockGuard m(qv_load_acquire(bufferMoveLock));
-        std::string out;
-        for (nioSettings_t* n = readList; n != nullptr; n = n->next) out.append(n->buff, n->use_len);
-        if (QVBCIAgentBB != nullptr) out.append(QVBCIAgentBB->buff, QVBCIAgentBB->use_len);
-        return out;
-    }
+    static std::string dispatched() { return queuedRecords(); }
 
     // Sends one request through the command handler and returns what it answered on the control
     // connection (up to and including the completion line).
