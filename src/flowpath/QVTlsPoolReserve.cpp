@@ -49,11 +49,7 @@ Reserve& reserve() {
 // Takes r.lock if it comes free within a short spin. Application threads never sleep on it: the
 // reserve's thread runs at a lower priority and could keep them waiting.
 bool lockBriefly(std::unique_lock<std::mutex>& lk) {
-    for (int round = 0; round < 32; round++) {
-        if (lk.try_lock()) return true;
-        for (int i = 0; i < (1 << (round < 6 ? round : 6)); i++) qvlb_cpu_relax();
-    }
-    return false;
+    return qvlb_spin_try([&] { return lk.try_lock(); }, 32);
 }
 
 bool build(QVTlsPreparedBlock* b) {

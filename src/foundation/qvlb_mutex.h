@@ -17,6 +17,17 @@ inline void qvlb_cpu_relax() {
 #endif
 }
 
+// Calls tryLock() up to rounds times with growing pauses between attempts; true once it succeeded.
+template <class TryLock>
+bool qvlb_spin_try(TryLock tryLock, int rounds) {
+    for (int round = 0; round < rounds; round++) {
+        if (tryLock()) return true;
+        const int pauses = 1 << (round < 6 ? round : 6);
+        for (int i = 0; i < pauses; i++) qvlb_cpu_relax();
+    }
+    return false;
+}
+
 // Takes a lock by calling tryLock() with growing pauses between attempts (about 50 to 150 us in
 // all) and then block() once. The agent's critical sections last well under a microsecond, and
 // a waiter that goes to sleep can take milliseconds to be woken again on a busy or virtual
@@ -24,12 +35,7 @@ inline void qvlb_cpu_relax() {
 // moment later.
 template <class TryLock, class Block>
 void qvlb_spin_then_block(TryLock tryLock, Block block) {
-    for (int round = 0; round < 64; round++) {
-        if (tryLock()) return;
-        const int pauses = 1 << (round < 6 ? round : 6);
-        for (int i = 0; i < pauses; i++) qvlb_cpu_relax();
-    }
-    block();
+    if (!qvlb_spin_try(tryLock, 64)) block();
 }
 
 // Locks an APR mutex through qvlb_spin_then_block. Null does nothing.
