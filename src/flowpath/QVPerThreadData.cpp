@@ -199,7 +199,13 @@ QVPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt) {
     int proxyMode = tlsPoolProxyMode();
     bool forwardsOnly = tlsPoolForwardsOnly();
     QVTlsPreparedBlock prepared;
-    if (!qvTlsPoolReserveTake(&prepared)) {
+    bool haveBlock = qvTlsPoolReserveTake(&prepared);
+    if (haveBlock && prepared.withLocks == forwardsOnly) {
+        // Prepared before the proxy mode changed: its records have the wrong set of locks.
+        qvTlsPreparedBlockDiscard(&prepared);
+        haveBlock = false;
+    }
+    if (!haveBlock) {
         prepared = QVTlsPreparedBlock{};
         prepared.pool = static_cast<QVPerThreadData_t*>(
             qvlb_calloc(sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK, kPoolPurpose, -1));
