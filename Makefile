@@ -6,7 +6,7 @@ TSAN      ?= build-tsan
 BENCHDIR  ?= build-bench
 CTEST_ARGS ?= --output-on-failure -j$(JOBS)
 
-.PHONY: all setup build test test-release test-asan tsan bench demo clean format fuzz fuzz-build
+.PHONY: all setup build test test-release test-asan test-tsan tsan bench demo clean format fuzz fuzz-build
 
 all: build
 
@@ -17,8 +17,9 @@ build: setup
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
 	cmake --build $(BUILD) -j$(JOBS)
 
-# Release build with every test, then the same suite under AddressSanitizer+UBSan.
-test: setup test-release test-asan
+# Release build with every test, the same suite under AddressSanitizer+UBSan, then the
+# concurrency suites under ThreadSanitizer.
+test: setup test-release test-asan test-tsan
 
 test-release:
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=Release
@@ -32,7 +33,9 @@ test-asan:
 		ctest $(CTEST_ARGS) -E 'exported_symbols|layering'
 
 # The concurrency tests (suites named *Concurrency) under ThreadSanitizer.
-tsan: setup
+tsan: setup test-tsan
+
+test-tsan:
 	cmake -S . -B $(TSAN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQV_SANITIZE=thread
 	cmake --build $(TSAN) -j$(JOBS)
 	cd $(TSAN) && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest $(CTEST_ARGS) -R Concurrency
