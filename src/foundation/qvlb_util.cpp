@@ -83,12 +83,6 @@ int qvlb_mkdir_p(const char* dir) {
     return 0;
 }
 
-const char* qvlb_basename(const char* path) {
-    if (path == nullptr) return "";
-    const char* slash = strrchr(path, '/');
-    return slash ? slash + 1 : path;
-}
-
 apr_status_t qvlb_thread_create(apr_thread_t** thread, apr_thread_start_t func, void* data, apr_pool_t* pool,
                                 char* err_buf, int err_len) {
     if (thread != nullptr) *thread = nullptr;

@@ -33,9 +33,6 @@ char* qvlb_get_cur_date_time(char* buf, int len);
 // Creates dir and all missing parents (mode 0755). 0 on success (also when it exists), -1 on error.
 int qvlb_mkdir_p(const char* dir);
 
-// The part of path after its last '/'.
-const char* qvlb_basename(const char* path);
-
 // Starts a detached-by-default joinable APR thread running func(data) from pool (control_pool
 // when null). On failure writes APR's error text into err_buf (err_len bytes) and returns the
 // status; *thread is then null.

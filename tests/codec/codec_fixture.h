@@ -1,5 +1,5 @@
 // Shared by the codec tests: an agent started as the SDK starts it, without its control thread
-// (no collector answers here), and the reset of every module it started.
+// (no collector answers here); resetWholeAgent() undoes it.
 #ifndef QV_TESTS_CODEC_FIXTURE_H
 #define QV_TESTS_CODEC_FIXTURE_H
 
@@ -9,24 +9,15 @@
 #include <memory>
 #include <string>
 
-#include "backend/QVBackendMonitor.h"
-#include "bt/QVBTManager.h"
-#include "bt/QVMonitorCommon.h"
-#include "bt/QVMonitorDataModel.h"
 #include "codec/codec_module.h"
 #include "codec/qvlb_decode.h"
 #include "collector/QVCServerConfig.h"
 #include "collector/QVDataDispatcher.h"
-#include "collector/Server.h"
-#include "collector/control_thread.h"
 #include "core/qv_agent.h"
 #include "flowpath/QVFlowpathGenerator.h"
-#include "flowpath/QVMethodHashMap.h"
 #include "flowpath/QVPerThreadData.h"
-#include "flowpath/QVSQLProcessor.h"
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_hashmap.h"
-#include "mm/QVMethodMonitor.h"
 #include "sdk/qv_sdk.h"
 #include "support/agent_reset.h"
 #include "support/loopback_peer.h"
@@ -54,10 +45,6 @@ inline void startDataThread(QVProxyInstance_t* app) {
     qv_store(app->Server.testRunRunning, 1);
     qv_store(app->Server.retryForDataConn, 1);
     ASSERT_EQ(check_data_thread(), 0);
-}
-
-inline void resetAgentModules() {
-    resetWholeAgent();
 }
 
 #endif

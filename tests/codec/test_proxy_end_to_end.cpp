@@ -93,29 +93,17 @@ int countEnds(const std::string& records) {
     return n;
 }
 
-// Starts path with args and the environment plus extra; stdout goes to outFd when >= 0.
-pid_t spawn(const std::string& path, std::vector<std::string> args, const std::vector<std::string>& extraEnv,
-            int outFd) {
-    std::vector<std::string> env;
-    for (char** e = environ; *e != nullptr; ++e) {
-        std::string kv = *e;
-        const std::string key = kv.substr(0, kv.find('='));
-        bool replaced = false;
-        for (const std::string& x : extraEnv) replaced = replaced || x.rfind(key + "=", 0) == 0;
-        if (!replaced) env.push_back(kv);
-    }
-    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
+// Starts path with args and this process's environment; stdout goes to outFd when >= 0.
+pid_t spawn(const std::string& path, std::vector<std::string> args, int outFd) {
     args.insert(args.begin(), path);
-    std::vector<char*> argv, envp;
+    std::vector<char*> argv;
     for (std::string& s : args) argv.push_back(s.data());
     argv.push_back(nullptr);
-    for (std::string& s : env) envp.push_back(s.data());
-    envp.push_back(nullptr);
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
     if (outFd >= 0) posix_spawn_file_actions_adddup2(&fa, outFd, STDOUT_FILENO);
     pid_t pid = -1;
-    if (posix_spawn(&pid, path.c_str(), &fa, nullptr, argv.data(), envp.data()) != 0) pid = -1;
+    if (posix_spawn(&pid, path.c_str(), &fa, nullptr, argv.data(), environ) != 0) pid = -1;
     posix_spawn_file_actions_destroy(&fa);
     return pid;
 }
@@ -145,13 +133,6 @@ int waitExit(pid_t pid, int timeoutMs) {
     return -1;
 }
 
-// The tool keeps the agent's process-lifetime state until it exits; a leak check at its exit
-// (sanitizer builds) would report that state, not a fault of the run.
-std::string proxyAsanOptions() {
-    const char* cur = getenv("ASAN_OPTIONS");
-    return std::string("ASAN_OPTIONS=") + (cur != nullptr ? cur : "") + ":detect_leaks=0";
-}
-
 }  // namespace
 
 // The application process: run by ApplicationTransactionsAreRebuiltByTheProxy with the proxy's
@@ -174,7 +155,7 @@ TEST(ProxyEndToEnd, DISABLED_ApplicationSide) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_NE(qv_load(app->qvcDataSocket), nullptr);
     runScenario();
-    resetAgentModules();
+    resetWholeAgent();
 }
 
 TEST(ProxyEndToEnd, ApplicationTransactionsAreRebuiltByTheProxy) {
@@ -183,14 +164,20 @@ TEST(ProxyEndToEnd, ApplicationTransactionsAreRebuiltByTheProxy) {
     LoopbackPeer collector;
     ASSERT_TRUE(collector.start());
 
-    // The proxy: its data connection is the collector's connection 0.
+    // The proxy, in its own home (QVHOME while it lives): its data connection is the collector's
+    // connection 0. It keeps the agent's process-lifetime state until it exits; a leak check at its
+    // exit (sanitizer builds) would report that state, not a fault of the run.
     auto proxyHome = makeHome();
     int out[2];
     ASSERT_EQ(pipe(out), 0);
+    const char* asan = getenv("ASAN_OPTIONS");
+    const std::string asanBefore = asan != nullptr ? asan : "";
+    setenv("ASAN_OPTIONS", (asanBefore + ":detect_leaks=0").c_str(), 1);
     const pid_t proxy = spawn(tool,
                               {"--port", "0", "--collector", "127.0.0.1:" + std::to_string(collector.port()),
                                "--keywords", "bciInstrSessionPct=100;maxCharInSeqBlob=60"},
-                              {"QVHOME=" + proxyHome->path(), proxyAsanOptions()}, out[1]);
+                              out[1]);
+    setenv("ASAN_OPTIONS", asanBefore.c_str(), 1);
     close(out[1]);
     ASSERT_GT(proxy, 0);
     const int proxyPort = readPort(out[0]);
@@ -199,14 +186,12 @@ TEST(ProxyEndToEnd, ApplicationTransactionsAreRebuiltByTheProxy) {
     ASSERT_TRUE(collector.waitForContains(0, kNewConn, kWaitMs));
 
     // The application in proxy mode.
-    const char* self = "/proc/self/exe";
-    std::vector<char> exe(4096);
-    const ssize_t n = readlink(self, exe.data(), exe.size() - 1);
-    ASSERT_GT(n, 0);
-    const pid_t appPid =
-        spawn(std::string(exe.data(), static_cast<size_t>(n)),
-              {"--gtest_filter=ProxyEndToEnd.DISABLED_ApplicationSide", "--gtest_also_run_disabled_tests"},
-              {"QV_E2E_PROXY_PORT=" + std::to_string(proxyPort)}, -1);
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    setenv("QV_E2E_PROXY_PORT", std::to_string(proxyPort).c_str(), 1);
+    const pid_t appPid = spawn(
+        self, {"--gtest_filter=ProxyEndToEnd.DISABLED_ApplicationSide", "--gtest_also_run_disabled_tests"},
+        -1);
+    unsetenv("QV_E2E_PROXY_PORT");
     ASSERT_GT(appPid, 0);
     EXPECT_EQ(waitExit(appPid, 120000), 0);
 
@@ -243,6 +228,6 @@ TEST(ProxyEndToEnd, ApplicationTransactionsAreRebuiltByTheProxy) {
     qvc_server_arr = nullptr;  // the entry above is not the configuration's to free
     server_arr_size = 0;
     active_qvc_idx = 0;
-    resetAgentModules();
+    resetWholeAgent();
     collector.stop();
 }

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <random>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "codec/codec_fixture.h"
@@ -39,6 +40,11 @@ std::string endFrame(long fpi, int status = 200) {
 std::string resetFrame(long fpi) {
     char b[64];
     return frame(buildTransactionResetFrame(b, sizeof(b), fpi), b);
+}
+// The bytes of v as a frame carries it (native order).
+template <class T>
+std::string raw(T v) {
+    return std::string(reinterpret_cast<const char*>(&v), sizeof(T));
 }
 template <class T>
 T at(const std::string& f, size_t off) {
@@ -86,45 +92,19 @@ class Codec : public ::testing::Test {
 }  // namespace
 
 TEST_F(Codec, FrameBytesAndSizes) {
-    const std::string end = endFrame(0x0102030405060708L, 404);
-    ASSERT_EQ(end.size(), 31u);
-    EXPECT_EQ(end[0], '^');
-    EXPECT_EQ(at<int>(end, 1), 12);
-    EXPECT_EQ(at<int>(end, 5), 31);
-    EXPECT_EQ(at<int>(end, 9), 3);
-    EXPECT_EQ(end[13], '|');
-    EXPECT_EQ(at<int>(end, 14), 404);
-    EXPECT_EQ(at<int>(end, 18), 0);  // padding
-    EXPECT_EQ(at<long>(end, 22), 0x0102030405060708L);
-    EXPECT_EQ(end[30], '\n');
-
-    const std::string rst = resetFrame(42);
-    ASSERT_EQ(rst.size(), 23u);
-    EXPECT_EQ(at<int>(rst, 9), 4);
-    EXPECT_EQ(at<long>(rst, 14), 42);
-    EXPECT_EQ(rst[22], '\n');
-
-    const std::string none = entryFrame(5, nullptr);
-    ASSERT_EQ(none.size(), 63u);
-    EXPECT_EQ(at<int>(none, 14 + 32), 0);
-    EXPECT_EQ(at<int>(none, 14 + 36), 0);
-    EXPECT_EQ(at<int>(none, 14 + 40), 0);
-    EXPECT_EQ(none[62], '\n');
-
-    const std::string abc = entryFrame(5, "abc");
-    ASSERT_EQ(abc.size(), 67u);
-    EXPECT_EQ(at<int>(abc, 5), 67);
-    EXPECT_EQ(at<int>(abc, 14 + 32), 4);
-    EXPECT_EQ(abc.substr(62, 3), "abc");
-    EXPECT_EQ(abc[65], '\n');
-    EXPECT_EQ(abc[66], '\0');  // the one filler byte
-
+    // '^', header {header_len 12, total_len, type}, '|', fixed record with zeroed padding, string
+    // bodies, '\n', then one zero filler byte per string present.
+    EXPECT_EQ(endFrame(0x0102030405060708L, 404),
+              "^" + raw(12) + raw(31) + raw(3) + "|" + raw(404) + raw(0) + raw(0x0102030405060708L) + "\n");
+    EXPECT_EQ(resetFrame(42), "^" + raw(12) + raw(23) + raw(4) + "|" + raw(42L) + "\n");
+    const std::string entry = "|" + raw(7) + raw(0) + raw(5L) + raw(11L) + raw(99LL);
+    EXPECT_EQ(entryFrame(5, nullptr),
+              "^" + raw(12) + raw(63) + raw(0) + entry + raw(0) + raw(0) + raw(0) + raw(0) + "\n");
+    EXPECT_EQ(entryFrame(5, "abc"),
+              "^" + raw(12) + raw(67) + raw(0) + entry + raw(4) + raw(0) + raw(0) + raw(0) + "abc\n" + '\0');
     // An empty string is present (L = 1, no body, one filler byte); a null one is not.
-    const std::string empty = entryFrame(5, "", nullptr, "");
-    ASSERT_EQ(empty.size(), 65u);
-    EXPECT_EQ(at<int>(empty, 14 + 32), 1);
-    EXPECT_EQ(at<int>(empty, 14 + 40), 1);
-    EXPECT_EQ(empty[62], '\n');
+    EXPECT_EQ(entryFrame(5, "", nullptr, ""), "^" + raw(12) + raw(65) + raw(0) + entry + raw(1) + raw(0) +
+                                                  raw(1) + raw(0) + "\n" + std::string(2, '\0'));
 }
 
 TEST_F(Codec, OversizedFramesAreRefusedAndCounted) {
@@ -300,38 +280,35 @@ TEST_F(Codec, RoundTripOfRandomFrames) {
         ASSERT_EQ(buf[static_cast<size_t>(len) - 1 - k], '\n');
         ASSERT_EQ(decodeFrameRecord(buf.data() + 14, len - 14, type), 0);
         switch (type) {
-            case 0:
-                EXPECT_EQ(MethodEntry.var.mid, a);
-                EXPECT_EQ(MethodEntry.var.flowpathinstance, fpi);
-                EXPECT_EQ(MethodEntry.var.threadId, c);
-                EXPECT_EQ(MethodEntry.var.startTime, e);
+            case 0: {
+                const MethodEntryVar_t& v = MethodEntry.var;
+                EXPECT_EQ(std::tuple(v.mid, v.flowpathinstance, v.threadId, v.startTime),
+                          std::tuple(a, fpi, c, e));
                 EXPECT_TRUE(same(p[0], MethodEntry.methodName) && same(p[1], MethodEntry.query_string) &&
                             same(p[2], MethodEntry.urlParameter));
                 break;
-            case 1:
-                EXPECT_EQ(MethodExit.var.mid, a);
-                EXPECT_EQ(MethodExit.var.statusCode, b);
-                EXPECT_EQ(MethodExit.var.eventType, a ^ b);
-                EXPECT_EQ(MethodExit.var.isCallout, b & 1);
-                EXPECT_EQ(MethodExit.var.threadId, c);
-                EXPECT_EQ(MethodExit.var.duration, d);
-                EXPECT_EQ(MethodExit.var.flowpathinstance, fpi);
-                EXPECT_EQ(MethodExit.var.cpuTime, c ^ d);
+            }
+            case 1: {
+                const MethodExitVar_t& v = MethodExit.var;
+                EXPECT_EQ(std::tuple(v.mid, v.statusCode, v.eventType, v.isCallout, v.threadId, v.duration,
+                                     v.flowpathinstance, v.cpuTime),
+                          std::tuple(a, b, a ^ b, b & 1, c, d, fpi, c ^ d));
                 EXPECT_TRUE(same(p[0], MethodExit.methodName) && same(p[1], MethodExit.backend_header));
                 break;
-            case 2:
-                EXPECT_EQ(transactionStart.var.qTimeMS, a);
-                EXPECT_EQ(transactionStart.var.flowpathinstance, fpi);
-                EXPECT_EQ(transactionStart.var.startTimeFP, e);
-                EXPECT_TRUE(same(p[0], transactionStart.fp_header) && same(p[1], transactionStart.url) &&
-                            same(p[2], transactionStart.btHeaderValue) &&
-                            same(p[3], transactionStart.qvCookieSet) &&
-                            same(p[4], transactionStart.wbCookieSet) &&
-                            same(p[5], transactionStart.correlationHeader));
+            }
+            case 2: {
+                const transactionStartVar_t& v = transactionStart.var;
+                EXPECT_EQ(std::tuple(v.qTimeMS, v.flowpathinstance, v.startTimeFP),
+                          std::tuple(long{a}, fpi, e));
+                const transactionStart_t& t = transactionStart;
+                EXPECT_TRUE(same(p[0], t.fp_header) && same(p[1], t.url) && same(p[2], t.btHeaderValue) &&
+                            same(p[3], t.qvCookieSet) && same(p[4], t.wbCookieSet) &&
+                            same(p[5], t.correlationHeader));
                 break;
+            }
             case 3:
-                EXPECT_EQ(transactionEnd.statuscode, a);
-                EXPECT_EQ(transactionEnd.flowpathinstance, fpi);
+                EXPECT_EQ(std::tuple(transactionEnd.statuscode, transactionEnd.flowpathinstance),
+                          std::tuple(a, fpi));
                 break;
             default:
                 EXPECT_EQ(transactionReset.flowpathinstance, fpi);
@@ -374,7 +351,7 @@ class DecodeIntoAgent : public ::testing::Test {
     void TearDown() override {
         qvlb_decode_reset_for_test();  // nothing decodes into the map any more
         if (app_ != nullptr) destroy_hashmap(app_->fpi_tls_map);
-        resetAgentModules();
+        resetWholeAgent();
         home_.reset();
     }
     QVPerThreadData_t* lookup(long fpi) {

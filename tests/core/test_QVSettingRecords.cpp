@@ -1,4 +1,5 @@
-// Shared-text helpers and number parsing of the settings records, and a reader racing a writer.
+// Settings records: number parsing, bounded and shared texts, the connection settings' init and BT
+// error table, and a reader racing a writer.
 #include <atomic>
 #include <climits>
 #include <cstring>
@@ -24,20 +25,43 @@ TEST(QVSettingRecords, ParseSaturatesAndStoreTextBounds) {
     EXPECT_EQ(buf[7], '\0');
     qvStoreText(buf, sizeof(buf), nullptr);
     EXPECT_STREQ(buf, "");
-}
 
-TEST(QVSettingRecords, SharedStrReplaceClearAndReset) {
     char* slot = nullptr;
     EXPECT_STREQ(qvSetSharedStr(&slot, "a", "t"), "a");
-    char* first = slot;
-    qvSetSharedStr(&slot, "b", "t");
-    EXPECT_STREQ(first, "a");  // retired, not freed
     EXPECT_EQ(qvSetSharedStr(&slot, nullptr, "t"), nullptr);
     EXPECT_EQ(qvSetSharedStr(nullptr, "x", "t"), nullptr);
     QVSettings.qvMonitorIntervalInSecs = 5;
     qvSettingRecordsReset();
     EXPECT_EQ(QVSettings.qvMonitorIntervalInSecs, 60);
     initQVHttpReqRespCaptureSettings(nullptr);
+}
+
+class QVBCISettings : public AgentHomeTest {};
+
+// Init clears what the settings file gave; shared texts are copied, and a replaced text is retired,
+// not freed.
+TEST_F(QVBCISettings, InitErrorTableAndSharedTexts) {
+    agent_init("pool", 0, "proc", nullptr);
+    QVBCISettingInit();
+    const QVBCISetting_t& b = qvApplication->QVBCISetting;
+    EXPECT_EQ(b.qvcHost, nullptr);
+    EXPECT_EQ(b.tierName, nullptr);
+    for (int status = 0; status < 600; ++status) EXPECT_EQ(b.btErrorArray[status], status < 400 ? 'T' : 'F');
+
+    char tier[] = "first";
+    setTierName(tier);
+    const char* old = getTierName();
+    strcpy(tier, "xxxxx");  // the setting owns its copy
+    EXPECT_STREQ(getTierName(), "first");
+    char second[] = "second";
+    setTierName(second);
+    EXPECT_STREQ(getTierName(), "second");
+    EXPECT_STREQ(old, "first");  // a reader holding the old text can still use it
+    const char* same = getTierName();
+    setTierName(second);  // equal text keeps the copy
+    EXPECT_EQ(getTierName(), same);
+    EXPECT_EQ(setTierName(nullptr), -1);
+    EXPECT_STREQ(getTierName(), "second");
 }
 
 class SharedSettingsConcurrency : public AgentHomeTest {};

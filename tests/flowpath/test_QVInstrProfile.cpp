@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "flowpath/flowpath_fixture.h"
@@ -27,25 +28,16 @@ Parsed parse(std::string_view line) {
     return p;
 }
 
-TEST(InstrProfGrammar, KindsFieldsAndComments) {
+TEST(InstrProfGrammar, KindsFieldsCommentsAndMalformedLines) {
     Parsed p = parse(" entry + monitor | App::handle | Handle \r");
-    ASSERT_EQ(p.rc, 1);
-    EXPECT_EQ(p.e.kinds, QV_PROF_ENTRY | QV_PROF_MONITOR);
-    EXPECT_EQ(p.e.methodName, "App::handle");
-    EXPECT_EQ(p.e.alias, "Handle");
-    EXPECT_TRUE(p.e.target.empty());
+    EXPECT_EQ(std::tuple(p.rc, p.e.kinds, p.e.methodName, p.e.alias, p.e.target),
+              std::tuple(1, QV_PROF_ENTRY | QV_PROF_MONITOR, "App::handle", "Handle", ""));
     p = parse("custom|Cache::get||Redis");
-    ASSERT_EQ(p.rc, 1);
-    EXPECT_EQ(p.e.kinds, QV_PROF_CUSTOM);
-    EXPECT_TRUE(p.e.alias.empty());
-    EXPECT_EQ(p.e.target, "Redis");
+    EXPECT_EQ(std::tuple(p.rc, p.e.kinds, p.e.alias, p.e.target), std::tuple(1, QV_PROF_CUSTOM, "", "Redis"));
     p = parse("db+forceexit+db|PDO::query");
-    ASSERT_EQ(p.rc, 1);
-    EXPECT_EQ(p.e.kinds, QV_PROF_DB | QV_PROF_FORCE_EXIT);
+    EXPECT_EQ(std::tuple(p.rc, p.e.kinds), std::tuple(1, QV_PROF_DB | QV_PROF_FORCE_EXIT));
     for (const char* empty : {"", " \t ", "  # entry|X", "\r"}) EXPECT_EQ(parse(empty).rc, 0) << empty;
-}
 
-TEST(InstrProfGrammar, MalformedLinesGiveTheirReason) {
     const std::vector<std::pair<std::string, std::string>> bad = {
         {"entry", "missing method name"},
         {"entry|", "empty method name"},
@@ -66,16 +58,14 @@ TEST(InstrProfGrammar, MalformedLinesGiveTheirReason) {
         {"entry|App::x\r\r", "non-printable character"},
         {"entry|" + std::string(QV_INSTR_PROF_MAX_LINE, 'm'), "line too long"}};
     for (const auto& [line, reason] : bad) {
-        Parsed p = parse(line);
-        EXPECT_EQ(p.rc, -1) << line;
-        EXPECT_EQ(p.reason, reason) << line;
+        p = parse(line);
+        EXPECT_EQ(std::tuple(p.rc, p.reason), std::tuple(-1, reason)) << line;
     }
     // The longest allowed line is accepted.
     EXPECT_EQ(parse("entry|" + std::string(QV_INSTR_PROF_MAX_LINE - 6, 'm')).rc, 1);
-    QVInstrProfEntry e{};
     const char* reason = nullptr;
     EXPECT_EQ(parseInstrProfLine("entry|x", nullptr, &reason), -1);
-    EXPECT_EQ(parseInstrProfLine("entry|x", &e, nullptr), -1);
+    EXPECT_EQ(parseInstrProfLine("entry|x", &p.e, nullptr), -1);
 }
 
 class ProfileLoad : public AgentTest {
@@ -108,28 +98,20 @@ TEST_F(ProfileLoad, FileLoadsIntoNewGenerationAndSkipsMalformedLines) {
     ASSERT_NE(methodHashMapNode, before);
     EXPECT_EQ(getRetiredMethodHashMapCount(), 1);  // held, so not swept
 
-    methodPropProperties* handle = find("App::handle");
-    ASSERT_NE(handle, nullptr);
+    methodPropProperties *handle = find("App::handle"), *curl = find("Curl::exec"), *pdo = find("PDO::query"),
+                         *cache = find("Cache::get");
+    ASSERT_TRUE(handle && curl && pdo && cache && cache->customCalloutptr && find("App::last"));
     EXPECT_EQ(handle->isEntryPoint, QV_EP_SERVICE | QV_EP_MONITORED);
     EXPECT_STREQ(handle->aliasMethodName, "Handle");
-    methodPropProperties* curl = find("Curl::exec");
-    ASSERT_NE(curl, nullptr);
-    EXPECT_EQ(ints(curl->isEntryPoint, curl->type), ints(QV_EP_CALLOUT, 1));
+    EXPECT_EQ(ints(curl->isEntryPoint, curl->type, pdo->type, pdo->callOutValue),
+              ints(QV_EP_CALLOUT, 1, 2, 1));
     EXPECT_EQ(curl->aliasMethodName, nullptr);
-    methodPropProperties* pdo = find("PDO::query");
-    ASSERT_NE(pdo, nullptr);
-    EXPECT_EQ(ints(pdo->type, pdo->callOutValue), ints(2, 1));
-    methodPropProperties* cache = find("Cache::get");
-    ASSERT_NE(cache, nullptr);
     EXPECT_EQ(cache->isEntryPoint, QV_EP_CUSTOM_CALLOUT | QV_EP_MONITORED);
-    ASSERT_NE(cache->customCalloutptr, nullptr);
     EXPECT_STREQ(cache->customCalloutptr->methodName, "RedisCache");
     EXPECT_STREQ(cache->customCalloutName, "RedisCache");
     EXPECT_EQ(find("RedisCache"), cache->customCalloutptr);
     EXPECT_EQ(find("App::x"), nullptr);
-    ASSERT_NE(find("App::last"), nullptr);
-    // Profile methods are in the new generation's profile map; the old generation lacks them.
-    EXPECT_NE(apr_hash_get(methodHashMapNode->ptr, "PDO::query", APR_HASH_KEY_STRING), nullptr);
+    // The old generation lacks the profile's methods.
     EXPECT_EQ(getMethodPropFromMethodName("PDO::query", before), nullptr);
 
     EXPECT_EQ(MonitorHooks::monitored, (std::vector<std::string>{"App::handle", "Cache::get"}));
@@ -140,8 +122,9 @@ TEST_F(ProfileLoad, FileLoadsIntoNewGenerationAndSkipsMalformedLines) {
     const std::string log = home_->traceLogs();
     EXPECT_NE(log.find("Malformed line 4 of '" + home_->file("prof.conf") + "': unknown kind; line skipped"),
               std::string::npos);
-    EXPECT_NE(log.find("Malformed line 8 of"), std::string::npos);
-    EXPECT_NE(log.find("custom callout without target"), std::string::npos);
+    EXPECT_NE(
+        log.find("Malformed line 8 of '" + home_->file("prof.conf") + "': custom callout without target"),
+        std::string::npos);
 
     // Once the flowpath lets go, the next load sweeps its generation.
     qvDecrementMethodRefCount(fp->hasMapNodePtr);
@@ -172,6 +155,14 @@ TEST_F(ProfileLoad, ReloadIsAdditiveAndReplacesAliases) {
     EXPECT_STREQ(c->customCalloutptr->methodName, "Others");
     EXPECT_STREQ(c->customCalloutName, "Others");
     EXPECT_EQ(find("Far"), nullptr);
+
+    // Filling a given generation (the current one) makes none.
+    home_->write("p.conf", "entry|Direct::one\n");
+    EXPECT_EQ(readingFileInstrProfile(home_->file("p.conf").c_str(), methodHashMapNode), 1);
+    EXPECT_EQ(hashMapForAgent("monitor|Direct::two\nbad\n", 24, nullptr, "text"), 1);
+    EXPECT_EQ(find("Direct::one")->isEntryPoint, QV_EP_SERVICE);
+    EXPECT_EQ(MonitorHooks::monitored.back(), "Direct::two");
+    EXPECT_EQ(getRetiredMethodHashMapCount(), 0);
 }
 
 TEST_F(ProfileLoad, BadFilesLeaveTheRegistryAsItWas) {
@@ -199,15 +190,6 @@ TEST_F(ProfileLoad, BadFilesLeaveTheRegistryAsItWas) {
     EXPECT_EQ(checkAndDeleteNode(), 1);
 }
 
-TEST_F(ProfileLoad, HashMapForAgentFillsAGivenGeneration) {
-    home_->write("p.conf", "entry|Direct::one\n");
-    EXPECT_EQ(readingFileInstrProfile(home_->file("p.conf").c_str(), methodHashMapNode), 1);
-    EXPECT_EQ(hashMapForAgent("monitor|Direct::two\nbad\n", 24, nullptr, "text"), 1);
-    EXPECT_EQ(find("Direct::one")->isEntryPoint, QV_EP_SERVICE);
-    EXPECT_EQ(MonitorHooks::monitored, (std::vector<std::string>{"Direct::two"}));
-    EXPECT_EQ(getRetiredMethodHashMapCount(), 0);
-}
-
 class ProfileStartup : public AgentTest {};
 
 TEST_F(ProfileStartup, DefaultFilesAreLoadedByAgentInit) {
@@ -218,12 +200,10 @@ TEST_F(ProfileStartup, DefaultFilesAreLoadedByAgentInit) {
     ASSERT_NE(DefaultMethod, nullptr);
     EXPECT_EQ(DefaultMethod->methodId, QV_FIRST_METHOD_ID);
     methodPropProperties* d = getMethodPropFromMethodName("Front::dispatch", nullptr);
-    ASSERT_NE(d, nullptr);
-    EXPECT_EQ(d->isEntryPoint, QV_EP_SERVICE);
-    EXPECT_STREQ(d->aliasMethodName, "Dispatch");
     methodPropProperties* q = getMethodPropFromMethodName("mysqli::query", nullptr);
-    ASSERT_NE(q, nullptr);
-    EXPECT_EQ(q->type, 2);
+    ASSERT_TRUE(d && q);
+    EXPECT_EQ(ints(d->isEntryPoint, q->type), ints(QV_EP_SERVICE, 2));
+    EXPECT_STREQ(d->aliasMethodName, "Dispatch");
     // One new generation for both files; the first was swept.
     EXPECT_EQ(getRetiredMethodHashMapCount(), 0);
 }

@@ -59,10 +59,20 @@ class SqlFixture : public ::testing::Test {
 };
 
 TEST_F(SqlFixture, FirstCallSendsDefaultsAndIdsAreStablePerText) {
+    // A null query is not recorded, yet the defaults go out on the first call.
     auto a = transaction(41);
+    dbMethodEntry(a.get(), 1000, nullptr, "db");
+    EXPECT_EQ(queuedRecords(), kDefaults);
+    EXPECT_EQ(ints(a->tlSQLObj.DBCallDepth, QVSQLProcessor.sqlQueryID), ints(0, 5));
+    EXPECT_NE(home_.read("sql_0").find("DB query is coming null, so returning without dumping DB Record  "
+                                       "currentTestrun= 77 LocalTestrun= 3, flowpathInstanceID= 41"),
+              std::string::npos);
     dbMethodEntry(a.get(), 1000, "select 1", "db");
     EXPECT_EQ(queuedRecords(), kDefaults + "22,41,6,select 1\n");
     EXPECT_EQ(sqlObj(*a), ints(1, 6, 1000));
+    // A nested call keeps the outer values.
+    dbMethodEntry(a.get(), 1500, "inner", "db");
+    EXPECT_EQ(sqlObj(*a), ints(2, 6, 1000));
 
     // Same text in another transaction: same id, nothing sent. A comma is stored and sent escaped.
     auto b = transaction(42);
@@ -70,28 +80,12 @@ TEST_F(SqlFixture, FirstCallSendsDefaultsAndIdsAreStablePerText) {
     EXPECT_EQ(b->tlSQLObj.sqlId, 6);
     b->tlSQLObj.DBCallDepth = 0;
     dbMethodEntry(b.get(), 3000, "select a,b from t", "db");
-    EXPECT_EQ(b->tlSQLObj.sqlId, 7);
-    EXPECT_EQ(queuedRecords(), kDefaults + "22,41,6,select 1\n22,42,7,select a&#010;b from t\n");
+    EXPECT_EQ(b->tlSQLObj.sqlId, 8);
+    EXPECT_EQ(queuedRecords(),
+              kDefaults + "22,41,6,select 1\n22,41,7,inner\n22,42,8,select a&#010;b from t\n");
     ASSERT_NE(search_hashmap(QVSQLProcessor.preparedQueryIDLookup, "select a&#010;b from t"), nullptr);
     // Identity is the exact text: case matters.
-    EXPECT_EQ(checkAndProcessQuery("SELECT 1", 0), 8);
-}
-
-TEST_F(SqlFixture, NestedCallKeepsOuterValuesAndNullQueryIsNotRecorded) {
-    auto td = transaction(55);
-    dbMethodEntry(td.get(), 1000, nullptr, "db");
-    // The defaults still go out on the first call; the null query changes nothing.
-    EXPECT_EQ(queuedRecords(), kDefaults);
-    EXPECT_EQ(td->tlSQLObj.DBCallDepth, 0);
-    EXPECT_EQ(QVSQLProcessor.sqlQueryID, 5);
-    EXPECT_NE(home_.read("sql_0").find("DB query is coming null, so returning without dumping DB Record  "
-                                       "currentTestrun= 77 LocalTestrun= 3, flowpathInstanceID= 55"),
-              std::string::npos);
-
-    dbMethodEntry(td.get(), 1000, "outer", "db");
-    dbMethodEntry(td.get(), 1500, "inner", "db");
-    EXPECT_EQ(sqlObj(*td), ints(2, 6, 1000));
-    EXPECT_EQ(queuedRecords(), kDefaults + "22,55,6,outer\n22,55,7,inner\n");
+    EXPECT_EQ(checkAndProcessQuery("SELECT 1", 0), 9);
 }
 
 TEST_F(SqlFixture, MetaRecordIsCutAfterTheAreaWithItsZeroByte) {

@@ -23,7 +23,8 @@ std::string key(int i) {
 
 }  // namespace
 
-TEST(Lfmap, OperationsGrowthAndKeyCopy) {
+// Growth is exercised by the concurrency test below.
+TEST(Lfmap, OperationsAndKeyCopy) {
     EXPECT_EQ(qvlb_lfmap_get(nullptr, "a"), nullptr);
     EXPECT_EQ(qvlb_lfmap_put(nullptr, "a", val(1), nullptr), -1);
     EXPECT_EQ(qvlb_lfmap_put_if_absent(nullptr, "a", val(1), nullptr), nullptr);
@@ -47,12 +48,6 @@ TEST(Lfmap, OperationsGrowthAndKeyCopy) {
     EXPECT_EQ(qvlb_lfmap_get(m, ""), val(4));
     EXPECT_EQ(qvlb_lfmap_count(m), 2u);
 
-    // Many growths: every key stays reachable with its value.
-    for (int i = 0; i < 5000; ++i) ASSERT_EQ(qvlb_lfmap_put(m, key(i).c_str(), val(i + 10), nullptr), 0);
-    EXPECT_EQ(qvlb_lfmap_count(m), 5002u);
-    for (int i = 0; i < 5000; ++i) ASSERT_EQ(qvlb_lfmap_get(m, key(i).c_str()), val(i + 10)) << i;
-    EXPECT_EQ(qvlb_lfmap_get(m, "/shop/item/5000"), nullptr);
-
     std::map<std::string, intptr_t> seen;
     qvlb_lfmap_foreach(
         m,
@@ -60,9 +55,7 @@ TEST(Lfmap, OperationsGrowthAndKeyCopy) {
             (*static_cast<std::map<std::string, intptr_t>*>(ctx))[kk] = reinterpret_cast<intptr_t>(v);
         },
         &seen);
-    EXPECT_EQ(seen.size(), 5002u);
-    EXPECT_EQ(seen["a"], 2);
-    EXPECT_EQ(seen[key(4999)], 5009);
+    EXPECT_EQ(seen, (std::map<std::string, intptr_t>{{"", 4}, {"a", 2}}));
     qvlb_lfmap_destroy(m);
 }
 

@@ -1,5 +1,5 @@
-// Utilities: clock, environment, base names, directories, threads and interruptible sleep (the date
-// text is checked through the trace-log file names of the core tests).
+// Utilities: clock, environment, directories, threads and interruptible sleep (the date text is
+// checked through the trace-log file names of the core tests).
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -14,7 +14,7 @@
 
 namespace {
 
-TEST(Util, ClockEnvAndBasename) {
+TEST(Util, ClockAndEnv) {
     EXPECT_LE(std::llabs(my_gettimeofday() / 1000 - static_cast<long long>(time(nullptr))), 2);
 
     char buf[8] = "keep";
@@ -23,10 +23,6 @@ TEST(Util, ClockEnvAndBasename) {
     EXPECT_STREQ(buf, "keep");
     setenv("QVLB_TEST_VAR", "/opt/quovix/home", 1);
     EXPECT_STREQ(qvlb_get_env_var_value("QVLB_TEST_VAR", buf, sizeof(buf)), "/opt/qu");  // cut to the buffer
-    EXPECT_EQ(qvlb_get_env_var_value(nullptr, buf, sizeof(buf)), nullptr);
-    EXPECT_STREQ(qvlb_basename("/a/b/c.cpp"), "c.cpp");
-    EXPECT_STREQ(qvlb_basename("c.cpp"), "c.cpp");
-    EXPECT_STREQ(qvlb_basename(nullptr), "");
 }
 
 TEST(Util, MkdirCreatesParents) {
@@ -58,8 +54,7 @@ TEST(Util, ThreadCreateSleepAndFault) {
     EXPECT_EQ(flag.load(), 1);
     qvlb_fault_arm(QV_FAULT_THREAD_CREATE, 0, 1);
     EXPECT_NE(qvlb_thread_create(&t, set_flag, &flag, nullptr, err, sizeof(err)), APR_SUCCESS);
-    EXPECT_EQ(t, nullptr);
-    EXPECT_NE(err[0], '\0');
+    EXPECT_TRUE(t == nullptr && err[0] != '\0');
     qvlb_fault_reset();
 
     int stop = 1;

@@ -200,28 +200,6 @@ TEST_F(SdkEndToEnd, TransactionWithMethodsDatabaseAndNestedHttpCallouts) {
         EXPECT_TRUE(logHas(re)) << re;
 }
 
-TEST_F(SdkEndToEnd, NotCapturedFlowpathKeepsCalloutsAndIsWrittenBecauseSlow) {
-    qv_store(app_->QVSys.bciInstrSessionPct, 0);
-    connect();
-    char bt[] = "/nc/a", m[] = "M", host[] = "h1", url[] = "/u";
-    qvBTHandle h = qv_bt_begin(bt, nullptr);
-    ASSERT_NE(h, nullptr);
-    EXPECT_EQ(static_cast<QVPerThreadData_t*>(h)->tlIsFPCaptured, 0);
-    qv_method_entry(h, m);
-    qvIPCallOutHandle ip = qv_ip_http_callout_begin(h, host, url);
-    EXPECT_EQ(qv_ip_http_callout_end(h, ip), 0);
-    qv_method_exit(h, m);
-    EXPECT_EQ(qv_bt_end(h), 0);
-    // Methods are not written; the pseudo-method (forced) and the callout are. The start time of 0
-    // makes the duration the wall clock, so the flowpath is very slow (12) and kept.
-    expectRecords(
-        "7,2,/nc/a\n"
-        "5,M,2\n"
-        "5,h1,3\n"
-        "2,1001,0,1,1.1,2,/nc/a,,0,0,0,,0,0\n"
-        "4,1001,200,12,0,{T},2,0,1:0_0_{T}__T2:3:{D}:1:0:{T}_1:0_1_{T}_0___\n");
-}
-
 TEST_F(SdkEndToEnd, ExcludedFlowpathWritesNothingOrIsMarkedDiscarded) {
     char rules[] = "7|Excl|3|1|/excluded|1\n";
     qvbt_read_rule_file(rules);
@@ -254,34 +232,6 @@ TEST_F(SdkEndToEnd, ExcludedFlowpathWritesNothingOrIsMarkedDiscarded) {
         "3,1003,T1:3:{D}:1:0:{T}_\n"
         "3,1003,T2:3:{D}:1:0:{T}_\n"
         "4,1003,-99,157,0,{T},0,0,\n");
-}
-
-TEST_F(SdkEndToEnd, ForcedAndChainedFlowpaths) {
-    qv_store(app_->QVSys.bciInstrSessionPct, 0);
-    connect();
-    // qv_bt_begin passes no flowpath string: the engine's entry is used directly.
-    char forced[] = "123F", chained[] = "5000_6000_3.4", u1[] = "/f/a", u2[] = "/c/a", m[] = "M";
-    auto* f = static_cast<QVPerThreadData_t*>(
-        startFP(forced, u1, nullptr, nullptr, nullptr, nullptr, nullptr, 0, 0));
-    ASSERT_NE(f, nullptr);
-    qv_method_entry(f, m);
-    qv_method_exit(f, m);
-    EXPECT_EQ(qv_bt_end(f), 0);
-    // Not sampled (0 %) and not forced: only the pseudo-method, written because slow.
-    auto* c = static_cast<QVPerThreadData_t*>(
-        startFP(chained, u2, nullptr, nullptr, nullptr, nullptr, nullptr, 0, 0));
-    ASSERT_NE(c, nullptr);
-    qv_method_entry(c, m);
-    qv_method_exit(c, m);
-    EXPECT_EQ(qv_bt_end(c), 0);
-    expectRecords(
-        "7,2,/f/a\n"
-        "5,M,2\n"
-        "2,123F,0,1,1.1,2,/f/a,,0,0,0,,0,0\n"
-        "4,123F,200,12,0,{T},2,0,1:0_0_{T}__2:0_0_{T}__2:0_1_0_0___1:0_1_{T}_0___\n"
-        "7,3,/c/a\n"
-        "2,1001:5000:6000,0,2,3.4.1,3,/c/a,,0,0,0,,0,0\n"
-        "4,1001,200,12,0,{T},3,0,1:0_0_{T}__1:0_1_{T}_0___\n");
 }
 
 TEST_F(SdkEndToEnd, Status500MakesLaterCalloutsErrorsAndUnbalancedEndsWriteTwice) {
@@ -346,18 +296,6 @@ TEST_F(SdkConcurrency, ManyThreadsRunTransactionsAndEveryRecordArrivesWellFormed
     }
     for (auto& th : threads) th.join();
     ASSERT_EQ(started.load(), kThreads * kTx);  // the pool grows: nobody is refused
-
-    // The SDK log lines of all threads are whole: none mixed with another.
-    const std::regex logLine(
-        R"(\d{2}-[A-Z][a-z]{2}-\d{2} \d{2}:\d{2}:\d{2} \|\d+ \|(DEBUG|INFO|WARNING|CRITICAL|ERROR) \|\w+ : \d+ \|[^|]*)");
-    int begins = 0;
-    std::vector<std::string> logLines = splitLines(log());
-    ASSERT_FALSE(logLines.empty());
-    for (size_t i = 1; i < logLines.size(); ++i) {
-        EXPECT_TRUE(std::regex_match(logLines[i], logLine)) << logLines[i];
-        if (logLines[i].find("|Method Called, bt_name = [/conc/b") != std::string::npos) ++begins;
-    }
-    EXPECT_EQ(begins, kThreads * kTx);
 
     peer_.waitFor(
         [&] {
