@@ -183,14 +183,15 @@ BTObject* get_obj_from_bt_name(const char* url, const char* query, const char* b
     const bool headerNaming = hdr != nullptr && hdr->headerValue[0] != '\0';
     if (headerNaming && btHeaderValue != nullptr) {
         snprintf(name, 129, "%s", btHeaderValue);
-    } else if (headerNaming || qv_load_acquire(trie_node) == nullptr) {
+    } else if (headerNaming || !qvbt_custom_naming()) {
         // A header rule without the header's value falls back to the global rule.
         if (qvbt_execute_global_rule(url, nullptr, nullptr, nullptr, name, sizeof(name)) == nullptr)
             snprintf(name, sizeof(name), "Others");
         name[128] = '\0';
         QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Updated btName is:%s", name);
     } else {
-        qvbt_execute_custom_rule(url, query, nullptr, name, 129);
+        // Neither the query nor the method reaches the custom rules on this path.
+        qvbt_execute_custom_rule(url, nullptr, nullptr, name, 129);
     }
     QVLockGuard guard(lock);
     return updateBTObject(name);
