@@ -300,7 +300,8 @@ int parse_header_rule(char* line) {
     QVLockGuard guard(qvbt_rule_lock());
     QVBTHeaderBasedRule* old = qv_load_acquire(header_rule);
     qv_store_release(header_rule, rule);
-    qvbt_retire(old, qvbt_free_rule_record);
+    // getBTHeaderName hands out the record's name, so it outlives any read guard.
+    qvbt_retire_until_reset(old, qvbt_free_rule_record);
     return 0;
 }
 
@@ -596,6 +597,7 @@ int qvbt_read_rule_file(char* source) {
     qv_store_release(bt_rule, rule);
     QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info", "After btrule file parsing, applicable bt rule = %d.",
                 rule);
+    qvbt_reclaim();
     return 0;
 }
 

@@ -222,6 +222,7 @@ int qvlb_init_automaton(qvlbTrie** trie, QVBTCustomRule* rule) {
 }
 
 bool qvbt_custom_naming() {
+    QVBTRuleReadGuard reading;
     const qvlbTrie* t = qv_load_acquire(trie_node);
     return t != nullptr && t->ruleMode != 0;
 }
