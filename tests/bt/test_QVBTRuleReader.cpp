@@ -42,8 +42,7 @@ TEST_F(RuleReader, PassesSizeBeforePatternsAndPatternsWinOverGlobalRule) {
 
     // The size line comes after the patterns and still sizes the automaton.
     readRules("7|P1|5|0|/p1|0\n1|2|n|d|FromFirst|1|-|-|-\n5|300\n4|-3\n3|whatever\n8|m|x\n11|body\n");
-    EXPECT_EQ(bt_rule, 7);
-    ASSERT_NE(stateMachine, nullptr);
+    ASSERT_EQ(bt_rule, 7);
     EXPECT_EQ(stateMachine->max_state, 300);
     EXPECT_EQ(global_rule->rule_mode, 4);  // still the default: pass 3 does not run
     EXPECT_EQ(skipCount, 0);               // negative skip taken as 0
@@ -85,13 +84,11 @@ TEST_F(RuleReader, PatternLines) {
     char mode3[] = "7|a|3|0|/a|0|3|p=1";
     EXPECT_EQ(parse_pattern_rule(mode3, &first), -1);
     EXPECT_NE(log().find("num_fields = 8 is equal to 8 but less than 9"), std::string::npos);
-    EXPECT_EQ(first, 1);
     // A pattern the automaton refuses still makes its BT, and pattern naming is in force.
     readRules("7|a|3|0|/a\x01|0\n7|b|4|0\n");
     EXPECT_EQ(bt_rule, 7);
     BTObject* a = find_bt_obj_in_manager_map("a");
-    ASSERT_NE(a, nullptr);
-    EXPECT_EQ(a->bt_id, 3);
+    ASSERT_TRUE(a != nullptr && a->bt_id == 3);
     EXPECT_EQ(QVBTMonitor.aggBTDataArr[3].tlBTObj, a);
     EXPECT_EQ(btName("/a"), "Others");
     // Parameter mode: URL, anything, parameter text, anything.
@@ -101,8 +98,7 @@ TEST_F(RuleReader, PatternLines) {
 }
 
 TEST_F(RuleReader, ThresholdLines) {
-    EXPECT_EQ(qvbt_read_threshold_file(nullptr), -1);
-    EXPECT_EQ(readThresholds(""), -1);
+    EXPECT_EQ(ints(qvbt_read_threshold_file(nullptr), readThresholds("")), ints(-1, -1));
     readThresholds("ALL|100|100\r\nALL|0|50\nx|1\n#ALL|1|2\n/ok|5|6\r\n/bad|9|8\n/neg|-1|5\nall|70|90\r\n");
     EXPECT_EQ(ints(allSlow, allVerySlow), ints(70, 90));
     const std::string l = log();
@@ -110,8 +106,7 @@ TEST_F(RuleReader, ThresholdLines) {
          {"Invalid values: slow '100' >= very slow '100'", "Invalid value(s): slow '0', very slow '50'",
           "Invalid threshold line = 'x|1', num_fields = 2"})
         EXPECT_NE(l.find(m), std::string::npos) << m;
-    BTObject* ok = find_bt_obj_in_config_map("/ok", -1, 1, 2);
-    EXPECT_EQ(thresholds(ok), ints(5, 6));
+    EXPECT_EQ(thresholds(find_bt_obj_in_config_map("/ok", -1, 1, 2)), ints(5, 6));
     EXPECT_EQ(find_bt_obj_in_manager_map("/ok"), nullptr);
     EXPECT_EQ(find_bt_obj_in_config_map("/bad", -1, 1, 2)->bt_threshold.slow, 1);  // made only now
 }

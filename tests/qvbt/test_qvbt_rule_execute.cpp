@@ -86,20 +86,15 @@ TEST_F(RuleExecute, SegmentNumbersWorkOnACopyAndJoinWithoutSeparator) {
     EXPECT_EQ(run(url), "item");
     r->include_uri_in_name_segment = 1;  // base is the segment cut even in mode 3
     EXPECT_EQ(run(url), "/shopitem");
-    r->uri_seg_no_list[0] = 0;  // an invalid number is skipped
-    r->uri_seg_no_list_length = 1;
-    EXPECT_EQ(run(url), "/shop");
 }
 
-TEST_F(RuleExecute, HeaderPatternAndCustomWithoutAutomaton) {
+TEST_F(RuleExecute, HeaderAndCustomWithoutAutomaton) {
     char out[64] = "keep";
     EXPECT_STREQ(qvbt_execute_header_rule("/a", out, sizeof(out)), "");
     auto* h = static_cast<QVBTHeaderBasedRule*>(qvlb_calloc(sizeof(QVBTHeaderBasedRule), "test", -1));
     strcpy(h->headerValue, "fromHeader");
     header_rule = h;
     EXPECT_STREQ(qvbt_execute_header_rule("/a", out, sizeof(out)), "fromHeader");
-    strcpy(out, "same");
-    EXPECT_STREQ(qvbt_execute_pattern_rule("/a", nullptr, nullptr, nullptr, out, sizeof(out)), "same");
     EXPECT_STREQ(qvbt_execute_custom_rule("/a", nullptr, nullptr, out, sizeof(out)), "others");
 }
 
