@@ -152,45 +152,50 @@ BTObject* qvbt_pattern_bt_obj(int id) {
 BTObject* get_obj_from_bt_name(const char* url, const char* query, const char* btHeaderValue,
                                apr_thread_mutex_t* lock) {
     QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Method called");
-    if (qv_load_acquire(bt_rule) == QVBT_RULE_PATTERN) {
-        // "<url>?<query>" cut at 255 characters; the '?' is there even for an empty query.
-        char text[256];
-        size_t len = 0;
-        for (const char* part : {url, "?", query}) {
-            if (part == nullptr) continue;
-            const size_t n = strnlen(part, sizeof(text) - 1 - len);
-            memcpy(text + len, part, n);
-            len += n;
-        }
-        text[len] = '\0';
-        int id = qvlb_state_machine_get(qv_load_acquire(stateMachine), text, static_cast<int>(len),
-                                        qv_load(skipCount));
-        if (id == -2) {
-            QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info",
-                        "Pattern rule : Got id = '%d', excluding for complete_url = '%s'", id, text);
-            return nullptr;
-        }
-        if (id < 1) {
-            QV_TRACE_IF(bt_level() > 0, "BT_MON", "Error",
-                        "Pattern rule : Got id = '%d', setting to 1 for complete_url = '%s'", id, text);
-            id = 1;
-        }
-        return qvbt_pattern_bt_obj(id);
-    }
-
     char name[256];
-    const QVBTHeaderBasedRule* hdr = qv_load_acquire(header_rule);
-    const bool headerNaming = hdr != nullptr && hdr->headerValue[0] != '\0';
-    if (headerNaming && btHeaderValue != nullptr) {
-        snprintf(name, 129, "%s", btHeaderValue);
-    } else if (headerNaming || qv_load_acquire(trie_node) == nullptr) {
-        // A header rule without the header's value falls back to the global rule.
-        if (qvbt_execute_global_rule(url, nullptr, nullptr, nullptr, name, sizeof(name)) == nullptr)
-            snprintf(name, sizeof(name), "Others");
-        name[128] = '\0';
-        QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Updated btName is:%s", name);
-    } else {
-        qvbt_execute_custom_rule(url, query, nullptr, name, 129);
+    {
+        // The rules are read only inside this block: updateBTObject may wait for locks.
+        QVBTRuleReadGuard reading;
+        if (qv_load_acquire(bt_rule) == QVBT_RULE_PATTERN) {
+            // "<url>?<query>" cut at 255 characters; the '?' is there even for an empty query.
+            char text[256];
+            size_t len = 0;
+            for (const char* part : {url, "?", query}) {
+                if (part == nullptr) continue;
+                const size_t n = strnlen(part, sizeof(text) - 1 - len);
+                memcpy(text + len, part, n);
+                len += n;
+            }
+            text[len] = '\0';
+            int id = qvlb_state_machine_get(qv_load_acquire(stateMachine), text, static_cast<int>(len),
+                                            qv_load(skipCount));
+            if (id == -2) {
+                QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info",
+                            "Pattern rule : Got id = '%d', excluding for complete_url = '%s'", id, text);
+                return nullptr;
+            }
+            if (id < 1) {
+                QV_TRACE_IF(bt_level() > 0, "BT_MON", "Error",
+                            "Pattern rule : Got id = '%d', setting to 1 for complete_url = '%s'", id, text);
+                id = 1;
+            }
+            return qvbt_pattern_bt_obj(id);
+        }
+
+        const QVBTHeaderBasedRule* hdr = qv_load_acquire(header_rule);
+        const bool headerNaming = hdr != nullptr && hdr->headerValue[0] != '\0';
+        if (headerNaming && btHeaderValue != nullptr) {
+            snprintf(name, 129, "%s", btHeaderValue);
+        } else if (headerNaming || !qvbt_custom_naming()) {
+            // A header rule without the header's value falls back to the global rule.
+            if (qvbt_execute_global_rule(url, nullptr, nullptr, nullptr, name, sizeof(name)) == nullptr)
+                snprintf(name, sizeof(name), "Others");
+            name[128] = '\0';
+            QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Updated btName is:%s", name);
+        } else {
+            // Neither the query nor the method reaches the custom rules on this path.
+            qvbt_execute_custom_rule(url, nullptr, nullptr, name, 129);
+        }
     }
     QVLockGuard guard(lock);
     return updateBTObject(name);
@@ -257,6 +262,9 @@ void QVBTConfigModelInit() {
     }
     QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info", "max_bt_count = %d, total_bt_count = %d, BTRuleFile = %s",
                 qv_load(config.max_bt_count), qv_load(config.total_bt_count), path);
+    // Everything this start replaced (rules, automatons, tables, maps) goes once no request
+    // still reads it.
+    qvbt_reclaim();
 }
 
 void qvbt_manager_reset_for_test() {

@@ -300,7 +300,8 @@ int parse_header_rule(char* line) {
     QVLockGuard guard(qvbt_rule_lock());
     QVBTHeaderBasedRule* old = qv_load_acquire(header_rule);
     qv_store_release(header_rule, rule);
-    qvbt_retire(old, qvbt_free_rule_record);
+    // getBTHeaderName hands out the record's name, so it outlives any read guard.
+    qvbt_retire_until_reset(old, qvbt_free_rule_record);
     return 0;
 }
 
@@ -491,12 +492,12 @@ int parse_pattern_rule(char* line, int* firstPattern) {
         bt_level() > 0, "BT_MON", "Info",
         "Adding BT to state machine. Pattern = %s, transactionId = '%d', matchType = %d, skipCount = %d",
         r.pattern, r.transactionId, r.matchType, sc);
+    // A pattern the automaton refuses (a character outside 32..127, or no room) matches nothing,
+    // yet the line still defines its BT and identifier.
     if (qvlb_state_machine_add(building_machine, r.pattern, static_cast<int>(strlen(r.pattern)),
-                               r.transactionId, r.matchType, sc) != 0) {
+                               r.transactionId, r.matchType, sc) != 0)
         QV_TRACE_IF(bt_level() > 0, "BT_MON", "Error", "Pattern '%s' could not be added to the state machine",
                     r.pattern);
-        return -1;
-    }
     BTObject* obj = find_bt_obj_in_config_map(r.transactionName, r.transactionId, slow, verySlow);
     // Exclusions (-2), 0 (the all-transactions entry) and ids past the monitor's array have no entry.
     if (qvbt_pattern_table_store(r.transactionId, obj) == 0)
@@ -517,7 +518,6 @@ int qvbt_read_rule_file(char* source) {
     char line[kLineSize];
     bool seen1 = false;
     bool seen7 = false;
-    bool customOk = false;
     qvbt_clear_custom_rule();
     // A source describes the whole rule set: sizes and skip count not given in it are the defaults.
     qv_store(skipCount, 0);
@@ -531,7 +531,7 @@ int qvbt_read_rule_file(char* source) {
                 seen1 = true;
                 break;
             case 2:
-                if (parse_custom_rule(line) == 0) customOk = true;
+                parse_custom_rule(line);
                 break;
             case 3:
                 parse_exclusion_rule(line);
@@ -577,7 +577,7 @@ int qvbt_read_rule_file(char* source) {
         drop_building_machine();
     }
 
-    if (!customOk || patternOk) qvbt_clear_custom_rule();
+    if (patternOk) qvbt_clear_custom_rule();
     qvlb_init_automaton(&trie_node, &custom_rule);
 
     bool globalOk = false;
@@ -597,6 +597,7 @@ int qvbt_read_rule_file(char* source) {
     qv_store_release(bt_rule, rule);
     QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info", "After btrule file parsing, applicable bt rule = %d.",
                 rule);
+    qvbt_reclaim();
     return 0;
 }
 

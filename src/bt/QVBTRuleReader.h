@@ -48,8 +48,9 @@ int parse_skip_character(char* line);
 // Type 5 line: maxStates = the integer after the first bar. New maxStates.
 int parse_max_state(char* line);
 // Type 7 line: adds a pattern to the automaton being built (the first one, *firstPattern 1,
-// creates it and the "Others" BT) and makes its BT. 0, or -1 (logged) when refused. Only takes
-// effect through qvbt_read_rule_file, which publishes the automaton after the pattern pass.
+// creates it and the "Others" BT) and makes its BT, also when the automaton refuses the pattern.
+// 0, or -1 (logged) for a comment, a short line or no automaton. Only takes effect through
+// qvbt_read_rule_file, which publishes the automaton after the pattern pass.
 int parse_pattern_rule(char* line, int* firstPattern);
 // Sets the header rule's name from the text after the first bar. 0, or -1 without a bar.
 int parse_header_rule(char* line);

@@ -33,7 +33,9 @@ QVExceptionCaptureSettings_t QVExceptionCaptureSettings;
 
 namespace {
 
-// Retired shared text: kept until a test reset because another thread may still read it.
+// Retired shared text: kept until a test reset because another thread may still read it. Each
+// start resets the keywords and applies them again; taking an equal retired text back instead of
+// a new copy keeps the list at the distinct texts ever set.
 apr_thread_mutex_t* retiredLock = nullptr;
 char** retired = nullptr;
 int retiredCount = 0;
@@ -56,6 +58,20 @@ void retireStr(char* s) {
     retired[retiredCount++] = s;
 }
 
+// An equal retired text, removed from the list, or null. Texts never change once made, so a
+// reader still holding it is not disturbed.
+char* takeRetired(const char* value) {
+    if (qv_load_acquire(retiredLock) == nullptr) return nullptr;
+    QVLockGuard guard(retiredLock);
+    for (int i = retiredCount - 1; i >= 0; i--) {
+        if (strcmp(retired[i], value) != 0) continue;
+        char* s = retired[i];
+        retired[i] = retired[--retiredCount];
+        return s;
+    }
+    return nullptr;
+}
+
 void storeDouble(double& d, double v) {
     std::atomic_ref<double>(d).store(v, std::memory_order_relaxed);
 }
@@ -67,7 +83,8 @@ char* qvSetSharedStr(char** slot, const char* value, const char* purpose) {
     char* old = qv_load_acquire(*slot);
     if (old == nullptr && value == nullptr) return nullptr;
     if (old != nullptr && value != nullptr && strcmp(old, value) == 0) return old;
-    char* copy = value ? qvlb_strdup(value, purpose, -1) : nullptr;
+    char* copy = value ? takeRetired(value) : nullptr;
+    if (value != nullptr && copy == nullptr) copy = qvlb_strdup(value, purpose, -1);
     qv_store_release(*slot, copy);
     retireStr(old);
     return copy;

@@ -101,7 +101,8 @@ void qvSettingRecordsReset();
 // Replaces *slot by a copy of value (null clears it) and returns the new text. The pointer is
 // published with a release store; readers load it with qv_load_acquire. The previous text is not
 // freed (a reader may still be using it) but retired until qvSettingRecordsReset. Equal text
-// keeps the current copy. Allocation failure logs under "MEMORY" and leaves the slot null.
+// keeps the current copy, and a retired copy of equal text is published again rather than a new
+// one made. Allocation failure logs under "MEMORY" and leaves the slot null.
 char* qvSetSharedStr(char** slot, const char* value, const char* purpose);
 // Frees every retired text. Tests only (no reader may be running).
 void qvFreeRetiredStrs();

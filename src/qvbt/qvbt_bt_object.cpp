@@ -10,6 +10,7 @@
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
+#include "qvbt/qvbt_rule_execute.h"
 
 QVBTConfigModel config;
 QVBTManager manager;
@@ -26,24 +27,32 @@ const char kObjPurpose[] = "BTObject";
 // the same new name make one object.
 apr_thread_mutex_t* config_lock = nullptr;
 
-// Maps of earlier initialisations: their objects may still be referenced, so they live on until
-// the test reset.
-struct RetiredMaps {
-    qvlb_lfmap_t* cfg;
-    qvlb_lfmap_t* mgr;
-    RetiredMaps* next;
-};
-RetiredMaps* retired_maps = nullptr;
+// Every object ever made, by name, for the life of the process: a start makes new maps but takes
+// the objects of names seen before from here, so holders of an object never see it freed and
+// repeated starts do not allocate again.
+qvlb_lfmap_t* all_objects = nullptr;
 
 void free_obj(const char*, void* value, void*) {
     qvlb_free(value, kObjPurpose, -1);
 }
 
-void destroy_maps(qvlb_lfmap_t* cfg, qvlb_lfmap_t* mgr) {
-    // Every object ever made is in a config map; the manager map only shares them.
-    qvlb_lfmap_foreach(cfg, free_obj, nullptr);
-    qvlb_lfmap_destroy(mgr);
-    qvlb_lfmap_destroy(cfg);
+void destroy_map(void* map) {
+    qvlb_lfmap_destroy(static_cast<qvlb_lfmap_t*>(map));
+}
+
+// Gives a known object the state make_new_bt_obj gives a new one. Its name stays.
+void renew_obj(BTObject* obj, int id, int slow, int very_slow) {
+    qv_store(obj->bt_category, 0);
+    qv_store(obj->is_meta_data_dumped, 0);
+    qv_store(obj->bt_id, id > 0 ? id : 0);
+    qv_store(obj->bt_startTime, 0);
+    qv_store(obj->bt_endTime, 0);
+    qv_store(obj->dd_IntervalTime, 0);
+    qv_store(obj->AIFlag, 0);
+    qv_store(obj->bt_threshold.slow, slow);
+    qv_store(obj->bt_threshold.very_slow, very_slow);
+    qv_store(obj->enableBodyCapture, 0);
+    qv_store(obj->maxBodySize, 0);
 }
 
 }  // namespace
@@ -51,29 +60,39 @@ void destroy_maps(qvlb_lfmap_t* cfg, qvlb_lfmap_t* mgr) {
 int qvbt_bt_maps_init() {
     QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Method called");
     if (qvlb_create_nested_mutex(&config_lock, nullptr) != APR_SUCCESS) return -1;
-    QVLockGuard guard(config_lock);
-    apr_thread_mutex_t* old_lock = qv_load_acquire(manager.bt_obj_map_lock);
-    if (config.bt_obj_map.hash != nullptr || manager.bt_obj_map.hash != nullptr) {
-        auto* r = static_cast<RetiredMaps*>(qvlb_malloc(sizeof(RetiredMaps), "retired BT maps", -1));
-        if (r != nullptr) {
-            *r = {config.bt_obj_map.hash, manager.bt_obj_map.hash, retired_maps};
-            retired_maps = r;
-        }
-    }
-    // Field by field, never memset: request threads read these while a start re-initialises them.
-    qv_store(config.max_bt_count, 256);
-    qv_store(config.total_bt_count, 1);
+    // A lock made by an earlier initialisation is reused: a thread may still be waiting on it.
+    if (qv_load_acquire(manager.bt_obj_map_lock) == nullptr &&
+        qvlb_create_nested_mutex(&manager.bt_obj_map_lock, nullptr) != APR_SUCCESS)
+        return -1;
     qvlb_lfmap_t* cfg = qvlb_lfmap_create(512);
     qvlb_lfmap_t* mgr = qvlb_lfmap_create(512);
-    qv_store_release(config.bt_obj_map.hash, cfg);
-    qv_store_release(manager.bt_obj_map.hash, mgr);
-    // A lock made by an earlier initialisation is reused: a thread may still be waiting on it.
-    if (old_lock != nullptr)
-        qv_store_release(manager.bt_obj_map_lock, old_lock);
-    else if (qvlb_create_nested_mutex(&manager.bt_obj_map_lock, nullptr) != APR_SUCCESS)
-        return -1;
+    qvlb_lfmap_t* pool = qv_load_acquire(all_objects) == nullptr ? qvlb_lfmap_create(512) : nullptr;
+    qvlb_lfmap_t* oldCfg = nullptr;
+    qvlb_lfmap_t* oldMgr = nullptr;
+    {
+        // Both locks, in the order updateBTObject takes them: no insertion or locked walk is
+        // still using a map once it is swapped out.
+        QVLockGuard managerGuard(qv_load_acquire(manager.bt_obj_map_lock));
+        QVLockGuard guard(config_lock);
+        if (all_objects == nullptr) {
+            qv_store_release(all_objects, pool);
+            pool = nullptr;
+        }
+        // Field by field, never memset: request threads read these while a start re-initialises them.
+        qv_store(config.max_bt_count, 256);
+        qv_store(config.total_bt_count, 1);
+        oldCfg = qv_load_acquire(config.bt_obj_map.hash);
+        oldMgr = qv_load_acquire(manager.bt_obj_map.hash);
+        qv_store_release(config.bt_obj_map.hash, cfg);
+        qv_store_release(manager.bt_obj_map.hash, mgr);
+    }
+    // Lock-free lookups may still walk the old maps; their objects stay in all_objects. Retired
+    // outside the map locks: the rule readers take the rule lock before them.
+    qvbt_retire(oldCfg, destroy_map);
+    qvbt_retire(oldMgr, destroy_map);
+    qvlb_lfmap_destroy(pool);
     QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Method exit");
-    return (cfg != nullptr && mgr != nullptr) ? 0 : -1;
+    return (cfg != nullptr && mgr != nullptr && all_objects != nullptr) ? 0 : -1;
 }
 
 BTObject* make_new_bt_obj(const char* name, int id, int slow, int very_slow) {
@@ -107,6 +126,7 @@ int insert_in_hasmap(const char* key, BTObject* obj, BTObjectMap* map) {
 }
 
 BTObject* find_bt_obj_in_manager_map(const char* name) {
+    QVBTRuleReadGuard reading;
     return static_cast<BTObject*>(qvlb_lfmap_get(qv_load_acquire(manager.bt_obj_map.hash), name));
 }
 
@@ -120,13 +140,19 @@ BTObject* find_bt_obj_in_config_map(const char* name, int id, int slow, int very
     QVLockGuard guard(qv_load_acquire(config_lock));
     auto* obj = static_cast<BTObject*>(qvlb_lfmap_get(qv_load_acquire(config.bt_obj_map.hash), key));
     if (obj == nullptr) {
-        obj = make_new_bt_obj(key, id, slow, very_slow);
-        if (obj == nullptr) return nullptr;
-        if (insert_in_hasmap(key, obj, &config.bt_obj_map) != 0) {
-            // Not reachable through any map: nothing else can hold it yet.
-            qvlb_free(obj, kObjPurpose, id);
-            return nullptr;
+        obj = static_cast<BTObject*>(qvlb_lfmap_get(all_objects, key));
+        if (obj != nullptr) {
+            renew_obj(obj, id, slow, very_slow);
+        } else {
+            obj = make_new_bt_obj(key, id, slow, very_slow);
+            if (obj == nullptr) return nullptr;
+            if (qvlb_lfmap_put(all_objects, key, obj, "BT object by name") != 0) {
+                // Not reachable through any map: nothing else can hold it yet.
+                qvlb_free(obj, kObjPurpose, id);
+                return nullptr;
+            }
         }
+        if (insert_in_hasmap(key, obj, &config.bt_obj_map) != 0) return nullptr;
     }
     if (id > 0) {
         qv_store(obj->bt_id, id);
@@ -137,13 +163,11 @@ BTObject* find_bt_obj_in_config_map(const char* name, int id, int slow, int very
 }
 
 void qvbt_bt_object_reset_for_test() {
-    destroy_maps(qv_load(config.bt_obj_map.hash), qv_load(manager.bt_obj_map.hash));
-    while (retired_maps != nullptr) {
-        RetiredMaps* next = retired_maps->next;
-        destroy_maps(retired_maps->cfg, retired_maps->mgr);
-        qvlb_free(retired_maps, "retired BT maps", -1);
-        retired_maps = next;
-    }
+    qvlb_lfmap_destroy(qv_load(config.bt_obj_map.hash));
+    qvlb_lfmap_destroy(qv_load(manager.bt_obj_map.hash));
+    qvlb_lfmap_foreach(all_objects, free_obj, nullptr);
+    qvlb_lfmap_destroy(all_objects);
+    all_objects = nullptr;
     apr_thread_mutex_t* lock = manager.bt_obj_map_lock;
     memset(&config, 0, sizeof(config));
     memset(&manager, 0, sizeof(manager));

@@ -58,8 +58,10 @@ extern QVBTConfigModel config;
 extern QVBTManager manager;
 
 // Zeroes config and manager, sets max_bt_count 256 and total_bt_count 1, and creates both maps
-// and the manager lock. The maps of an earlier call are kept alive (objects in them may still be
-// referenced) but no longer reachable. Returns 0, or -1 when memory is short. Start-up thread.
+// and the manager lock. The maps of an earlier call are retired (freed by qvbt_reclaim); their
+// objects are never freed, and a later call makes no new object for a name seen before but
+// takes the old one back with a fresh state. Returns 0, or -1 when memory is short. Start-up
+// thread.
 int qvbt_bt_maps_init();
 
 // Allocates a zeroed object named name (cut at 128 characters; null gives ""), with the given
@@ -81,7 +83,7 @@ BTObject* find_bt_obj_in_manager_map(const char* name);
 // updateBTObject; two concurrent callers for one new name get the same object.
 BTObject* find_bt_obj_in_config_map(const char* name, int id, int slow, int very_slow);
 
-// Destroys both maps and frees every BT object they hold; config and manager are zeroed. Tests
+// Destroys both maps and frees every BT object ever made; config and manager are zeroed. Tests
 // only: nothing may reference a BT object afterwards.
 void qvbt_bt_object_reset_for_test();
 

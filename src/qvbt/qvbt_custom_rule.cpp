@@ -180,17 +180,19 @@ int qvlb_init_automaton(qvlbTrie** trie, QVBTCustomRule* rule) {
     for (int i = 0; lex != nullptr && i < lex->count; ++i) enabled += lex->entries[i].enabled ? 1 : 0;
     QVLockGuard guard(qvbt_rule_lock());
     qvlbTrie* old = qv_load_acquire(*trie);
-    if (enabled == 0) {
+    if (rule->rule_mode == 0) {
         qv_store_release(*trie, static_cast<qvlbTrie*>(nullptr));
         qvbt_retire(old, free_trie);
-        QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info", "No enabled custom rule, custom naming is off");
+        QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info", "No custom rule, custom naming is off");
         return 0;
     }
     auto* t = static_cast<qvlbTrie*>(qvlb_calloc(sizeof(qvlbTrie), kTriePurpose, -1));
     const int nparams = static_cast<int>(rule->match_only_param_count);
     if (t != nullptr) {
+        t->ruleMode = rule->rule_mode;
         t->rules = static_cast<QVBTLexiconEntry*>(
-            qvlb_calloc(sizeof(QVBTLexiconEntry) * static_cast<size_t>(enabled), kTriePurpose, enabled));
+            qvlb_calloc(sizeof(QVBTLexiconEntry) * static_cast<size_t>(enabled > 0 ? enabled : 1),
+                        kTriePurpose, enabled));
         t->params = static_cast<URIParamObject*>(qvlb_calloc(
             sizeof(URIParamObject) * static_cast<size_t>(nparams > 0 ? nparams : 1), kTriePurpose, nparams));
     }
@@ -202,7 +204,7 @@ int qvlb_init_automaton(qvlbTrie** trie, QVBTCustomRule* rule) {
         if (rule->matchingURIParamObj[i] != nullptr) t->params[i] = *rule->matchingURIParamObj[i];
     t->paramCount = nparams;
     // Stable insertion by priority keeps line order among equal priorities.
-    for (int i = 0; i < lex->count; ++i) {
+    for (int i = 0; lex != nullptr && i < lex->count; ++i) {
         const QVBTLexiconEntry& e = lex->entries[i];
         if (!e.enabled) continue;
         int pos = t->count;
@@ -217,6 +219,12 @@ int qvlb_init_automaton(qvlbTrie** trie, QVBTCustomRule* rule) {
     qvbt_retire(old, free_trie);
     QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info", "Custom rule automaton built with %d rules", t->count);
     return 0;
+}
+
+bool qvbt_custom_naming() {
+    QVBTRuleReadGuard reading;
+    const qvlbTrie* t = qv_load_acquire(trie_node);
+    return t != nullptr && t->ruleMode != 0;
 }
 
 const char* search_match_machine(const qvlbTrie* trie, const char* url, const char* query,

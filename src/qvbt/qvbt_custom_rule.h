@@ -62,6 +62,7 @@ struct QVBTCustomRule {
 // The custom-rule automaton: an immutable copy of the enabled lexicon entries in match order
 // (priority, then line order) with their parameter criteria. Published once built.
 struct qvlbTrie {
+    int ruleMode;  // rule_mode of the custom rule it was built from (non-zero)
     int count;
     QVBTLexiconEntry* rules;  // count entries
     int paramCount;
@@ -79,9 +80,13 @@ QVBTLexiconEntry* qvbt_add_lexicon_entry(QVBTCustomRule* rule, int ruleMode, con
                                          unsigned int priority, const char* btName, unsigned char constraint);
 
 // Builds the automaton from rule's dictionary and parameter criteria and publishes it in *trie
-// (the previous one is retired, not freed). With no enabled entry *trie becomes null. Returns 0,
-// or -1 for null arguments or when memory is short (*trie is then unchanged). Reader thread.
+// (the previous one is retired). With rule_mode 0 *trie becomes null; otherwise it is built even
+// without an enabled entry (it then names every request "others"). Returns 0, or -1 for null
+// arguments or when memory is short (*trie is then unchanged). Reader thread.
 int qvlb_init_automaton(qvlbTrie** trie, QVBTCustomRule* rule);
+
+// True when the custom rule in force names requests (its rule_mode is non-zero). Any thread.
+bool qvbt_custom_naming();
 
 // BT name of the first rule of trie that matches the request, or null. url, query and method may
 // be null: a method rule needs the method, a parameter rule the query. No allocation, no lock.

@@ -1,6 +1,8 @@
 // Rule globals and the application of the global, custom, header and pattern rules to a request.
 #include "qvbt/qvbt_rule_execute.h"
 
+#include <apr_time.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -34,7 +36,34 @@ struct Retired {
     void (*fn)(void*);
     Retired* next;
 };
-Retired* retired_head = nullptr;
+Retired* retired_head = nullptr;  // freed by the next reclaim
+Retired* kept_head = nullptr;     // freed by the reset
+
+// Readers count themselves in the slot of the phase they entered under; a reclaim moves the phase
+// on and waits for the old slot to empty. Only the outermost guard of a thread counts.
+unsigned int read_phase = 0;
+long long readers[2] = {0, 0};
+thread_local int read_depth = 0;
+thread_local unsigned int read_slot = 0;
+
+void push_retired(Retired** head, void* ptr, void (*fn)(void*)) {
+    if (ptr == nullptr) return;
+    auto* r = static_cast<Retired*>(qvlb_malloc(sizeof(Retired), "retired BT rule", -1));
+    if (r == nullptr) return;
+    r->ptr = ptr;
+    r->fn = fn;
+    r->next = *head;
+    *head = r;
+}
+
+void free_retired(Retired* r) {
+    while (r != nullptr) {
+        Retired* next = r->next;
+        if (r->fn) r->fn(r->ptr);
+        qvlb_free(r, "retired BT rule", -1);
+        r = next;
+    }
+}
 
 // Bounded, always terminated text building without the cost of a format parser (names are built
 // on every request).
@@ -99,14 +128,47 @@ apr_thread_mutex_t* qvbt_rule_lock() {
     return qv_load_acquire(rule_lock);
 }
 
+QVBTRuleReadGuard::QVBTRuleReadGuard() {
+    if (read_depth++ > 0) return;
+    for (;;) {
+        // The phase is checked again after counting: a reader counted in a slot whose phase had
+        // already moved on might be missed by the reclaim, so it counts itself again.
+        const unsigned int p = __atomic_load_n(&read_phase, __ATOMIC_SEQ_CST);
+        __atomic_fetch_add(&readers[p & 1], 1, __ATOMIC_SEQ_CST);
+        if (__atomic_load_n(&read_phase, __ATOMIC_SEQ_CST) == p) {
+            read_slot = p & 1;
+            return;
+        }
+        __atomic_fetch_sub(&readers[p & 1], 1, __ATOMIC_SEQ_CST);
+    }
+}
+
+QVBTRuleReadGuard::~QVBTRuleReadGuard() {
+    if (--read_depth > 0) return;
+    __atomic_fetch_sub(&readers[read_slot], 1, __ATOMIC_SEQ_CST);
+}
+
 void qvbt_retire(void* ptr, void (*fn)(void*)) {
-    if (ptr == nullptr) return;
-    auto* r = static_cast<Retired*>(qvlb_malloc(sizeof(Retired), "retired BT rule", -1));
-    if (r == nullptr) return;
-    r->ptr = ptr;
-    r->fn = fn;
-    r->next = retired_head;
-    retired_head = r;
+    QVLockGuard guard(qvbt_rule_lock());
+    push_retired(&retired_head, ptr, fn);
+}
+
+void qvbt_retire_until_reset(void* ptr, void (*fn)(void*)) {
+    QVLockGuard guard(qvbt_rule_lock());
+    push_retired(&kept_head, ptr, fn);
+}
+
+void qvbt_reclaim() {
+    if (read_depth > 0) return;
+    QVLockGuard guard(qvbt_rule_lock());
+    Retired* list = retired_head;
+    if (list == nullptr) return;
+    retired_head = nullptr;
+    // Everything in the list was unpublished before this point: readers entering from now on
+    // cannot reach it, and those counted under the old phase are waited for.
+    const unsigned int p = __atomic_fetch_add(&read_phase, 1, __ATOMIC_SEQ_CST);
+    while (__atomic_load_n(&readers[p & 1], __ATOMIC_SEQ_CST) != 0) apr_sleep(50);
+    free_retired(list);
 }
 
 void qvbt_free_rule_record(void* p) {
@@ -124,6 +186,7 @@ char* qvbt_execute_global_rule(const char* url, const char* query, const char* m
     QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Method called");
     if (out == nullptr || outSize <= 0) return nullptr;
     out[0] = '\0';
+    QVBTRuleReadGuard reading;
     const QVBTGlobalRule* rule = qv_load_acquire(global_rule);
     if (rule == nullptr) {
         QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info", "global_rule is NULL.");
@@ -177,6 +240,7 @@ char* qvbt_execute_custom_rule(const char* url, const char* query, const char* m
                                int outSize) {
     QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Method called");
     if (out == nullptr || outSize <= 0) return nullptr;
+    QVBTRuleReadGuard reading;
     const char* name = search_match_machine(qv_load_acquire(trie_node), url, query, method);
     copy_text(out, outSize, name ? name : "others");
     return out;
@@ -185,6 +249,7 @@ char* qvbt_execute_custom_rule(const char* url, const char* query, const char* m
 char* qvbt_execute_header_rule(const char* url, char* out, int outSize) {
     (void)url;
     if (out == nullptr || outSize <= 0) return nullptr;
+    QVBTRuleReadGuard reading;
     const QVBTHeaderBasedRule* rule = qv_load_acquire(header_rule);
     copy_text(out, outSize, rule ? rule->headerValue : "");
     return out;
@@ -205,13 +270,10 @@ void qvbt_rule_execute_reset_for_test() {
     qvbt_retire(global_rule, qvbt_free_rule_record);
     qvbt_retire(header_rule, qvbt_free_rule_record);
     qvbt_retire(stateMachine, qvbt_free_state_machine);
-    for (Retired* r = retired_head; r != nullptr;) {
-        Retired* next = r->next;
-        if (r->fn) r->fn(r->ptr);
-        qvlb_free(r, "retired BT rule", -1);
-        r = next;
-    }
+    free_retired(retired_head);
+    free_retired(kept_head);
     retired_head = nullptr;
+    kept_head = nullptr;
     global_rule = nullptr;
     header_rule = nullptr;
     stateMachine = nullptr;

@@ -37,8 +37,9 @@ constexpr int QVBT_RULE_GLOBAL = 1;
 constexpr int QVBT_RULE_PATTERN = 7;
 
 // Rules in force. The pointers are published with a release store once their record is complete
-// and read with qv_load_acquire; a replaced record is retired (kept valid) until the reset, so a
-// request may finish with the rule it started with. Ints are read and written with qv_load/qv_store.
+// and read with qv_load_acquire inside a QVBTRuleReadGuard; a replaced record is retired and
+// freed by qvbt_reclaim once no reader can hold it. Ints are read and written with
+// qv_load/qv_store.
 extern QVBTGlobalRule* global_rule;       // null until a global rule was parsed
 extern QVBTHeaderBasedRule* header_rule;  // null unless parse_header_rule ran
 extern qvlbStateMachine* stateMachine;    // pattern automaton; null without pattern rules
@@ -52,10 +53,28 @@ extern int allVerySlow;
 // first use. Never taken by requests.
 apr_thread_mutex_t* qvbt_rule_lock();
 
-// Keeps ptr alive until the reset, then releases it with fn. Call with qvbt_rule_lock() held.
-// Null ptr: nothing. When memory is short the pointer is kept forever (a small leak, never a
-// use-after-free).
+// Marks the calling thread as reading the rules in force (the rule records, automatons, pattern
+// table and BT maps) for the guard's life, so qvbt_reclaim keeps them valid meanwhile. Nests;
+// no lock, no allocation: two atomic operations for the outermost guard.
+class QVBTRuleReadGuard {
+  public:
+    QVBTRuleReadGuard();
+    ~QVBTRuleReadGuard();
+    QVBTRuleReadGuard(const QVBTRuleReadGuard&) = delete;
+    QVBTRuleReadGuard& operator=(const QVBTRuleReadGuard&) = delete;
+};
+
+// Queues ptr (already unpublished) for release with fn by the next qvbt_reclaim. Null ptr:
+// nothing. When memory is short the pointer is kept forever (a small leak, never a
+// use-after-free). Writer thread.
 void qvbt_retire(void* ptr, void (*fn)(void*));
+// As qvbt_retire, for records whose fields callers keep pointers to after their read (the header
+// rule's name): released only by the reset.
+void qvbt_retire_until_reset(void* ptr, void (*fn)(void*));
+// Releases everything retired so far once every reader that may still hold it has left its read
+// guard (waits for them: they stay briefly and never wait for the writer). Writer thread, outside
+// any read guard (from inside one it does nothing).
+void qvbt_reclaim();
 // Release functions for qvbt_retire: a rule record allocated with qvlb_calloc, and a heap
 // qvlbStateMachine with its rows.
 void qvbt_free_rule_record(void* p);

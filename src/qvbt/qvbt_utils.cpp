@@ -61,6 +61,7 @@ char* qvbt_get_bt_name_from_url_r(const QVBTGlobalRule* rule, const char* url, c
 }
 
 char* get_bt_name_from_url(const char* url, char* out, int outSize) {
+    QVBTRuleReadGuard reading;
     return qvbt_get_bt_name_from_url_r(qv_load_acquire(global_rule), url, out, outSize);
 }
 
@@ -88,6 +89,7 @@ char* qvbt_get_param_value_r(const QVBTGlobalRule* rule, const char* query) {
 }
 
 char* get_param_value(const char* query) {
+    QVBTRuleReadGuard reading;
     return qvbt_get_param_value_r(qv_load_acquire(global_rule), query);
 }
 

@@ -113,8 +113,8 @@ int qvlb_state_machine_get(const qvlbStateMachine* machine, const char* text, in
     const int* whole = sm[QVLB_SM_WHOLE_ROW];
     const int* wild = sm[QVLB_SM_WILDCARD_ROW];
     int state = 0;
-    // -1 rather than 0 for "none", so that a leading '*' (a wildcard start state) can be returned to.
-    int wildcard = -1;
+    // 0 means no wildcard remembered: a leading '*' (the start state) is never returned to.
+    int wildcard = 0;
     for (int i = 0; i < length; ++i) {
         const int c = static_cast<unsigned char>(text[i]);
         if (!is_printable(c)) return 1;
@@ -129,7 +129,7 @@ int qvlb_state_machine_get(const qvlbStateMachine* machine, const char* text, in
             }
             if (wild[state]) break;
             if (c == '?' && whole[state] != 0) return whole[state];
-            if (wildcard < 0) return 1;
+            if (wildcard == 0) return 1;
             state = wildcard;
         }
     }

@@ -38,6 +38,8 @@ int qvlb_state_machine_add(qvlbStateMachine* machine, const char* pattern, int l
 
 // Identifier of text[0..length): the first prefix-match id met on the way, else at the end (or at a
 // '?' where the path matched whole) the whole-match id of the state, else its prefix id, else 1.
+// A character without a transition goes back to the last wildcard state passed; the start state
+// never counts as one, so a pattern with a leading '*' is not retried after a mismatch (gives 1).
 // Returns 1 for a null machine or text, length <= 0 or a non-printable character. skip is not used.
 // Reads only; safe from many threads on a machine no longer changed. No allocation.
 int qvlb_state_machine_get(const qvlbStateMachine* machine, const char* text, int length, int skip);

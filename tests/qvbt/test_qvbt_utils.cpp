@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "core/QVBCISettings.h"
@@ -45,23 +46,15 @@ class QvbtUtils : public ::testing::Test {
 }  // namespace
 
 TEST_F(QvbtUtils, SegmentCutTable) {
-    struct Row {
-        int order;
-        int n;
-        const char* url;
-        const char* want;
+    const std::tuple<int, int, const char*, const char*> rows[] = {
+        {1, 2, "/a/b/c", "/a/b"},   {1, 2, "/a", "/a"},         {1, 0, "/a/b/c", ""},
+        {1, 5, "/a/b/c", "/a/b/c"}, {1, 2, "a/b/c", "a/b/c"},   {2, 2, "/a/b/c", "/b/c"},
+        {2, 1, "/a/b/c", "/c"},     {2, 4, "/a/b/c", "/a/b/c"}, {2, 1, "/a/b/", "/"},
+        {2, 0, "/a/b/c", ""},       {2, 2, "a/b", "a/b"},
     };
-    const Row rows[] = {
-        {1, 2, "/a/b/c", "/a/b"}, {1, 2, "/a", "/a"},         {1, 2, "/a/b", "/a/b"},
-        {1, 0, "/a/b/c", ""},     {1, 1, "/a/b/c", "/a"},     {1, 5, "/a/b/c", "/a/b/c"},
-        {1, 2, "", ""},           {1, 2, "a/b/c", "a/b/c"},   {2, 2, "/a/b/c", "/b/c"},
-        {2, 1, "/a/b/c", "/c"},   {2, 3, "/a/b/c", "/a/b/c"}, {2, 4, "/a/b/c", "/a/b/c"},
-        {2, 2, "/a", "/a"},       {2, 1, "/a/b/", "/"},       {2, 0, "/a/b/c", ""},
-        {2, 2, "a/b", "a/b"},
-    };
-    for (const Row& r : rows) {
-        rule(r.order, r.n);
-        EXPECT_EQ(cut(r.url), r.want) << r.order << " " << r.n << " " << r.url;
+    for (const auto& [order, n, url, want] : rows) {
+        rule(order, n);
+        EXPECT_EQ(cut(url), want) << order << " " << n << " " << url;
         qvbt_rule_execute_reset_for_test();
     }
     rule(1, 2);
@@ -69,8 +62,6 @@ TEST_F(QvbtUtils, SegmentCutTable) {
     EXPECT_EQ(cut("/abcdef/g", 4), "/ab");  // cut to the output
     const std::string longUrl = "/" + std::string(400, 'x') + "/y";
     EXPECT_EQ(cut(longUrl.c_str()).size(), 255u);  // the URL is cut at 255 first
-    char small[1];
-    EXPECT_EQ(get_bt_name_from_url("/a", small, 0), nullptr);
 }
 
 TEST_F(QvbtUtils, ParamValue) {
@@ -80,12 +71,8 @@ TEST_F(QvbtUtils, ParamValue) {
     EXPECT_EQ(get_param_value(nullptr), nullptr);
     EXPECT_STREQ(get_param_value("id=5&x=1"), "5");
     EXPECT_STREQ(get_param_value("x=1&id=42&y=2"), "42");
-    EXPECT_STREQ(get_param_value("x=1&id=7"), "7");
     EXPECT_EQ(get_param_value("x=1&uid=7"), nullptr);
-    EXPECT_EQ(get_param_value("x=1"), nullptr);
     EXPECT_STREQ(get_param_value(("id=" + std::string(100, 'v')).c_str()), std::string(63, 'v').c_str());
-    EXPECT_STREQ(get_param_value(("id=" + std::string(100, 'w') + "&z=1").c_str()),
-                 std::string(63, 'w').c_str());
 
     // Each thread has its own result buffer: another thread's call does not change this one's.
     char* mine = get_param_value("id=main");
@@ -99,32 +86,24 @@ TEST_F(QvbtUtils, ParamValue) {
     EXPECT_STREQ(mine, "main");
 }
 
-TEST_F(QvbtUtils, MethodAndOperationCodes) {
-    const std::pair<const char*, int> methods[] = {
-        {"get", 0}, {"POST", 1}, {"Put", 2}, {"delete", 3}, {"PATCH", 255}, {"GETX", 255}, {nullptr, 255}};
+TEST_F(QvbtUtils, MethodOperationCodesAndCategories) {
+    const std::pair<const char*, int> methods[] = {{"get", 0}, {"Put", 2}, {"GETX", 255}, {nullptr, 255}};
     for (const auto& [m, code] : methods) EXPECT_EQ(getHTTPMethodValue(m), code) << (m ? m : "null");
     // equalsIgnoreCase: a prefix comparison.
     const std::pair<const char*, int> ops[] = {
-        {"equals", 4},   {"STARTSWITH", 1}, {"endsWith", 2},         {"contains", 3}, {"matchesRegExp", 5},
-        {"notEmpty", 6}, {"inList", 7},     {"equalsIgnoreCase", 4}, {"equ", 255},    {nullptr, 255}};
+        {"STARTSWITH", 1}, {"inList", 7}, {"equalsIgnoreCase", 4}, {"equ", 255}, {nullptr, 255}};
     for (const auto& [op, code] : ops) EXPECT_EQ(getOperationType(op), code) << (op ? op : "null");
-}
 
-TEST_F(QvbtUtils, Categories) {
     const Threshold t{100, 200};
-    EXPECT_EQ(getBTCategoryBasedOnThresold(t, 99), 10);
-    EXPECT_EQ(getBTCategoryBasedOnThresold(t, 100), 11);  // equal to slow
-    EXPECT_EQ(getBTCategoryBasedOnThresold(t, 199), 11);
-    EXPECT_EQ(getBTCategoryBasedOnThresold(t, 200), 12);  // equal to very slow
-    EXPECT_EQ(findCategoryOfBT(t, 1, 500), 10);           // no instance: no error table
+    EXPECT_EQ(std::vector<int>({getBTCategoryBasedOnThresold(t, 99), getBTCategoryBasedOnThresold(t, 100),
+                                getBTCategoryBasedOnThresold(t, 199), getBTCategoryBasedOnThresold(t, 200)}),
+              std::vector<int>({10, 11, 11, 12}));
+    EXPECT_EQ(findCategoryOfBT(t, 1, 500), 10);  // no instance: no error table
     QVProxyInstance_t app{};
     qvApplication = &app;
     memset(app.QVBCISetting.btErrorArray, 'T', sizeof(app.QVBCISetting.btErrorArray));
     app.QVBCISetting.btErrorArray[500] = 'F';
-    EXPECT_EQ(findCategoryOfBT(t, 1, 500), 13);  // error even when fast
-    EXPECT_EQ(findCategoryOfBT(t, 1, 200), 10);
-    EXPECT_EQ(findCategoryOfBT(t, 250, 404), 12);
-    EXPECT_EQ(findCategoryOfBT(t, 150, -1), 11);
-    EXPECT_EQ(findCategoryOfBT(t, 150, 600), 11);
-    qvApplication = nullptr;
+    EXPECT_EQ(std::vector<int>({findCategoryOfBT(t, 1, 500), findCategoryOfBT(t, 250, 404),
+                                findCategoryOfBT(t, 150, 600)}),
+              std::vector<int>({13, 12, 11}));  // error even when fast; codes outside the table count by time
 }
