@@ -87,10 +87,21 @@ pthread_rwlock_t* new_stream_guard() {
     return rw;
 }
 
+// Spares come from a pool of their own, used only here (fork handlers run one at a time): a child
+// that forks again must not need the shared pool lock, which a thread of its parent may have held.
+void make_spare(apr_thread_mutex_t** m) {
+    static apr_pool_t* pool = nullptr;
+    if (*m != nullptr) return;
+    if (pool == nullptr && apr_pool_create_unmanaged_ex(&pool, nullptr, nullptr) != APR_SUCCESS)
+        pool = nullptr;
+    if (pool != nullptr && apr_thread_mutex_create(m, APR_THREAD_MUTEX_NESTED, pool) != APR_SUCCESS)
+        *m = nullptr;
+}
+
 void fork_prepare() {
-    // Spares first: making them takes the pool lock and may allocate.
-    qvlb_create_nested_mutex(&g_spare_lock, nullptr);
-    qvlb_create_nested_mutex(&g_spare_mem_lock, nullptr);
+    // Spares first: making them allocates.
+    make_spare(&g_spare_lock);
+    make_spare(&g_spare_mem_lock);
     if (g_spare_guard == nullptr) g_spare_guard = new_stream_guard();
     MTTraceLogKey* key = qv_load(trace_log_key);
     g_fork_key = key;
