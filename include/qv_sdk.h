@@ -18,8 +18,9 @@ extern "C" {
  * Calling order: qv_init once per process; per request qv_bt_begin, any number of balanced
  * qv_method_entry/qv_method_exit pairs and callout begin/end pairs on the returned handle, then
  * qv_bt_end; qv_free once at process end. Every call writes its lines to the SDK's own log file,
- * "<agent home>logs/qv_sdk_<YYYYMMDDhhmmss>_<pid>.log_0" (agent home: QVHOME, else
- * /opt/korlund/quovix/), set up by qv_init; without it nothing is logged. No function raises or
+ * "/opt/korlund/quovix/logs/qv_sdk_<YYYYMMDDhhmmss>_<pid>.log_0" (whatever QVHOME says), set up
+ * by the first qv_init; without it nothing is logged. The directory must exist and be writable:
+ * the SDK does not create it, and reports each line it cannot write on standard error. No function raises or
  * aborts: bad arguments are logged and answered with NULL, -1 or nothing. Text arguments are
  * only read; a log line is cut at 8191 bytes. */
 
@@ -35,8 +36,8 @@ typedef void* qvIPCallOutHandle;
 QV_EXPORT void qv_init(void);
 
 /* Releases what qv_init created: the table of stored transactions (their handles become
- * unreachable through qv_bt_get) and the SDK log (its last line written, flushed and closed).
- * Later calls log nothing; qv_init may be called again. No other SDK call may run meanwhile. */
+ * unreachable through qv_bt_get). The SDK log stays open (its lines so far written out): later
+ * calls, and a later qv_init, log on into the same file. No other SDK call may run meanwhile. */
 QV_EXPORT void qv_free(void);
 
 /* Starts a transaction named bt_name (also its URL). correlation_header is only logged.

@@ -5,6 +5,8 @@
 #include <pthread.h>
 
 #include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <unistd.h>
@@ -30,23 +32,154 @@ constexpr long long kTraceMaxSizeCap = 1LL << 30;
 // it exclusively. That keeps a stream from being closed under a writer that fetched it just
 // before a rollover, while writers never wait for each other. Writer-preferring so that a
 // steady stream of records cannot starve a rollover; readers never take it recursively.
-pthread_rwlock_t g_stream_guard = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+// Reached through a pointer: a forked child replaces it (see the fork handlers below).
+pthread_rwlock_t g_first_stream_guard = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+pthread_rwlock_t* g_stream_guard = &g_first_stream_guard;
 
 class StreamShared {
   public:
-    StreamShared() { pthread_rwlock_rdlock(&g_stream_guard); }
-    ~StreamShared() { pthread_rwlock_unlock(&g_stream_guard); }
+    StreamShared() : rw_(qv_load(g_stream_guard)) { pthread_rwlock_rdlock(rw_); }
+    ~StreamShared() { pthread_rwlock_unlock(rw_); }
     StreamShared(const StreamShared&) = delete;
     StreamShared& operator=(const StreamShared&) = delete;
+
+  private:
+    pthread_rwlock_t* rw_;
 };
 
 class StreamExclusive {
   public:
-    StreamExclusive() { pthread_rwlock_wrlock(&g_stream_guard); }
-    ~StreamExclusive() { pthread_rwlock_unlock(&g_stream_guard); }
+    StreamExclusive() : rw_(qv_load(g_stream_guard)) { pthread_rwlock_wrlock(rw_); }
+    ~StreamExclusive() { pthread_rwlock_unlock(rw_); }
     StreamExclusive(const StreamExclusive&) = delete;
     StreamExclusive& operator=(const StreamExclusive&) = delete;
+
+  private:
+    pthread_rwlock_t* rw_;
 };
+
+// Fork handling. A lock held by another thread at a fork stays held for ever in the child, and
+// glibc cannot unlock a recursive mutex or a write-locked rwlock there (the child's thread id
+// differs). So the prepare handler takes every lock of the log (a fork never copies a rollover
+// or a record half done), and the child swaps in spare locks made before the fork, abandoning
+// the held ones. The child then writes its own files, named with its own process id, from its
+// first record on.
+apr_thread_mutex_t* g_spare_lock = nullptr;
+apr_thread_mutex_t* g_spare_mem_lock = nullptr;
+pthread_rwlock_t* g_spare_guard = nullptr;
+pthread_rwlock_t* g_abandoned_guard = nullptr;  // kept reachable: it is never used again
+MTTraceLogKey* g_fork_key = nullptr;            // the handle locked by the prepare handler
+MTTraceLogKey* g_child_key = nullptr;           // a child's handle still writing the parent's files
+int g_names_pid = 0;                            // the process whose id the file names carry
+
+pthread_rwlock_t* new_stream_guard() {
+    auto* rw = static_cast<pthread_rwlock_t*>(malloc(sizeof(pthread_rwlock_t)));
+    if (rw == nullptr) return nullptr;
+    pthread_rwlockattr_t attr;
+    pthread_rwlockattr_init(&attr);
+    pthread_rwlockattr_setkind_np(&attr, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+    const int rc = pthread_rwlock_init(rw, &attr);
+    pthread_rwlockattr_destroy(&attr);
+    if (rc != 0) {
+        free(rw);
+        return nullptr;
+    }
+    return rw;
+}
+
+// Spares come from a pool of their own, used only here (fork handlers run one at a time): a child
+// that forks again must not need the shared pool lock, which a thread of its parent may have held.
+void make_spare(apr_thread_mutex_t** m) {
+    static apr_pool_t* pool = nullptr;
+    if (*m != nullptr) return;
+    if (pool == nullptr && apr_pool_create_unmanaged_ex(&pool, nullptr, nullptr) != APR_SUCCESS)
+        pool = nullptr;
+    if (pool != nullptr && apr_thread_mutex_create(m, APR_THREAD_MUTEX_NESTED, pool) != APR_SUCCESS)
+        *m = nullptr;
+}
+
+void fork_prepare() {
+    // Spares first: making them allocates.
+    make_spare(&g_spare_lock);
+    make_spare(&g_spare_mem_lock);
+    if (g_spare_guard == nullptr) g_spare_guard = new_stream_guard();
+    MTTraceLogKey* key = qv_load(trace_log_key);
+    g_fork_key = key;
+    if (key != nullptr) {
+        apr_thread_mutex_lock(key->lock);
+        apr_thread_mutex_lock(key->mem_lock);
+    }
+    pthread_rwlock_wrlock(g_stream_guard);
+}
+
+void fork_parent() {
+    pthread_rwlock_unlock(g_stream_guard);
+    if (g_fork_key != nullptr) {
+        apr_thread_mutex_unlock(g_fork_key->mem_lock);
+        apr_thread_mutex_unlock(g_fork_key->lock);
+    }
+    g_fork_key = nullptr;
+}
+
+// Runs in the child's only thread: no lock is taken, nothing waits.
+void fork_child() {
+    MTTraceLogKey* key = g_fork_key;
+    g_fork_key = nullptr;
+    if (g_spare_guard == nullptr ||
+        (key != nullptr && (g_spare_lock == nullptr || g_spare_mem_lock == nullptr))) {
+        // No spare for a held lock: the child does without the log rather than hang on it.
+        qv_store(trace_log_key, static_cast<MTTraceLogKey*>(nullptr));
+        return;
+    }
+    g_abandoned_guard = g_stream_guard;
+    g_stream_guard = g_spare_guard;
+    g_spare_guard = nullptr;
+    if (key == nullptr) return;
+    key->lock = g_spare_lock;
+    key->mem_lock = g_spare_mem_lock;
+    g_spare_lock = g_spare_mem_lock = nullptr;
+    qv_store(g_child_key, key);
+}
+
+// "<name>_<parent pid>" or "<name>_<parent pid>.<rest>" gets the child's id in place of the
+// parent's; a name without it gets "_<pid>" appended.
+void child_file_name(char* path, size_t size, int parentPid, int childPid) {
+    char parentId[24];
+    snprintf(parentId, sizeof(parentId), "_%d", parentPid);
+    const size_t idLen = strlen(parentId);
+    const size_t len = strlen(path);
+    if (len < 2) return;
+    const size_t suffix = len - 2;  // "_0" or "_1"
+    char* base_end = path + suffix;
+    char* found = nullptr;
+    for (char* p = strstr(path, parentId); p != nullptr && p < base_end; p = strstr(p + 1, parentId))
+        if (p + idLen == base_end || p[idLen] == '.') found = p;
+    char rebuilt[sizeof(MTTraceLogKey::log_file[0])];
+    if (found != nullptr)
+        snprintf(rebuilt, sizeof(rebuilt), "%.*s_%d%s", static_cast<int>(found - path), path, childPid,
+                 found + idLen);
+    else
+        snprintf(rebuilt, sizeof(rebuilt), "%.*s_%d%s", static_cast<int>(suffix), path, childPid, base_end);
+    snprintf(path, size, "%s", rebuilt);
+}
+
+// A forked child's first record: leaves the parent's files to the parent. Caller holds key->lock.
+void move_to_child_files(MTTraceLogKey* key, int* log_file_size) {
+    const int self = static_cast<int>(getpid());
+    {
+        StreamExclusive guard;
+        for (FILE*& fp : key->fp) {
+            FILE* open = qv_load(fp);
+            if (open != nullptr) fclose(open);  // the child's copy of the stream
+            qv_store(fp, static_cast<FILE*>(nullptr));
+        }
+        for (char* name : key->log_file) child_file_name(name, sizeof(key->log_file[0]), g_names_pid, self);
+        qv_store(key->cur_index, 0);
+        key->print_header = 1;
+    }
+    g_names_pid = self;
+    __atomic_store_n(log_file_size, 0, __ATOMIC_RELAXED);
+}
 
 const char* nz(const char* s) {
     return s ? s : "(null)";
@@ -127,6 +260,9 @@ MTTraceLogKey* qvlb_init_mt_trace_log_ex(const char* base_dir, const char* log_f
     key->testidx = 0;
     key->print_header = 1;
     key->cur_index = 0;
+    static pthread_once_t handlers = PTHREAD_ONCE_INIT;
+    pthread_once(&handlers, [] { pthread_atfork(fork_prepare, fork_parent, fork_child); });
+    g_names_pid = static_cast<int>(getpid());
     if (qvlb_create_nested_mutex(&key->lock, nullptr) != APR_SUCCESS ||
         qvlb_create_nested_mutex(&key->mem_lock, nullptr) != APR_SUCCESS) {
         if (key->lock) apr_thread_mutex_destroy(key->lock);
@@ -138,6 +274,13 @@ MTTraceLogKey* qvlb_init_mt_trace_log_ex(const char* base_dir, const char* log_f
 
 FILE* qvlb_open_mt_trace_log(MTTraceLogKey* key, int* log_file_size) {
     if (key == nullptr || log_file_size == nullptr) return nullptr;
+    if (qv_load(g_child_key) == key) {
+        QVLockGuard guard(key->lock);
+        if (qv_load(g_child_key) == key) {
+            move_to_child_files(key, log_file_size);
+            qv_store(g_child_key, static_cast<MTTraceLogKey*>(nullptr));
+        }
+    }
     const long long max = trace_max_size();
     if (__atomic_load_n(log_file_size, __ATOMIC_RELAXED) >= max) {
         QVLockGuard guard(key->lock);
@@ -271,6 +414,7 @@ extern "C" QV_EXPORT void qvlb_mt_trace_log_mem(int level, const char* thread_na
 void qvlb_trace_log_reset_for_test() {
     MTTraceLogKey* key = trace_log_key;
     qv_store(trace_log_key, static_cast<MTTraceLogKey*>(nullptr));
+    qv_store(g_child_key, static_cast<MTTraceLogKey*>(nullptr));
     if (key == nullptr) return;
     {
         StreamExclusive guard;

@@ -23,7 +23,9 @@ struct MTTraceLogKey {
 };
 
 // The process log; null until the agent opens it. Owned by the process, never freed
-// (except by qvlb_trace_log_reset_for_test).
+// (except by qvlb_trace_log_reset_for_test). A fork waits for a rollover or record in progress;
+// the child gets fresh locks and, from its first record on, files of its own: the parent's names
+// with the child's process id in place of the parent's ("_<pid>" added when a name has none).
 extern MTTraceLogKey* trace_log_key;
 // Memory tracing: 0 off, >= 1 logs every allocation under "MEMORY", 2 also counts them.
 extern int qv_mem_trace_level;

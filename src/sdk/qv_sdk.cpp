@@ -3,6 +3,7 @@
 #include "sdk/qv_sdk.h"
 
 #include <apr_strings.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -47,13 +48,19 @@ char sdkUrl[] = "/test";
 
 // "<time> |<pid> |" of the second it was made for: localtime and getpid once per second per
 // thread instead of once per line. Zero-initialised (len 0: not formed yet), so the per-thread
-// copy needs no initialisation guard.
+// copy needs no initialisation guard. A forked child forgets its copy (forgetPrefix), so its
+// first line already carries its own process id.
 struct PrefixCache {
     time_t second;
     int len;
     char text[64];
 };
 thread_local PrefixCache tlPrefix;
+
+// Runs in a forked child, whose only thread is the one that forked.
+void forgetPrefix() {
+    tlPrefix = PrefixCache{};
+}
 
 __attribute__((noinline)) void copyLong(char* dst, const char* src, size_t n) {
     memcpy(dst, src, n);
@@ -368,15 +375,13 @@ void qv_sdk_create_file_name() {
     qvSDKLog* rec = qv_load_acquire(qv_sdk_log);
     if (rec == nullptr) return;
     closeLogFile(rec);
-    char home[1024];
-    const char* dir = qvlb_get_env_var_value("QVHOME", home, sizeof(home));
-    if (dir == nullptr || dir[0] == '\0') dir = QV_SDK_DEFAULT_HOME;
     char dateTime[32];
     qvlb_get_cur_date_time(dateTime, sizeof(dateTime));
     const int procId = static_cast<int>(getpid());
-    int n0 = snprintf(rec->file_name[0], QV_SDK_FILE_NAME_SIZE, "%slogs/qv_sdk_%s_%d.log_0", dir, dateTime,
-                      procId);
-    snprintf(rec->file_name[1], QV_SDK_FILE_NAME_SIZE, "%slogs/qv_sdk_%s_%d.log_1", dir, dateTime, procId);
+    int n0 = snprintf(rec->file_name[0], QV_SDK_FILE_NAME_SIZE, "%sqv_sdk_%s_%d.log_0", QV_SDK_LOG_DIR,
+                      dateTime, procId);
+    snprintf(rec->file_name[1], QV_SDK_FILE_NAME_SIZE, "%sqv_sdk_%s_%d.log_1", QV_SDK_LOG_DIR, dateTime,
+             procId);
     // A cut name could create a file somewhere unintended: treat it as unopenable.
     FILE* fp = n0 >= 0 && n0 < QV_SDK_FILE_NAME_SIZE ? fopen(rec->file_name[0], "w") : nullptr;
     if (fp == nullptr) {
@@ -400,6 +405,8 @@ qvSDKLog* qv_sdk_log_init() {
         }
     }
     qv_store(g_qv_sdk_log_init, 1);
+    static pthread_once_t handlers = PTHREAD_ONCE_INIT;
+    pthread_once(&handlers, [] { pthread_atfork(nullptr, nullptr, forgetPrefix); });
     rec->max_file_size = 10485760;
     rec->log = qv_sdk_trace_log;
     qv_store_release(qv_sdk_log, rec);
@@ -448,7 +455,8 @@ void qv_init_internal(int pauseSeconds) {
     agent_init("qvsdk", 1, "qvsdk", "skd");
     qvlb_apr_init();
     if (sdk_pool == nullptr && apr_pool_create(&sdk_pool, nullptr) != APR_SUCCESS) sdk_pool = nullptr;
-    QV_SDK_LOG(2, "Method Called, sdk_pool created");
+    // Logged as the exported function, whose work this is.
+    QV_SDK_LOG_AS("qv_init", 2, "Method Called, sdk_pool created");
     if (sdk_pool != nullptr) {
         apr_thread_mutex_t* lock = qv_load_acquire(bt_lock);
         if (lock == nullptr &&
@@ -456,7 +464,7 @@ void qv_init_internal(int pauseSeconds) {
             qv_store_release(bt_lock, lock);
         if (qv_load_acquire(g_bt_hash) == nullptr) qv_store_release(g_bt_hash, apr_hash_make(sdk_pool));
     }
-    QV_SDK_LOG(1, "Method End");
+    QV_SDK_LOG_AS("qv_init", 1, "Method End");
     if (pauseSeconds > 0)
         qvlb_sleep_ms_interruptible(static_cast<long long>(pauseSeconds) * 1000, &qvAgentStopping);
 }
@@ -477,9 +485,10 @@ QV_EXPORT void qv_init(void) {
 QV_EXPORT void qv_free(void) {
     QV_SDK_LOG(2, "Method Called");
     releaseTable();
-    // The last line goes out before the record it is written through is released.
     QV_SDK_LOG(1, "Method End");
-    releaseLog();
+    // The log record and its file stay: lines logged later (and after a new qv_init) go on into
+    // the same file, and nothing that still holds the record is left dangling.
+    qv_sdk_log_flush();
 }
 
 QV_EXPORT qvBTHandle qv_bt_begin(char* bt_name, char* correlation_header) {

@@ -21,8 +21,8 @@ struct node_t;
 #define QV_SDK_FILE_NAME_SIZE 1025
 // Longest SDK log line, newline included; a longer message is cut to fit.
 #define QV_SDK_LOG_LINE_MAX 8192
-// Directory of the SDK log when QVHOME is unset.
-#define QV_SDK_DEFAULT_HOME "/opt/korlund/quovix/"
+// Directory of the SDK log, whatever the agent home; the SDK does not create it.
+#define QV_SDK_LOG_DIR "/opt/korlund/quovix/logs/"
 // Seconds qv_init pauses after start-up.
 #define QV_SDK_INIT_PAUSE_SECS 30
 
@@ -38,10 +38,11 @@ struct qvSDKLog {
     void* sdk_lock;  // unused: the log writer serialises the lines
 };
 
-// The SDK log record, or null before the log is set up and after qv_free. Published with a
-// release store; read it with qv_load_acquire.
+// The SDK log record, or null before the log is set up. Kept by qv_free (it is never freed,
+// except by qv_sdk_reset_for_test). Published with a release store; read it with qv_load_acquire.
 extern qvSDKLog* qv_sdk_log;
-// 1 once the log record was allocated (back to 0 when qv_free releases it).
+// 1 once the log record was allocated; qv_free leaves it so, and a later qv_init logs on into
+// the same file.
 extern int g_qv_sdk_log_init;
 // Created by qv_init, destroyed by qv_free: owns g_bt_hash, bt_lock and the stored id copies.
 extern apr_pool_t* sdk_pool;
@@ -52,16 +53,19 @@ extern apr_hash_t* g_bt_hash;
 // methodId of the backend of the last outermost database callout that ended (qv_load).
 extern int dbBackendId;
 
-// Writes one SDK log line through qv_sdk_log when the record and its writer exist.
-#define QV_SDK_LOG(level, ...)                                      \
-    do {                                                            \
-        qvSDKLog* qv_sdk_l_ = qv_load_acquire(qv_sdk_log);          \
-        if (qv_sdk_l_ != nullptr && qv_sdk_l_->log != nullptr)      \
-            qv_sdk_l_->log(level, __func__, __LINE__, __VA_ARGS__); \
+// Writes one SDK log line through qv_sdk_log when the record and its writer exist, naming the
+// calling function (QV_SDK_LOG) or func (QV_SDK_LOG_AS).
+#define QV_SDK_LOG_AS(func, level, ...)                         \
+    do {                                                        \
+        qvSDKLog* qv_sdk_l_ = qv_load_acquire(qv_sdk_log);      \
+        if (qv_sdk_l_ != nullptr && qv_sdk_l_->log != nullptr)  \
+            qv_sdk_l_->log(level, func, __LINE__, __VA_ARGS__); \
     } while (0)
+#define QV_SDK_LOG(level, ...) QV_SDK_LOG_AS(__func__, level, __VA_ARGS__)
 
 // The work of qv_init without its fixed pause: SDK log (if not set up), module wiring,
-// agent_init("qvsdk", 1, "qvsdk", "skd"), sdk_pool, bt_lock, g_bt_hash; then sleeps
+// agent_init("qvsdk", 1, "qvsdk", "skd"), sdk_pool, bt_lock, g_bt_hash (its lines name
+// qv_init); then sleeps
 // pauseSeconds (0: none), ending early when qv_agent_shutdown sets qvAgentStopping. One thread,
 // no other SDK call meanwhile.
 void qv_init_internal(int pauseSeconds);
@@ -71,9 +75,9 @@ void qv_init_internal(int pauseSeconds);
 // ("ERROR |...|Memory allocation of qvSDKLog failed" on stderr). Not thread-safe (qv_init).
 qvSDKLog* qv_sdk_log_init();
 
-// Forms both file names "<home>logs/qv_sdk_<YYYYMMDDhhmmss>_<pid>.log_0" and "_1" (home:
-// QVHOME when set and non-empty, used as given, else /opt/korlund/quovix/), opens "_0" for
-// writing (truncating; the directory is not created) and writes the header line. A failure
+// Forms both file names "/opt/korlund/quovix/logs/qv_sdk_<YYYYMMDDhhmmss>_<pid>.log_0" and "_1"
+// (QVHOME plays no part), opens "_0" for writing (truncating; the directory is not created) and
+// writes the header line. A failure
 // prints "ERROR |...|Unable to open file: <name>" on stderr and leaves file_fp null. Nothing
 // while qv_sdk_log is null.
 void qv_sdk_create_file_name();
@@ -82,9 +86,10 @@ void qv_sdk_create_file_name();
 // (DEBUG, INFO, WARNING, CRITICAL, ERROR), then the message and "\n"; other levels no prefix.
 // Formats %s (null prints "(null)"), %d, %i, %u (also with l or ll), %p and %% itself, as printf
 // would; anything else (flags, widths, other conversions) goes through vsnprintf. The whole line
-// is staged at once (qv_sdk_log_writer.h), so lines of different threads never mix, and the
-// caller never waits for the disk; a line the staging buffer cannot take is dropped. The time
-// text is formed once per second per thread. Returns 0, or -1 (and a note on stderr) without an
+// is staged at once (qv_sdk_log_writer.h), so lines of different threads never mix; the caller
+// waits for the disk only when the staging buffers are full, and no line is dropped. A forked
+// child writes its lines at once, with its own process id. The time text is formed once per
+// second per thread. Returns 0, or -1 (and a note on stderr) without an
 // open file. Any thread.
 int qv_sdk_trace_log(int level, const char* func_name, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));

@@ -2,13 +2,19 @@
 // the control thread and the test reset.
 #include <unistd.h>
 
+#include <atomic>
+#include <fstream>
+#include <iterator>
 #include <regex>
+#include <thread>
 #include <vector>
 
 #include "core/QVConfig.h"
 #include "core_fixture.h"
 #include "foundation/qvlb_mt_log.h"
+#include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_util.h"
+#include "support/child_process.h"
 
 namespace {
 
@@ -50,30 +56,23 @@ TEST_F(AgentTest, ConnectZeroOpensTraceLogOnly) {
     ASSERT_NE(qvApplication, nullptr);
     EXPECT_EQ(QVProxyInstance, qvApplication);
     expectTraceFile("proc_pool");
-
     // Nothing after the trace log: no settings read, no locks, no pool name, no BCI defaults.
     EXPECT_EQ(qvApplication->QVSys.agentTraceLevel, 0);
-    EXPECT_EQ(controlThreadTmpLock, nullptr);
-    EXPECT_EQ(methodEntryLock, nullptr);
+    EXPECT_EQ(std::make_tuple(controlThreadTmpLock, methodEntryLock, control_thread_id),
+              std::make_tuple(nullptr, nullptr, nullptr));
     EXPECT_EQ(pool_name, nullptr);
     EXPECT_EQ(qvApplication->QVBCISetting.agentType, nullptr);
-    EXPECT_EQ(control_thread_id, nullptr);
 
     // The log file itself appears with the first record, header and build first.
-    qvApplication->QVSys.agentTraceLevel = 1;
     QV_TRACE_IF(true, "CONTROL_THREAD", "Info", "first record");
     ASSERT_EQ(home_.traceLogFiles().size(), 1u);
-    const std::string text = home_.traceLogs();
-    EXPECT_EQ(text.rfind("#TimeStamp|TestRun|", 0), 0u);
-    EXPECT_TRUE(logged("5.1.0 build 42"));
+    EXPECT_EQ(
+        home_.traceLogs().rfind("#TimeStamp|TestRun|Thread Name|Thread ID|Module Name|Src file name|Line "
+                                "number|Function|Severity|Message\n5.1.0 build 42 \n",
+                                0),
+        0u);
     EXPECT_TRUE(logged("|CONTROL_THREAD|"));
-
-    // The proxy's record: defaults, and the home from the environment.
-    initializeProxyStruct();
-    EXPECT_EQ(std::make_tuple(QVProxy.proxyServerFlag, QVProxy.proxyPort, QVProxy.qvcPort),
-              std::make_tuple(0, 7892, 0));
-    EXPECT_EQ(QVProxy.qvHomePath, nullptr);
-    EXPECT_STREQ(QVProxy.proxyHost, "127.0.0.1");
+    // The proxy's home comes from the environment too.
     setProxyQVHome();
     EXPECT_STREQ(QVProxy.qvHomePath, home_.path().c_str());
 }
@@ -90,14 +89,13 @@ TEST_F(AgentTest, ConnectOneReadsSettingsAndStartsNoThreadWithoutEntry) {
     EXPECT_STREQ(proc_name, "proc");
     EXPECT_STREQ(qvApplication->agentName, "pool");
     EXPECT_STREQ(qvApplication->QVBCISetting.agentType, "PHP");
-    EXPECT_EQ(qvApplication->QVBCISetting.btErrorArray[404], 'F');
     EXPECT_EQ(getPID(), static_cast<long long>(getpid()));
     EXPECT_EQ(control_thread_id, nullptr);
-    EXPECT_TRUE(logged("Going to create hashMap of flowpath instance to TLS"));
-    EXPECT_TRUE(logged("Going to start control thread ..."));
-    EXPECT_TRUE(logged("No control thread installed; the agent will not connect to the collector."));
+    for (const char* text :
+         {"Going to create hashMap of flowpath instance to TLS", "Going to start control thread ...",
+          "No control thread installed; the agent will not connect to the collector."})
+        EXPECT_TRUE(logged(text)) << text;
     qv_agent_shutdown();  // nothing to join
-    EXPECT_EQ(qv_load(qvAgentStopping), 1);
 }
 
 TEST_F(AgentTest, SecondCallHasNoEffectUntilTestReset) {
@@ -146,4 +144,48 @@ TEST_F(AgentStartupConcurrency, ControlThreadStartsAndStopsOrItsCreationFailureI
     EXPECT_EQ(control_thread_id, nullptr);
     EXPECT_EQ(qv_load(controlThreadRan), 1);
     EXPECT_TRUE(logged("Control thread created successfully... '"));
+}
+
+// A child forked while another thread holds the trace log's lock rolls over without hanging, in
+// files of its own named with its process id from its first record on.
+TEST_F(AgentTest, ForkedChildRollsOverInFilesOfItsOwn) {
+    start(0);
+    qvApplication->QVSys.traceMaxSize = 400;
+    QV_TRACE_IF(true, "CONTROL_THREAD", "Info", "parent before");
+    const std::string parentFile = trace_log_key->log_file[0];
+    std::atomic<bool> held{false};
+    std::thread rollover([&] {
+        QVLockGuard guard(trace_log_key->lock);
+        held = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    });
+    while (!held) std::this_thread::yield();
+    const pid_t child = fork();
+    if (child == 0) {
+        for (int i = 0; i < 20; i++) QV_TRACE_IF(true, "CONTROL_THREAD", "Info", "child record %d", i);
+        _exit(0);
+    }
+    rollover.join();
+    ASSERT_TRUE(childExitedCleanly(child));
+    QV_TRACE_IF(true, "CONTROL_THREAD", "Info", "parent after");
+
+    auto read = [](const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    const std::string parentText = read(parentFile);
+    EXPECT_NE(parentText.find("parent before"), std::string::npos);
+    EXPECT_NE(parentText.find("parent after"), std::string::npos);
+    EXPECT_EQ(parentText.find("child record"), std::string::npos);
+    // The parent's names with the child's id: "..._<pid>.log_0" and "_1", each with its header.
+    std::string childBase = parentFile.substr(0, parentFile.size() - 1);
+    const std::string parentId = "_" + std::to_string(getpid()) + ".log_";
+    childBase.replace(childBase.rfind(parentId), parentId.size(), "_" + std::to_string(child) + ".log_");
+    std::string childText;
+    for (const char* i : {"0", "1"}) {
+        const std::string text = read(childBase + i);
+        EXPECT_EQ(text.rfind("#TimeStamp|TestRun|", 0), 0u) << childBase << i;
+        childText += text;
+    }
+    EXPECT_NE(childText.find("child record 19"), std::string::npos);
 }

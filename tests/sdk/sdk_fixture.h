@@ -1,6 +1,6 @@
-// Shared by the SDK tests: a temporary agent home with logs/, the SDK started without its pause
-// or control thread (no collector answers here), the reset of every module it started, and the
-// SDK log read back as lines.
+// Shared by the SDK tests: a temporary agent home, the SDK log's directory, the SDK started
+// without its pause or control thread (no collector answers here), the reset of every module it
+// started, and the SDK log read back as lines.
 #ifndef QV_TESTS_SDK_FIXTURE_H
 #define QV_TESTS_SDK_FIXTURE_H
 
@@ -50,9 +50,9 @@ inline std::vector<std::string> splitLines(const std::string& text) {
     return out;
 }
 
-// Prefix of a level 1..5 line of this process up to the function name, as a regex.
-inline std::string prefixRe(const std::string& word, const std::string& func) {
-    return R"(\d{2}-[A-Z][a-z]{2}-\d{2} \d{2}:\d{2}:\d{2} \|)" + std::to_string(getpid()) + " \\|" + word +
+// Prefix of a level 1..5 line of process pid up to the function name, as a regex.
+inline std::string prefixRe(const std::string& word, const std::string& func, pid_t pid = getpid()) {
+    return R"(\d{2}-[A-Z][a-z]{2}-\d{2} \d{2}:\d{2}:\d{2} \|)" + std::to_string(pid) + " \\|" + word +
            " \\|" + func + R"( : \d+ \|)";
 }
 
@@ -64,14 +64,19 @@ class SdkFixture : public ::testing::Test {
   protected:
     void SetUp() override {
         home_ = std::make_unique<TempAgentHome>();
-        std::filesystem::create_directories(home_->path() + "logs");
+        // The SDK log's fixed directory; each test finds its own file there by its process id.
+        std::error_code ec;
+        std::filesystem::create_directories(QV_SDK_LOG_DIR, ec);
+        if (access(QV_SDK_LOG_DIR, W_OK) != 0) GTEST_SKIP() << "cannot write " << QV_SDK_LOG_DIR;
     }
     void TearDown() override {
         qvlb_fault_reset();
+        const std::string own = logName();
         if (agentStarted_)
             resetWholeAgent([this] { afterDataStop(); });
         else
             qv_sdk_reset_for_test();
+        if (!own.empty()) std::filesystem::remove(own);
         home_.reset();
     }
     // Runs once the agent's threads stopped, before the collector settings are freed.
