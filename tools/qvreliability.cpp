@@ -21,6 +21,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <sstream>
@@ -168,7 +169,39 @@ const char* const kCallNames[kCalls] = {
     "qv_bt_begin",          "qv_method_entry",          "qv_method_exit",         "qv_ip_db_callout_begin",
     "qv_ip_db_callout_end", "qv_ip_http_callout_begin", "qv_ip_http_callout_end", "qv_bt_end"};
 
+// Call times in log-linear buckets (32 per power of two, within 3 %), for the percentiles.
+struct Histogram {
+    static constexpr int kBuckets = 64 + 58 * 32;
+    long long n[kBuckets] = {};
+
+    static int index(long long v) {
+        if (v < 64) return v < 0 ? 0 : static_cast<int>(v);
+        const int log2 = 63 - __builtin_clzll(static_cast<unsigned long long>(v));
+        return 64 + (log2 - 6) * 32 + static_cast<int>(v >> (log2 - 5)) - 32;
+    }
+    // Largest value a bucket holds.
+    static long long upper(int i) {
+        if (i < 64) return i;
+        const int shift = (i - 64) / 32 + 1;
+        return ((static_cast<long long>(32 + (i - 64) % 32) + 1) << shift) - 1;
+    }
+    void add(long long v) { ++n[index(v)]; }
+    void merge(const Histogram& o) {
+        for (int i = 0; i < kBuckets; i++) n[i] += o.n[i];
+    }
+    // The value that q of the samples do not exceed (bucket upper bound).
+    long long quantile(double q, long long total) const {
+        const long long want = static_cast<long long>(static_cast<double>(total) * q + 0.999999);
+        long long seen = 0;
+        for (int i = 0; i < kBuckets; i++)
+            if ((seen += n[i]) >= want && n[i] > 0) return upper(i);
+        return 0;
+    }
+};
+
 struct CallStats {
+    Histogram wall[kCalls];
+    Histogram asleep[kCalls];
     long long count[kCalls] = {};
     long long totalNs[kCalls] = {};
     long long maxNs[kCalls] = {};
@@ -179,6 +212,8 @@ struct CallStats {
 
     void add(Call c, long long startNs, long long ns, long long blockedNs) {
         ++count[c];
+        wall[c].add(ns);
+        asleep[c].add(blockedNs);
         totalNs[c] += ns;
         if (ns > 1000000) ++over1ms[c];
         if (ns > maxNs[c]) {
@@ -191,6 +226,8 @@ struct CallStats {
     void merge(const CallStats& o) {
         for (int c = 0; c < kCalls; ++c) {
             count[c] += o.count[c];
+            wall[c].merge(o.wall[c]);
+            asleep[c].merge(o.asleep[c]);
             totalNs[c] += o.totalNs[c];
             over1ms[c] += o.over1ms[c];
             blockedOver1ms[c] += o.blockedOver1ms[c];
@@ -252,7 +289,8 @@ struct Ended {
 };
 
 struct Worker {
-    CallStats stats;
+    std::unique_ptr<CallStats> stats =
+        std::make_unique<CallStats>();  // large: on the heap, made before the run
     std::vector<Ended> ended;
     long long refused = 0;
 };
@@ -265,22 +303,23 @@ void oneTransaction(Worker& w, int thread, long long n) {
     char url[64], outer[] = "Rel::handle", inner[] = "Rel::load", db[] = "rel-db",
                   sql[] = "select * from t where id = ?", http[] = "rel-api", path[] = "/v1/x";
     snprintf(url, sizeof(url), "/rel/t%d/k%lld", thread, n % 4);
-    qvBTHandle h = timed(w.stats, kBegin, [&] { return qv_bt_begin(url, nullptr); });
+    qvBTHandle h = timed(*w.stats, kBegin, [&] { return qv_bt_begin(url, nullptr); });
     if (h == nullptr) {
         ++w.refused;
         return;
     }
-    timed(w.stats, kEntry, [&] { return qv_method_entry(h, outer), 0; });
-    timed(w.stats, kEntry, [&] { return qv_method_entry(h, inner), 0; });
-    qvIPCallOutHandle d = timed(w.stats, kDbBegin, [&] { return qv_ip_db_callout_begin(h, db, sql); });
-    timed(w.stats, kDbEnd, [&] { return qv_ip_db_callout_end(h, d); });
-    timed(w.stats, kExit, [&] { return qv_method_exit(h, inner), 0; });
-    qvIPCallOutHandle a = timed(w.stats, kHttpBegin, [&] { return qv_ip_http_callout_begin(h, http, path); });
-    timed(w.stats, kHttpEnd, [&] { return qv_ip_http_callout_end(h, a); });
-    timed(w.stats, kExit, [&] { return qv_method_exit(h, outer), 0; });
+    timed(*w.stats, kEntry, [&] { return qv_method_entry(h, outer), 0; });
+    timed(*w.stats, kEntry, [&] { return qv_method_entry(h, inner), 0; });
+    qvIPCallOutHandle d = timed(*w.stats, kDbBegin, [&] { return qv_ip_db_callout_begin(h, db, sql); });
+    timed(*w.stats, kDbEnd, [&] { return qv_ip_db_callout_end(h, d); });
+    timed(*w.stats, kExit, [&] { return qv_method_exit(h, inner), 0; });
+    qvIPCallOutHandle a =
+        timed(*w.stats, kHttpBegin, [&] { return qv_ip_http_callout_begin(h, http, path); });
+    timed(*w.stats, kHttpEnd, [&] { return qv_ip_http_callout_end(h, a); });
+    timed(*w.stats, kExit, [&] { return qv_method_exit(h, outer), 0; });
     // The record stays the transaction's until the test run ends, so its id can be read here.
     std::string fpi(static_cast<QVPerThreadData_t*>(h)->flowpathInstanceStr);
-    timed(w.stats, kEnd, [&] { return qv_bt_end(h); });
+    timed(*w.stats, kEnd, [&] { return qv_bt_end(h); });
     w.ended.push_back({std::move(fpi), nowMs()});
 }
 
@@ -499,11 +538,12 @@ bool runKillPart(const Options& o, const fs::path& work) {
     waitUntil([&] { return testRunning() && dataThreadRunning(); }, 30000);
     const bool stopped = stopTestRun(last);
 
-    CallStats all;
+    auto allStats = std::make_unique<CallStats>();
+    CallStats& all = *allStats;
     long long refused = 0;
     std::vector<Ended> ended;
     for (Worker& w : workers) {
-        all.merge(w.stats);
+        all.merge(*w.stats);
         refused += w.refused;
         ended.insert(ended.end(), w.ended.begin(), w.ended.end());
     }
@@ -547,15 +587,17 @@ bool runKillPart(const Options& o, const fs::path& work) {
         "while the agent reconnected)\n",
         runMs / 1000.0, o.transactions, ended.size(), refused);
     printf("SDK call latency (all threads):\n");
-    printf("  %-26s %10s %10s %10s %8s %12s %10s\n", "call", "calls", "mean us", "max us", ">1 ms",
-           "max asleep us", "asleep >1 ms");
+    printf("  %-26s %8s %8s %9s %9s %6s %11s %11s %8s\n", "call", "calls", "mean us", "p99.9 us", "max us",
+           ">1 ms", "p99.9 asleep", "max asleep", "asleep>1");
     long long maxNs = 0, over = 0, maxBlocked = 0, blockedOver = 0;
     int slowest = 0;
     for (int c = 0; c < kCalls; ++c) {
         if (all.count[c] == 0) continue;
-        printf("  %-26s %10lld %10.2f %10.1f %8lld %12.1f %10lld\n", kCallNames[c], all.count[c],
-               all.totalNs[c] / 1000.0 / static_cast<double>(all.count[c]), all.maxNs[c] / 1000.0,
-               all.over1ms[c], all.maxBlockedNs[c] / 1000.0, all.blockedOver1ms[c]);
+        printf("  %-26s %8lld %8.2f %9.1f %9.1f %6lld %11.1f %11.1f %8lld\n", kCallNames[c], all.count[c],
+               all.totalNs[c] / 1000.0 / static_cast<double>(all.count[c]),
+               all.wall[c].quantile(0.999, all.count[c]) / 1000.0, all.maxNs[c] / 1000.0, all.over1ms[c],
+               all.asleep[c].quantile(0.999, all.count[c]) / 1000.0, all.maxBlockedNs[c] / 1000.0,
+               all.blockedOver1ms[c]);
         over += all.over1ms[c];
         blockedOver += all.blockedOver1ms[c];
         maxBlocked = std::max(maxBlocked, all.maxBlockedNs[c]);

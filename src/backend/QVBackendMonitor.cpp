@@ -30,6 +30,11 @@ constexpr QVBackendMonitor_t kStartValues = {
 // refresh (control thread) and generation (reporting thread) never overlap.
 apr_thread_mutex_t* ipAggLock = nullptr;
 
+// One report at a time and its own merged counters (see QVMonitorWorkArray): the merge runs
+// without ipAggLock, which a callout to a new backend takes.
+apr_thread_mutex_t* ipReportMutex = nullptr;
+QVMonitorWorkArray<QVBackendMonitorDataCounters> work;
+
 int ipTraceLevel() {
     return qvApplication ? qv_load(qvApplication->QVSys.backendMonTraceLevel) : 0;
 }
@@ -58,13 +63,14 @@ bool ensureAggArrayLocked() {
     return true;
 }
 
-// Merges one thread model's backend blocks. Runs under ipLock and controlThreadTmpLock.
-void mergeModel(QVMonitorDataModel* model, void*) {
+// Merges one thread model's backend blocks into work; ctx holds the merged array's size when
+// the report began.
+void mergeModel(QVMonitorDataModel* model, void* ctx) {
     if (model == nullptr) return;
     QVLockGuard guard(model->lockForIP);
     int size = model->currentSizeOfBackendArray;
     if (size <= 0 || model->ipmDataArray == nullptr) return;
-    int aggSize = QVBackendMonitor.aggDataArraySize;
+    int aggSize = *static_cast<int*>(ctx);
     if (size > aggSize) {
         IP_TRACE(> 0, "Error", "currentSizeOfBackendArray = %d is greater than aggDataArraySize = %d", size,
                  aggSize);
@@ -73,8 +79,8 @@ void mergeModel(QVMonitorDataModel* model, void*) {
     for (int i = 0; i < size; i++) {
         QVBackendMonitorDataCounters* block = model->ipmDataArray[i];
         if (block == nullptr) continue;
-        updateBackendDataCountersForAggregate(&QVBackendMonitor.aggIPDataArr[i], block);
-        QVBackendMonitor.aggIPDataArr[i].dataExist = 1;
+        updateBackendDataCountersForAggregate(&work.arr[i], block);
+        work.arr[i].dataExist = 1;
     }
 }
 
@@ -194,12 +200,24 @@ bool generateAndDumpBackendMonitoringRecord(char* buf, int* len) {
                  "Returnign without dumping any monitoring record,as no threads executed any BT yet.");
         return false;
     }
-    QVLockGuard guard(ipLock());
-    if (!ensureAggArrayLocked()) return false;
-    forEachMonitorDataModel(mergeModel, nullptr);
-    int size = QVBackendMonitor.aggDataArraySize;
+    QVLockGuard report(qvMonitorLazyLock(&ipReportMutex));
+    int size;
+    {
+        QVLockGuard guard(ipLock());
+        if (!ensureAggArrayLocked()) return false;
+        size = QVBackendMonitor.aggDataArraySize;
+    }
+    if (!qvMonitorWorkReserve(&work, size, initOnStartInstrumentationIP, "backend monitor report"))
+        return false;
+    forEachMonitorDataModel(mergeModel, &size);
+    {
+        // The array only grows, so every entry below size is still there, maybe moved.
+        QVLockGuard guard(ipLock());
+        for (int i = 1; i < size; i++)
+            if (work.arr[i].dataExist) work.arr[i].mpp = QVBackendMonitor.aggIPDataArr[i].mpp;
+    }
     for (int i = 1; i < size; i++) {
-        QVBackendMonitorDataCounters* entry = &QVBackendMonitor.aggIPDataArr[i];
+        QVBackendMonitorDataCounters* entry = &work.arr[i];
         if (!entry->dataExist) continue;
         methodPropProperties* mpp = entry->mpp;
         if (mpp != nullptr) {
@@ -233,6 +251,10 @@ void QVBackendMonitorKeywordInit() {
 }
 
 void qvBackendMonitorResetForTest() {
+    {
+        QVLockGuard report(qvMonitorLazyLock(&ipReportMutex));
+        qvMonitorWorkFree(&work, "backend monitor report");
+    }
     qvlb_free(QVBackendMonitor.aggIPDataArr, "aggIPDataArr", -1);
     QVBackendMonitor = kStartValues;
     if (ipAggLock != nullptr) {

@@ -31,10 +31,14 @@ constexpr double kUnsetMinReported = 500000.0;
 // Longest 74 record: prefixes (1087) + name (128) + 40 values of at most ~330 characters.
 constexpr int kLineSize = 16384;
 
-// Guards the merged array (which growth may move), the entries' tlBTObj and the prefixes, so a
-// report never sees an array being reallocated or a prefix being rewritten. Taken before
-// controlThreadTmpLock and the models' locks.
+// Guards the merged array (which growth may move), the entries' tlBTObj and the prefixes. Held
+// only briefly by a report (never across the merge), as a request naming a new BT takes it.
 apr_thread_mutex_t* mergeLock = nullptr;
+
+// One report at a time, and the report's own merged counters (see QVMonitorWorkArray). Taken
+// before mergeLock; no application thread takes it.
+apr_thread_mutex_t* reportMutex = nullptr;
+QVMonitorWorkArray<QVBTMonitorDataCounters> work;
 
 apr_thread_mutex_t* monitorLock() {
     apr_thread_mutex_t* m = qv_load_acquire(mergeLock);
@@ -100,11 +104,12 @@ struct LineBuf {
     }
 };
 
-void mergeModel(QVMonitorDataModel* m, void*) {
+// Merges one model into work; ctx holds the merged array's size when the report began.
+void mergeModel(QVMonitorDataModel* m, void* ctx) {
     QVLockGuard guard(m->lockForBT);
     int size = m->currentSizeOfBTArray;
     if (size == 0 || m->btmDataArray == nullptr) return;
-    int aggSize = QVBTMonitor.aggDataArraySize;
+    int aggSize = *static_cast<int*>(ctx);
     if (size > aggSize) {
         QV_TRACE_IF(btLevel() > 0, kModule, "Error",
                     "currentSizeOfBTArray = %d is greater then QVBTMonitor.aggDataArraySize = %d", size,
@@ -115,8 +120,8 @@ void mergeModel(QVMonitorDataModel* m, void*) {
         QVBTMonitorDataCounters* t = m->btmDataArray[i];
         // A block with nothing counted since the last merge must not make a record.
         if (!btCountersHaveData(t)) continue;
-        updateBTDataCountersForAggregate(&QVBTMonitor.aggBTDataArr[i], t);
-        QVBTMonitor.aggBTDataArr[i].dataExist = 1;
+        updateBTDataCountersForAggregate(&work.arr[i], t);
+        work.arr[i].dataExist = 1;
     }
 }
 
@@ -267,11 +272,22 @@ bool generateAndDumpBTMonitoringRecord(char* buf, int* usedLen) {
             "Returning without dumping any monitoring record, as no business transactions discovered yet.");
         return false;
     }
-    QVLockGuard guard(monitorLock());
-    if (!ensureAggArray()) return false;
-    forEachMonitorDataModel(mergeModel, nullptr);
-    QVBTMonitorDataCounters* agg = QVBTMonitor.aggBTDataArr;
-    int size = QVBTMonitor.aggDataArraySize;
+    QVLockGuard report(qvMonitorLazyLock(&reportMutex));
+    int size;
+    {
+        QVLockGuard guard(monitorLock());
+        if (!ensureAggArray()) return false;
+        size = QVBTMonitor.aggDataArraySize;
+    }
+    if (!qvMonitorWorkReserve(&work, size, initQVBTMonitorDataCounters, "BT monitor report")) return false;
+    forEachMonitorDataModel(mergeModel, &size);
+    QVBTMonitorDataCounters* agg = work.arr;
+    {
+        // The array only grows, so every entry below size is still there, maybe moved.
+        QVLockGuard guard(monitorLock());
+        for (int i = 1; i < size; i++)
+            if (agg[i].dataExist) agg[i].tlBTObj = QVBTMonitor.aggBTDataArr[i].tlBTObj;
+    }
     for (int i = 1; i < size; i++) {
         if (!agg[i].dataExist) continue;
         dump74RecordForEveryBT(buf, usedLen, QV_MONITOR_BUFFER_SIZE, &agg[i], i,
@@ -363,6 +379,8 @@ int parseDoNotDiscardVal(char* value, char* keyword, int index) {
 }
 
 void qvBTMonitorResetForTest() {
+    QVLockGuard report(qvMonitorLazyLock(&reportMutex));
+    qvMonitorWorkFree(&work, "BT monitor report");
     QVLockGuard guard(monitorLock());
     qvlb_free(QVBTMonitor.aggBTDataArr, kAggPurpose, -1);
     QVBTMonitor = QVBTMonitor_t{};

@@ -47,13 +47,17 @@ int handleSizeDataArr(void** dataArr, int oldLen, int id, int elemSize, const ch
     return static_cast<int>(newLen);
 }
 
-apr_thread_mutex_t* qvMonitorRegistryLock() {
-    apr_thread_mutex_t* m = qv_load_acquire(controlThreadTmpLock);
+apr_thread_mutex_t* qvMonitorLazyLock(apr_thread_mutex_t** lock) {
+    apr_thread_mutex_t* m = qv_load_acquire(*lock);
     if (m == nullptr) {
-        qvlb_create_nested_mutex(&controlThreadTmpLock, nullptr);
-        m = qv_load_acquire(controlThreadTmpLock);
+        qvlb_create_nested_mutex(lock, nullptr);
+        m = qv_load_acquire(*lock);
     }
     return m;
+}
+
+apr_thread_mutex_t* qvMonitorRegistryLock() {
+    return qvMonitorLazyLock(&controlThreadTmpLock);
 }
 
 int initLock(apr_thread_mutex_t** lock) {

@@ -5,6 +5,10 @@
 
 #include <apr_thread_mutex.h>
 
+#include <cstring>
+
+#include "foundation/qvlb_mem.h"
+
 // Size of the buffer the reporting thread hands to the three record generators (74, 75, 61).
 constexpr int QV_MONITOR_BUFFER_SIZE = 131072;
 
@@ -33,6 +37,38 @@ int handleSizeDataArrOf(T** dataArr, int oldLen, int id, const char* purpose = "
 // Creates a nested APR mutex into *lock on the control pool if *lock is still null. Thread-safe: concurrent
 // callers create exactly one. Returns 0, or -1 (logged) when the mutex cannot be created or lock is null.
 int initLock(apr_thread_mutex_t** lock);
+
+// The reporting side's own copy of a merged array. Thread blocks are merged into it while the
+// monitor's lock is free, so that a request making room for a new identifier (which takes that lock)
+// never waits for a merge; the lock is held only to read the size and the entries' names.
+template <class T>
+struct QVMonitorWorkArray {
+    T* arr = nullptr;
+    int size = 0;
+};
+
+// Grows w to at least size entries, each new one set up by init; on failure w is unchanged and
+// false is returned. The caller serialises access to w (one report at a time).
+template <class T>
+bool qvMonitorWorkReserve(QVMonitorWorkArray<T>* w, int size, void (*init)(T*), const char* purpose) {
+    if (size <= w->size) return true;
+    void* p = qvlb_realloc(w->arr, sizeof(T) * static_cast<size_t>(size), purpose, size);
+    if (p == nullptr) return false;
+    w->arr = static_cast<T*>(p);
+    memset(static_cast<void*>(w->arr + w->size), 0, sizeof(T) * static_cast<size_t>(size - w->size));
+    for (int i = w->size; i < size; i++) init(&w->arr[i]);
+    w->size = size;
+    return true;
+}
+
+template <class T>
+void qvMonitorWorkFree(QVMonitorWorkArray<T>* w, const char* purpose) {
+    qvlb_free(w->arr, purpose, -1);
+    *w = QVMonitorWorkArray<T>{};
+}
+
+// *lock, created (nested, control pool) on first use; concurrent first users get the same one.
+apr_thread_mutex_t* qvMonitorLazyLock(apr_thread_mutex_t** lock);
 
 // controlThreadTmpLock, created on first use when start-up has not made it yet (tests, a process
 // that never connects). Guards the registry of per-thread models. Never null unless APR fails.

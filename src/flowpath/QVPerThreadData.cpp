@@ -184,28 +184,37 @@ bool tlsPoolForwardsOnly() {
     return tlsPoolProxyMode() == 1 && qv_load(QVProxy.proxyServerFlag) == 0;
 }
 
-QVPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt) {
+namespace {
+
+// A ready block from the reserve whose records have the locks the current proxy mode needs.
+bool takeReadyBlock(QVTlsPreparedBlock* out) {
+    if (!qvTlsPoolReserveTake(out)) return false;
+    if (out->withLocks != tlsPoolForwardsOnly()) return true;
+    // Prepared before the proxy mode changed: its records have the wrong set of locks.
+    qvTlsPreparedBlockDiscard(out);
+    return false;
+}
+
+// create_tls_pool with the block to link: *prepared when it holds one (taken over), else one carved
+// here. Caller holds tlsMutex.
+QVPerThreadData_t* linkBlockLocked(int loc_BusyTLSCnt, QVTlsPreparedBlock* given) {
     QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method called,  num of slots = %d\n", QV_TLS_POOL_BLOCK);
-    QVLockGuard guard(poolMutex());
+    QVTlsPreparedBlock prepared = *given;
+    *given = QVTlsPreparedBlock{};
 
     if (tlsdatastruct.load() == nullptr && hotspotOn()) growHotspotTable(QV_TLS_POOL_BLOCK);
 
     if (g_tlsidx > INT_MAX - QV_TLS_POOL_BLOCK) {
         QV_TRACE_IF(fpLevel() > 0, kModule, "Error", "Record index space exhausted, g_tlsidx = %d", g_tlsidx);
+        qvTlsPreparedBlockDiscard(&prepared);
         return nullptr;
     }
 
     QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "Going to allocte the new thread pool\n");
     int proxyMode = tlsPoolProxyMode();
     bool forwardsOnly = tlsPoolForwardsOnly();
-    QVTlsPreparedBlock prepared;
-    bool haveBlock = qvTlsPoolReserveTake(&prepared);
-    if (haveBlock && prepared.withLocks == forwardsOnly) {
-        // Prepared before the proxy mode changed: its records have the wrong set of locks.
-        qvTlsPreparedBlockDiscard(&prepared);
-        haveBlock = false;
-    }
-    if (!haveBlock) {
+    if (prepared.pool != nullptr && prepared.withLocks == forwardsOnly) qvTlsPreparedBlockDiscard(&prepared);
+    if (prepared.pool == nullptr) {
         prepared = QVTlsPreparedBlock{};
         prepared.pool = static_cast<QVPerThreadData_t*>(
             qvlb_calloc(sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK, kPoolPurpose, -1));
@@ -267,31 +276,57 @@ QVPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt) {
     return pool;
 }
 
+}  // namespace
+
+QVPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt) {
+    QVLockGuard guard(poolMutex());
+    QVTlsPreparedBlock prepared{};
+    takeReadyBlock(&prepared);
+    return linkBlockLocked(loc_BusyTLSCnt, &prepared);
+}
+
 QVPerThreadData_t* get_free_tls_slot() {
     QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method called");
     QVPerThreadData_t* tls = nullptr;
     int grewAtBusyCount = -1;
-    {
-        QVLockGuard guard(poolMutex());
-        int oldSize = g_tlsidx;
-        if (gFreeTLSHead == nullptr) {
-            // Logged once the lock is released: a trace line is a file write.
-            grewAtBusyCount = gBusyTLSCnt;
-            tlDeferRegistration = true;
-            gFreeTLSHead = create_tls_pool(gBusyTLSCnt);
-            tlDeferRegistration = false;
-            if (gFreeTLSHead != nullptr && hotspotOn()) growHotspotTable(oldSize + QV_TLS_POOL_BLOCK);
-            QV_TRACE_IF(fpLevel() > 2, kModule, "Info",
-                        "After updating gBusyTLSCnt = %d and new size=%d and g_tlsidx=%d", gBusyTLSCnt,
-                        oldSize + QV_TLS_POOL_BLOCK, g_tlsidx);
+    // A block this thread carved because none was ready: carved outside tlsMutex, so the other
+    // requests that need a record meanwhile carve their own rather than wait for this one.
+    QVTlsPreparedBlock own{};
+    for (;;) {
+        bool carve = false;
+        {
+            QVLockGuard guard(poolMutex());
+            int oldSize = g_tlsidx;
+            if (gFreeTLSHead == nullptr) {
+                if (own.pool == nullptr && !takeReadyBlock(&own)) {
+                    carve = true;
+                } else {
+                    // Logged once the lock is released: a trace line is a file write.
+                    grewAtBusyCount = gBusyTLSCnt;
+                    tlDeferRegistration = true;
+                    gFreeTLSHead = linkBlockLocked(gBusyTLSCnt, &own);
+                    tlDeferRegistration = false;
+                    if (gFreeTLSHead != nullptr && hotspotOn()) growHotspotTable(oldSize + QV_TLS_POOL_BLOCK);
+                    QV_TRACE_IF(fpLevel() > 2, kModule, "Info",
+                                "After updating gBusyTLSCnt = %d and new size=%d and g_tlsidx=%d",
+                                gBusyTLSCnt, oldSize + QV_TLS_POOL_BLOCK, g_tlsidx);
+                }
+            }
+            if (!carve) {
+                tls = gFreeTLSHead;
+                if (tls != nullptr) takeHeadLocked(tls);
+            }
         }
-        tls = gFreeTLSHead;
-        if (tls != nullptr) takeHeadLocked(tls);
+        if (!carve) break;
+        qvTlsPoolReserveRequest();
+        if (!qvTlsPreparedBlockBuild(&own)) break;  // memory exhausted: no record
     }
+    // Another request linked a block while this one carved: keep the carved one for later.
+    if (own.pool != nullptr && !qvTlsPoolReserveGive(&own)) qvTlsPreparedBlockDiscard(&own);
     if (tlPendingRegistration.pool != nullptr) {
         const PendingRegistration pending = tlPendingRegistration;
         tlPendingRegistration = {nullptr, 0};
-        // The reserve's thread registers them at its lower priority and makes the next block;
+        // The reserve's thread registers them and makes the next block;
         // this call then returns at once.
         if (!qvTlsPoolReserveRequest(pending.pool, pending.slots))
             qvTlsRegisterBlockModels(pending.pool, pending.slots);

@@ -177,8 +177,10 @@ bool tlsPoolForwardsOnly();
 QVPerThreadData_t* create_tls_pool(int loc_BusyTLSCnt);
 
 // Takes a record for a new transaction and puts it on the busy list. When the free list is empty
-// a new block is carved (and the hotspot table grown by 64 zeroed rows). Thread-safe. Returns null
-// only when memory is exhausted. The record is not cleared: call resetAllThreadLocals next.
+// a new block is linked (and the hotspot table grown by 64 zeroed rows): a ready one from the
+// reserve, else one this thread carves with tlsMutex released (a block carved needlessly goes to
+// the reserve). Thread-safe. Returns null only when memory is exhausted. The record is not
+// cleared: call resetAllThreadLocals next.
 QVPerThreadData_t* get_free_tls_slot();
 
 // Gives a busy record back: it is appended behind gFreeTLSTail and unlinked from the busy list.

@@ -29,8 +29,11 @@ struct Reserve {
     pid_t owner = 0;                // process that started thread
     bool wanted = false;
     bool stopping = false;
-    bool hasReady = false;
-    QVTlsPreparedBlock ready{};
+    // Two blocks ready: on a busy machine the thread may take longer to make one than requests
+    // take to use up 64 records, and a request finding none carves its own.
+    static constexpr int kReadyMax = 2;
+    QVTlsPreparedBlock ready[kReadyMax] = {};
+    int readyCount = 0;
     // Blocks whose models wait for registration, oldest first.
     struct Pending {
         QVPerThreadData_t* pool;
@@ -47,12 +50,14 @@ Reserve& reserve() {
 }
 
 // Takes r.lock if it comes free within a short spin. Application threads never sleep on it: the
-// reserve's thread runs at a lower priority and could keep them waiting.
+// reserve's thread could be preempted while holding it.
 bool lockBriefly(std::unique_lock<std::mutex>& lk) {
     return qvlb_spin_try([&] { return lk.try_lock(); }, 32);
 }
 
-bool build(QVTlsPreparedBlock* b) {
+}  // namespace
+
+bool qvTlsPreparedBlockBuild(QVTlsPreparedBlock* b) {
     memset(b, 0, sizeof(*b));
     const int proxyMode = tlsPoolProxyMode();
     b->withLocks = !tlsPoolForwardsOnly();
@@ -77,6 +82,8 @@ bool build(QVTlsPreparedBlock* b) {
     return true;
 }
 
+namespace {
+
 // Registers every pending block. Caller holds lk, which is released while registering.
 void registerPending(Reserve& r, std::unique_lock<std::mutex>& lk) {
     while (r.pendingCount > 0) {
@@ -89,24 +96,25 @@ void registerPending(Reserve& r, std::unique_lock<std::mutex>& lk) {
     }
 }
 
+// Not at a lowered priority: on a busy machine such a thread fell behind the requests it serves.
 void run() {
-    qvlb_lower_thread_priority();
     qvlb_fault_exempt_this_thread();
     Reserve& r = reserve();
     std::unique_lock<std::mutex> lk(r.lock);
     for (;;) {
-        r.wake.wait(lk, [&] { return r.stopping || r.pendingCount > 0 || (r.wanted && !r.hasReady); });
+        const auto wantsBlock = [&] { return r.wanted && r.readyCount < Reserve::kReadyMax; };
+        r.wake.wait(lk, [&] { return r.stopping || r.pendingCount > 0 || wantsBlock(); });
         if (r.stopping) return;
         registerPending(r, lk);
         if (r.stopping) return;
-        if (!r.wanted || r.hasReady) continue;
-        r.wanted = false;
+        if (!wantsBlock()) continue;
         lk.unlock();
         QVTlsPreparedBlock b;
-        const bool ok = build(&b);
+        const bool ok = qvTlsPreparedBlockBuild(&b);
         lk.lock();
         if (!ok) {
-            // The next request tries again; meanwhile create_tls_pool carves its own.
+            // The next request tries again; meanwhile a request finding no block carves its own.
+            r.wanted = false;
             QV_TRACE_IF(true, "MEMORY", "Error", "Could not prepare a block of %d records",
                         QV_TLS_POOL_BLOCK);
             continue;
@@ -115,8 +123,11 @@ void run() {
             qvTlsPreparedBlockDiscard(&b);
             return;
         }
-        r.ready = b;
-        r.hasReady = true;
+        if (r.readyCount < Reserve::kReadyMax)
+            r.ready[r.readyCount++] = b;
+        else
+            qvTlsPreparedBlockDiscard(&b);  // given a carved one meanwhile
+        if (r.readyCount == Reserve::kReadyMax) r.wanted = false;
     }
 }
 
@@ -124,7 +135,7 @@ void run() {
 void forgetParentThread(Reserve& r) {
     if (r.thread == nullptr || r.owner == getpid()) return;
     r.thread = nullptr;  // the parent's object: neither joinable nor deletable here
-    r.hasReady = false;  // the child's copy of the block is its own memory, kept unused
+    r.readyCount = 0;    // the child's copies of the blocks are its own memory, kept unused
     r.wanted = false;
     // Registrations the parent had queued: the child's copies of those records need them too.
     std::unique_lock<std::mutex> lk(r.lock, std::adopt_lock);
@@ -140,9 +151,20 @@ bool qvTlsPoolReserveTake(QVTlsPreparedBlock* out) {
     std::unique_lock<std::mutex> lk(r.lock, std::defer_lock);
     if (!lockBriefly(lk)) return false;
     forgetParentThread(r);
-    if (!r.hasReady) return false;
-    *out = r.ready;
-    r.hasReady = false;
+    if (r.readyCount == 0) return false;
+    *out = r.ready[--r.readyCount];
+    return true;
+}
+
+bool qvTlsPoolReserveGive(QVTlsPreparedBlock* block) {
+    if (block == nullptr || block->pool == nullptr) return false;
+    Reserve& r = reserve();
+    std::unique_lock<std::mutex> lk(r.lock, std::defer_lock);
+    if (!lockBriefly(lk)) return false;
+    forgetParentThread(r);
+    if (r.stopping || r.readyCount == Reserve::kReadyMax) return false;
+    r.ready[r.readyCount++] = *block;
+    block->pool = nullptr;
     return true;
 }
 
@@ -197,8 +219,7 @@ void qvTlsPoolReserveStop() {
     }
     std::unique_lock<std::mutex> lk(r.lock);
     registerPending(r, lk);
-    if (r.hasReady) qvTlsPreparedBlockDiscard(&r.ready);
-    r.hasReady = false;
+    while (r.readyCount > 0) qvTlsPreparedBlockDiscard(&r.ready[--r.readyCount]);
     r.wanted = false;
     r.stopping = false;
 }

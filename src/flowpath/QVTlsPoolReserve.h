@@ -1,8 +1,8 @@
-// A block of records made ahead of need. Carving a block (1.1 MB of records, two mutexes per
-// record and a monitor model each) takes about half a millisecond, and the pool carves one every 64
-// transactions under tlsMutex, so every application thread would wait for it. A background thread
-// keeps one block ready instead; create_tls_pool links it and asks for the next. When none is ready
-// (a burst, a failed allocation, a forked child) the caller carves its own block as before.
+// Blocks of records made ahead of need. Carving a block (1.1 MB of records, two mutexes per
+// record and a monitor model each) takes about half a millisecond, and the pool needs one every 64
+// transactions. A background thread keeps two blocks ready; create_tls_pool links one and asks for
+// more. When none is ready (a burst, a failed allocation, a forked child) get_free_tls_slot carves
+// its own outside tlsMutex, so no other request waits for it.
 #ifndef QVTLSPOOLRESERVE_H
 #define QVTLSPOOLRESERVE_H
 
@@ -18,7 +18,7 @@ struct QVTlsPreparedBlock {
     bool withModels;
 };
 
-// Takes the ready block into *out. Never sleeps: returns false when none is ready or the reserve
+// Takes a ready block into *out. Never sleeps: returns false when none is ready or the reserve
 // stays busy for more than a short spin. The caller owns the block afterwards.
 bool qvTlsPoolReserveTake(QVTlsPreparedBlock* out);
 
@@ -32,6 +32,14 @@ bool qvTlsPoolReserveRequest(QVPerThreadData_t* pool = nullptr, uint64_t slots =
 // Registers the models stored in slot i of pool for every bit i set in slots, through
 // qvFlowpathPoolHooks. Thread-safe; null pool does nothing.
 void qvTlsRegisterBlockModels(QVPerThreadData_t* pool, uint64_t slots);
+
+// Makes a block as the background thread does (on the caller's thread). False when memory is
+// short (logged by the allocation), with nothing left to free.
+bool qvTlsPreparedBlockBuild(QVTlsPreparedBlock* b);
+
+// Hands a block the caller made but no longer needs to the reserve as a ready one. Never sleeps.
+// True when taken (block->pool is then null); false leaves the block to the caller.
+bool qvTlsPoolReserveGive(QVTlsPreparedBlock* block);
 
 // Stops and joins the background thread, registers what it had not registered yet and frees a
 // block still unused. The next request starts

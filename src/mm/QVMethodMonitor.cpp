@@ -30,6 +30,11 @@ constexpr QVMethodMonitor_t kStartValues = {
 // report never sees the array move.
 apr_thread_mutex_t* mmAggLock = nullptr;
 
+// One report at a time and its own merged counters (see QVMonitorWorkArray): the merge runs
+// without mmAggLock, which a request registering a new method takes.
+apr_thread_mutex_t* mmReportMutex = nullptr;
+QVMonitorWorkArray<QVMethodMonitorDataCounters> work;
+
 int mmTraceLevel() {
     return qvApplication ? qv_load(qvApplication->QVSys.methodMonTraceLevel) : 0;
 }
@@ -58,13 +63,14 @@ bool ensureAggArrayLocked() {
     return true;
 }
 
-// Merges one thread model's method blocks. Runs under mmLock and controlThreadTmpLock.
-void mergeModel(QVMonitorDataModel* model, void*) {
+// Merges one thread model's method blocks into work; ctx holds the merged array's size when the
+// report began.
+void mergeModel(QVMonitorDataModel* model, void* ctx) {
     if (model == nullptr) return;
     QVLockGuard guard(model->lockForMM);
     int size = model->currentSizeOfMethodArray;
     if (size <= 0 || model->mmDataArray == nullptr) return;
-    int aggSize = QVMethodMonitor.aggDataArraySize;
+    int aggSize = *static_cast<int*>(ctx);
     if (size > aggSize) {
         // Its blocks keep counting and are merged once the merged array has grown to hold them.
         MM_TRACE(> 0, "Error", "currentSizeOfMethodArray '%d' > aggDataArraySize '%d'", size, aggSize);
@@ -73,8 +79,8 @@ void mergeModel(QVMonitorDataModel* model, void*) {
     for (int i = 0; i < size; i++) {
         QVMethodMonitorDataCounters* block = model->mmDataArray[i];
         if (block == nullptr) continue;
-        updateMethodDataCountersForAggregate(&QVMethodMonitor.aggMethodDataArr[i], block);
-        QVMethodMonitor.aggMethodDataArr[i].dataExist = 1;
+        updateMethodDataCountersForAggregate(&work.arr[i], block);
+        work.arr[i].dataExist = 1;
     }
 }
 
@@ -236,12 +242,24 @@ bool generateAndDumpMethodMonitoringRecord(char* buf, int* len) {
                  "Returnign without dumping any monitoring record, as no threads executed any Method yet.");
         return false;
     }
-    QVLockGuard guard(mmLock());
-    if (!ensureAggArrayLocked()) return false;
-    forEachMonitorDataModel(mergeModel, nullptr);
-    int size = QVMethodMonitor.aggDataArraySize;
+    QVLockGuard report(qvMonitorLazyLock(&mmReportMutex));
+    int size;
+    {
+        QVLockGuard guard(mmLock());
+        if (!ensureAggArrayLocked()) return false;
+        size = QVMethodMonitor.aggDataArraySize;
+    }
+    if (!qvMonitorWorkReserve(&work, size, initQVMethodMonitorDataCounters, "method monitor report"))
+        return false;
+    forEachMonitorDataModel(mergeModel, &size);
+    {
+        // The array only grows, so every entry below size is still there, maybe moved.
+        QVLockGuard guard(mmLock());
+        for (int i = 1; i < size; i++)
+            if (work.arr[i].dataExist) work.arr[i].mpp = QVMethodMonitor.aggMethodDataArr[i].mpp;
+    }
     for (int i = 1; i < size; i++) {
-        QVMethodMonitorDataCounters* entry = &QVMethodMonitor.aggMethodDataArr[i];
+        QVMethodMonitorDataCounters* entry = &work.arr[i];
         if (!entry->dataExist) continue;
         methodPropProperties* mpp = entry->mpp;
         if (mpp != nullptr) {
@@ -327,6 +345,10 @@ void updateInstanceInfo() {
 }
 
 void qvMethodMonitorResetForTest() {
+    {
+        QVLockGuard report(qvMonitorLazyLock(&mmReportMutex));
+        qvMonitorWorkFree(&work, "method monitor report");
+    }
     qvlb_free(QVMethodMonitor.aggMethodDataArr, "aggMethodDataArr", -1);
     QVMethodMonitor = kStartValues;
     if (mmAggLock != nullptr) {

@@ -258,6 +258,37 @@ TEST_F(BTMonitorTest, ThreadsSharingANumberAreAllMerged) {
 
 class BTMonitorConcurrency : public BTMonitorTest {};
 
+// A request naming a new BT makes room for it while a report is stuck in its merge (here held on
+// the second model's lock): growth must not wait for the merge. Before, this deadlocked.
+TEST_F(BTMonitorConcurrency, NewBtDoesNotWaitForAMergeInProgress) {
+    BTObject* cart = bt("/shop/cart", 2);
+    QVPerThreadData_t* first = take();
+    QVPerThreadData_t* second = take();
+    request(first, cart, QV_BT_CATEGORY_NORMAL, 10);
+    request(second, cart, QV_BT_CATEGORY_NORMAL, 20);
+    QVMonitorDataModel* merged = first->tlMonitorDataModel;
+    std::vector<std::string> lines;
+    std::thread reporter;
+    BTObject* fresh = find_bt_obj_in_config_map("/fresh", 300, 3000, 5000);
+    {
+        QVLockGuard hold(second->tlMonitorDataModel->lockForBT);
+        reporter = std::thread([&] { lines = generate(); });
+        // Once the first model is merged, the report waits for the second.
+        for (bool done = false; !done; std::this_thread::yield()) {
+            QVLockGuard guard(merged->lockForBT);
+            done = merged->btmDataArray[2]->count == 0;
+        }
+        EXPECT_EQ(checkAndIncrementAggrBTDataArray(fresh), 0);
+        request(first, fresh, QV_BT_CATEGORY_NORMAL, 5);
+    }
+    reporter.join();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(requestsOf(lines[0]), 2);
+    lines = generate();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].rfind("74,3|7|300:T1>S1>A1>/fresh|", 0), 0u) << lines[0];
+}
+
 TEST_F(BTMonitorConcurrency, CountsAddUpWhileReportsRunAndTheArrayGrows) {
     constexpr int kThreads = 4;
     constexpr int kBts = 4;

@@ -11,6 +11,7 @@
 
 #include "bt/QVBTMonitorDataCounters.h"
 #include "bt/bt_fixture.h"
+#include "flowpath/QVTlsPoolReserve.h"
 #include "foundation/qvlb_mem.h"
 
 namespace {
@@ -151,7 +152,39 @@ TEST_F(MonitorModelTest, GrownBlockIsNumberedLockedAndItsModelsRegisteredAfterTh
     }
 }
 
+// Whether tlsMutex was free (seen from another thread) each time the test's thread made a model.
+std::thread::id carver;
+std::atomic<int> madeLocked{0}, madeFree{0};
+void noteTlsMutex() {
+    if (std::this_thread::get_id() != carver) return;
+    bool free = false;
+    std::thread([&] {
+        free = apr_thread_mutex_trylock(tlsMutex) == APR_SUCCESS;
+        if (free) apr_thread_mutex_unlock(tlsMutex);
+    }).join();
+    (free ? madeFree : madeLocked)++;
+}
+
 class MonitorRegistryConcurrency : public MonitorModelTest {};
+
+// With no block ready, the request that empties the pool carves one without holding tlsMutex, so
+// no other request waits for it.
+TEST_F(MonitorRegistryConcurrency, ABlockCarvedByARequestLeavesThePoolUnlocked) {
+    static QVFlowpathPoolHooks real = qvFlowpathPoolHooks;
+    qvFlowpathPoolHooks.createMonitorDataModel = [] { return noteTlsMutex(), real.createMonitorDataModel(); };
+    qvFlowpathPoolHooks.initQVMonitorDataModel = [](QVPerThreadData_t* r) {
+        noteTlsMutex();
+        real.initQVMonitorDataModel(r);
+    };
+    qvTlsPoolReserveStop();  // nothing ready
+    carver = std::this_thread::get_id();
+    for (int i = 0; i < QV_TLS_POOL_BLOCK + 1; i++) ASSERT_NE(take(), nullptr);
+    carver = std::thread::id();
+    qvFlowpathPoolHooks = real;
+    EXPECT_EQ(madeLocked.load(), 0);
+    EXPECT_EQ(madeFree.load(), QV_TLS_POOL_BLOCK);
+    EXPECT_EQ(g_tlsidx, 2 * QV_TLS_POOL_BLOCK);
+}
 
 // A merge walks the registry while blocks of records register their models.
 TEST_F(MonitorRegistryConcurrency, WalkDuringRegistrationSeesAGrowingPrefix) {
