@@ -473,10 +473,20 @@ void setCategory(QVPerThreadData_t* r, int category) {
 
 // Gives back what a started flowpath holds outside its record. Caller holds sequenceBlobLock.
 void releaseFlowpathLocked(QVPerThreadData_t* r) {
-    qvDecrementMethodRefCount(r->hasMapNodePtr);
+    releaseNodeAndDecrementMethodRefCount(r);
     if (r->flowpathInstanceStr[0] != '\0' && fpiToTLS != nullptr &&
         search_hashmap(fpiToTLS, r->flowpathInstanceStr) == r)
         modify_hashmap(fpiToTLS, r->flowpathInstanceStr, nullptr);
+}
+
+// A record holds a generation from its flowpath's start until the flowpath ends, is written out
+// at a test stop or is reset. Events reaching it outside that time (a handle kept past its
+// transaction) are dropped. Caller holds sequenceBlobLock.
+bool holdsFlowpathLocked(const QVPerThreadData_t* r) {
+    if (r->hasMapNodePtr != nullptr) return true;
+    QV_TRACE_IF(fpLevel() > 1, kModule, "Info", "Record %p runs no flowpath; event ignored",
+                static_cast<const void*>(r));
+    return false;
 }
 
 // The method of an event: the caller's pointer while the record holds the current generation,
@@ -497,7 +507,8 @@ methodPropProperties* resolveBackend(QVPerThreadData_t* r, methodPropProperties*
     char name[1024];
     if (backendName == nullptr || backendName[0] == '\0') {
         if (type != 2) return m;
-        copyText(name, sizeof(name), getDBIPName());
+        // A fixed name: DBIPName only renames database backends in the monitor's records.
+        copyText(name, sizeof(name), QV_DB_CALLOUT_BACKEND_NAME);
     } else if (settingBackendName(backendName, QV_BACKEND_RULE_HOST, name, sizeof(name)) < 0) {
         return m;
     }
@@ -587,6 +598,7 @@ methodPropProperties* methodExit(void* methodPtr, QVPerThreadData_t* qvTD, char*
         if (qvTD == nullptr) return nullptr;
     }
     QVLockGuard guard(qvTD->sequenceBlobLock);
+    if (!holdsFlowpathLocked(qvTD)) return nullptr;
     if (statusCode >= 0 && statusCode > qvTD->tlStatusCode) qvTD->tlStatusCode = statusCode;
 
     methodPropProperties* m = resolveMethod(qvTD, methodPtr, mName, false);
@@ -814,9 +826,10 @@ void* startFP(char* flowpathinstance, char* url, char* btHeaderValue, char* TLS,
         QV_TRACE_IF(fpLevel() > 0, kModule, "Error", "No record for a new flowpath; request not traced");
         return nullptr;
     }
-    resetAllThreadLocals(r, tlsdatastruct);
-    // The record is on the busy list already, where the test-stop walk may reach it.
+    // The record is on the busy list already, where the test-stop walk may reach it, and a
+    // handle of its previous transaction may still be in use.
     QVLockGuard guard(r->sequenceBlobLock);
+    resetAllThreadLocals(r, tlsdatastruct);
     r->tlFlowPathTimeStampInMS = nowMs();
     // Session fields survive the record's reuse; a request only has the session its cookies name.
     clearQVSession(r);
@@ -1008,6 +1021,7 @@ methodPropProperties* qvMethodEntryEx(void* methodPtr, QVPerThreadData_t* qvTD, 
         if (qvTD == nullptr) return nullptr;
     }
     QVLockGuard guard(qvTD->sequenceBlobLock);
+    if (!holdsFlowpathLocked(qvTD)) return nullptr;
     if (startTime == 0) startTime = my_gettimeofday();
     const long long relStart = wrapSub(wrapSub(startTime, korEpoch()), qvTD->tlFlowPathTimeStampInMS);
 

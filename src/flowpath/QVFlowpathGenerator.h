@@ -19,6 +19,8 @@ struct methodPropProperties;
 #define QV_TIER_SEQ_SIZE 64
 // Default backend naming rule: the backend name is the host text itself.
 #define QV_BACKEND_RULE_HOST "Host"
+// Backend a database callout reports as when its exit names none.
+#define QV_DB_CALLOUT_BACKEND_NAME "ADO.NET_QuoteDB"
 
 // Calls the engine makes into the layers above it (BT naming and categories, the monitors, the
 // proxy encoders). The sdk layer fills the table (qv_wire_flowpath_hooks) before start-up; an
@@ -171,8 +173,8 @@ methodPropProperties* qvMethodEntryEx(void* methodPtr, QVPerThreadData_t* qvTD, 
 
 // Records a method exit (wall time methodWallTime, CPU time fpCPUTime or < 0 when unknown) and
 // returns the method, or null as for the entry (here the method is only looked up). Keeps the
-// highest statusCode; resolves a callout's backend (backendName null: the database backend
-// getDBIPName() for a database method; otherwise the name by the "Host" rule), counts the
+// highest statusCode; resolves a callout's backend (backendName null: QV_DB_CALLOUT_BACKEND_NAME
+// for a database method; otherwise the name by the "Host" rule), counts the
 // monitors and writes exit and callout records. isCalOutDone: the tier callout was made.
 methodPropProperties* qvMethodExitEx(void* methodPtr, QVPerThreadData_t* qvTD, char* mName,
                                      long long fpCPUTime, int statusCode, char* backendName,

@@ -551,6 +551,12 @@ void qvDecrementMethodRefCount(node_t* node) {
                     static_cast<void*>(node));
 }
 
+void releaseNodeAndDecrementMethodRefCount(QVPerThreadData_t* qvTD) {
+    if (qvTD == nullptr || qvTD->hasMapNodePtr == nullptr) return;
+    qvDecrementMethodRefCount(qvTD->hasMapNodePtr);
+    qvTD->hasMapNodePtr = nullptr;
+}
+
 node_t* switchToCurrentMethodHashMapNode(QVPerThreadData_t* qvTD) {
     node_t* cur = qv_load_acquire(methodHashMapNode);
     if (qvTD == nullptr || cur == nullptr || qvTD->hasMapNodePtr == cur) return cur;

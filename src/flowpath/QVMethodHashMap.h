@@ -178,6 +178,12 @@ void saveNodeAndIncrementMethodRefCount(QVPerThreadData_t* qvTD);
 // Pass the generation the flowpath holds (qvTD->hasMapNodePtr). Null: nothing.
 void qvDecrementMethodRefCount(node_t* node);
 
+// Gives back the reference qvTD holds and clears qvTD->hasMapNodePtr, so that the record never
+// points at a generation it holds no reference on (a later sweep may free it). Whoever uses the
+// record next takes the current generation. Caller owns the record (holds its sequenceBlobLock).
+// Null qvTD, or a record without a generation: nothing.
+void releaseNodeAndDecrementMethodRefCount(QVPerThreadData_t* qvTD);
+
 // Moves qvTD's reference from its generation to the current one (increment the new, decrement
 // the old, hasMapNodePtr updated; atomically, without the lock) and returns that generation. For a
 // flowpath that finds its generation stale. A record without a generation just takes one.

@@ -352,6 +352,8 @@ void free_tls_slot(QVPerThreadData_t* tls) {
 
 void resetAllThreadLocals(QVPerThreadData_t* qvTD, TLSDataStruct* hotspotTable) {
     if (qvTD == nullptr) return;
+    // A handle of the record's last transaction may still be in use on another thread.
+    QVLockGuard recordGuard(qvTD->sequenceBlobLock);
 
     qvTD->tlTierBackendName = nullptr;
     qvTD->tlIsFPCaptured = 0;
@@ -460,9 +462,13 @@ void dumpFpFromBusyList() {
             record->busy_next = nullptr;
             record->busy_prev = nullptr;
         }
-        if (qvFlowpathPoolHooks.dumpIncompleteFPAtTestStop != nullptr)
-            qvFlowpathPoolHooks.dumpIncompleteFPAtTestStop(record);
-        resetAllThreadLocals(record, tlsdatastruct);
+        {
+            // One hold for both: an application thread may still be inside this transaction.
+            QVLockGuard recordGuard(record->sequenceBlobLock);
+            if (qvFlowpathPoolHooks.dumpIncompleteFPAtTestStop != nullptr)
+                qvFlowpathPoolHooks.dumpIncompleteFPAtTestStop(record);
+            resetAllThreadLocals(record, tlsdatastruct);
+        }
         QVLockGuard guard(poolMutex());
         releaseLocked(record, true);
     }

@@ -192,15 +192,16 @@ void free_tls_slot(QVPerThreadData_t* tls);
 // Clears the per-transaction fields of qvTD and its hotspot row. hotspotTable is the pool's table
 // as the caller saw it (normally tlsdatastruct): null skips the row; otherwise the row is cleared
 // in the pool's current table under tlsMutex, and skipped when the table does not reach tlsIdx.
-// Null qvTD does nothing. The caller must own qvTD.
+// Takes qvTD's sequenceBlobLock (nested) for the fields. Null qvTD does nothing.
 void resetAllThreadLocals(QVPerThreadData_t* qvTD, TLSDataStruct* hotspotTable);
 
 // Zeroes the BT, method and backend arrays of qvTD's monitor model (through the monitors' hook).
 // A missing model is logged. Null qvTD does nothing.
 void resetMonitorDataModel(QVPerThreadData_t* qvTD);
 
-// Test stop: takes every busy record in turn, writes its flowpath as incomplete (hook), clears it
-// and gives it back, then flushes the data dispatcher. Runs on the data thread.
+// Test stop: takes every busy record in turn, writes its flowpath as incomplete (hook) and clears
+// it under its sequenceBlobLock, gives it back, then flushes the data dispatcher. Runs on the
+// data thread.
 void dumpFpFromBusyList();
 
 // Zeroes the monitor arrays of every record the pool has carved (free, busy, or lost behind the

@@ -306,13 +306,113 @@ bool empty(const char* s) {
     return s == nullptr || s[0] == '\0';
 }
 
-// Writes the callout record and counts the call once the outermost callout of a kind ended.
-void closeCallout(QVPerThreadData_t* td, methodPropProperties* backend, long long duration) {
+// The finding half of ipCallOutSearchUpdate: *added tells that the record is new, and then the
+// caller must give it room in the backend monitor.
+methodPropProperties* findOrAddIpCallOut(char* ip_name, int type, node_t* node, bool* added) {
+    *added = false;
+    if (empty(ip_name)) return nullptr;
+    QV_SDK_LOG(2, "Method Called");
+    // A known name (every call but a backend's first) is found without the registry lock; the
+    // test and the insert of a new one form one step under it.
+    methodPropProperties* rec = getMethodPropFromMethodName(ip_name, node);
+    if (rec == nullptr) {
+        QVMethodHashMapGuard guard;
+        rec = getMethodPropFromMethodName(ip_name, node);
+        if (rec == nullptr) {
+            QV_SDK_LOG(1, "Adding ip_name = [%s], to hashmap", ip_name);
+            // A name that a newer generation knows comes back as that record, which keeps its
+            // type: only a record made here takes the next id.
+            const int nextId = qv_load(methodId);
+            rec = updateMethodHashMap(ip_name, 0, 0, node);
+            if (rec == nullptr) return nullptr;
+            if (rec->methodId >= nextId) {
+                qv_store(rec->type, static_cast<char>(type));
+                *added = true;
+            }
+        }
+    }
+    if (!*added) QV_SDK_LOG(1, "ip_name found in hashmap, ip_name = [%s]", ip_name);
+    return rec;
+}
+
+// Room in the backend monitor for a backend just added; outside every lock but its own.
+void growForNewBackend(methodPropProperties* rec) {
+    QV_SDK_LOG(1, "Going to increament backend data array");
+    checkAndIncrementAggrBackendDataArray(rec);
+    QV_SDK_LOG(1, "Method End");
+}
+
+// A record holds a registry generation while it runs a flowpath (see QVMethodHashMap.h).
+// Caller holds its sequenceBlobLock.
+bool runsFlowpath(const QVPerThreadData_t* td, const void* handle) {
+    if (td->hasMapNodePtr != nullptr) return true;
+    QV_SDK_LOG(1, "bt_handle = [%p] runs no transaction; callout not recorded", handle);
+    return false;
+}
+
+// Start of a callout of type (1 HTTP, 2 database) to host: the backend record, and when the
+// handle runs a flowpath its start time and, for a database, the query. A handle whose flowpath
+// has ended (at a test stop, say) still gets the backend, so the end it is paired with is valid.
+methodPropProperties* beginCallout(void* handle, char* host, int type, char* query) {
+    auto* td = static_cast<QVPerThreadData_t*>(handle);
+    methodPropProperties* backend = nullptr;
+    bool added = false;
     {
         QVLockGuard guard(td->sequenceBlobLock);
-        updateFPSeqBlobWithTierCallOutRecord(td, td->tlTierStartTime, duration, backend);
+        // The generation is used only while the lock keeps the record from releasing it.
+        backend = findOrAddIpCallOut(host, type, td->hasMapNodePtr, &added);
+        if (backend != nullptr && runsFlowpath(td, handle)) {
+            long long clock = 0;
+            const long long curTimeStampMS = relativeNow(td, &clock);
+            td->tlTierStartTime = curTimeStampMS;
+            if (type == 2) {
+                QV_SDK_LOG(1, "curTimeStampMS = [%lld]", curTimeStampMS);
+                dbMethodEntry(td, curTimeStampMS, query, host);
+            } else {
+                td->httpCallOutDepth++;
+                QV_SDK_LOG(1, "myGettimeofday = [%lld], curTimeStampMS = [%lld], httpCallOutDepth = [%d]",
+                           clock, curTimeStampMS, td->httpCallOutDepth);
+            }
+        }
     }
-    updateCounterAndDurationForBackend(td, backend, duration, 0);
+    if (added) growForNewBackend(backend);
+    return backend;
+}
+
+// End of a callout: the callout record once the outermost callout of its kind ended, then the
+// backend's count (outside the record's lock: the monitor may grow its arrays).
+void endCallout(void* handle, void* ip_handle, int type) {
+    auto* td = static_cast<QVPerThreadData_t*>(handle);
+    auto* backend = static_cast<methodPropProperties*>(ip_handle);
+    long long duration = 0;
+    bool closed = false;
+    {
+        QVLockGuard guard(td->sequenceBlobLock);
+        if (!runsFlowpath(td, handle)) return;
+        long long clock = 0;
+        const long long curTimeStampMS = relativeNow(td, &clock);
+        duration = curTimeStampMS - td->tlTierStartTime;
+        td->seqNum++;
+        int depth;
+        if (type == 2) {
+            QV_SDK_LOG(1, "myGettimeofday = [%lld], curTimeStampMS = [%lld], duration = [%lld]", clock,
+                       curTimeStampMS, duration);
+            depth = --td->tlSQLObj.DBCallDepth;
+        } else {
+            depth = --td->httpCallOutDepth;
+            QV_SDK_LOG(1, "qvTD->seqNum = [%ld], httpCallOutDepth = [%d]", static_cast<long>(td->seqNum),
+                       depth);
+        }
+        if (depth < 1) {
+            if (type == 2) {
+                qv_store(dbBackendId, backend->methodId);
+                QV_SDK_LOG(1, "dbBackendId = [%d]", backend->methodId);
+            }
+            updateFPSeqBlobWithTierCallOutRecord(td, td->tlTierStartTime, duration, backend);
+            closed = true;
+        }
+    }
+    if (closed) updateCounterAndDurationForBackend(td, backend, duration, 0);
 }
 
 }  // namespace
@@ -421,31 +521,10 @@ void qv_sdk_log_flush() {
 }
 
 methodPropProperties* ipCallOutSearchUpdate(char* ip_name, int type, node_t* methodHashMapNode) {
-    if (empty(ip_name)) return nullptr;
-    QV_SDK_LOG(2, "Method Called");
-    // A known name (every call but a backend's first) is found without the registry lock; the
-    // test and the insert of a new one form one step under it.
-    methodPropProperties* rec = getMethodPropFromMethodName(ip_name, methodHashMapNode);
     bool added = false;
-    if (rec == nullptr) {
-        QVMethodHashMapGuard guard;
-        rec = getMethodPropFromMethodName(ip_name, methodHashMapNode);
-        if (rec == nullptr) {
-            QV_SDK_LOG(1, "Adding ip_name = [%s], to hashmap", ip_name);
-            rec = updateMethodHashMap(ip_name, 0, 0, methodHashMapNode);
-            if (rec == nullptr) return nullptr;
-            qv_store(rec->type, static_cast<char>(type));
-            added = true;
-        }
-    }
-    if (!added) {
-        QV_SDK_LOG(1, "ip_name found in hashmap, ip_name = [%s]", ip_name);
-        return rec;
-    }
+    methodPropProperties* rec = findOrAddIpCallOut(ip_name, type, methodHashMapNode, &added);
     // Outside the registry lock: the backend monitor takes its own lock.
-    QV_SDK_LOG(1, "Going to increament backend data array");
-    checkAndIncrementAggrBackendDataArray(rec);
-    QV_SDK_LOG(1, "Method End");
+    if (added) growForNewBackend(rec);
     return rec;
 }
 
@@ -591,16 +670,9 @@ QV_EXPORT qvIPCallOutHandle qv_ip_db_callout_begin(qvBTHandle bt_handle, char* d
                    bt_handle, db_host, db_query);
         return nullptr;
     }
-    auto* td = static_cast<QVPerThreadData_t*>(bt_handle);
     QV_SDK_LOG(2, "Method Called, bt_handle = [%p], db_host = [%s], db_query = [%s]", bt_handle, db_host,
                db_query);
-    methodPropProperties* backend = ipCallOutSearchUpdate(db_host, 2, td->hasMapNodePtr);
-    if (backend == nullptr) return nullptr;
-    long long curTimeStampMS = relativeNow(td, nullptr);
-    td->tlTierStartTime = curTimeStampMS;
-    QV_SDK_LOG(1, "curTimeStampMS = [%lld]", curTimeStampMS);
-    dbMethodEntry(td, curTimeStampMS, db_query, db_host);
-    return backend;
+    return beginCallout(bt_handle, db_host, 2, db_query);
 }
 
 QV_EXPORT int qv_ip_db_callout_end(qvBTHandle bt_handle, qvIPCallOutHandle ip_handle) {
@@ -609,20 +681,7 @@ QV_EXPORT int qv_ip_db_callout_end(qvBTHandle bt_handle, qvIPCallOutHandle ip_ha
                    ip_handle);
         return -1;
     }
-    auto* td = static_cast<QVPerThreadData_t*>(bt_handle);
-    auto* backend = static_cast<methodPropProperties*>(ip_handle);
-    long long clock = 0;
-    long long curTimeStampMS = relativeNow(td, &clock);
-    long long duration = curTimeStampMS - td->tlTierStartTime;
-    QV_SDK_LOG(1, "myGettimeofday = [%lld], curTimeStampMS = [%lld], duration = [%lld]", clock,
-               curTimeStampMS, duration);
-    td->seqNum++;
-    td->tlSQLObj.DBCallDepth--;
-    if (td->tlSQLObj.DBCallDepth < 1) {
-        qv_store(dbBackendId, backend->methodId);
-        QV_SDK_LOG(1, "dbBackendId = [%d]", backend->methodId);
-        closeCallout(td, backend, duration);
-    }
+    endCallout(bt_handle, ip_handle, 2);
     return 0;
 }
 
@@ -632,17 +691,9 @@ QV_EXPORT qvIPCallOutHandle qv_ip_http_callout_begin(qvBTHandle bt_handle, char*
                    bt_handle, http_host, url);
         return nullptr;
     }
-    auto* td = static_cast<QVPerThreadData_t*>(bt_handle);
     QV_SDK_LOG(2, "Method Called, bt_handle = [%p], http_host = [%s], url = [%s]", bt_handle, http_host, url);
-    methodPropProperties* backend = ipCallOutSearchUpdate(http_host, 1, td->hasMapNodePtr);
-    if (backend == nullptr) return nullptr;
-    long long clock = 0;
-    long long curTimeStampMS = relativeNow(td, &clock);
-    td->tlTierStartTime = curTimeStampMS;
-    td->httpCallOutDepth++;
-    QV_SDK_LOG(1, "myGettimeofday = [%lld], curTimeStampMS = [%lld], httpCallOutDepth = [%d]", clock,
-               curTimeStampMS, td->httpCallOutDepth);
-    QV_SDK_LOG(1, "Method end, mPP = [%p]", static_cast<void*>(backend));
+    methodPropProperties* backend = beginCallout(bt_handle, http_host, 1, nullptr);
+    if (backend != nullptr) QV_SDK_LOG(1, "Method end, mPP = [%p]", static_cast<void*>(backend));
     return backend;
 }
 
@@ -652,15 +703,7 @@ QV_EXPORT int qv_ip_http_callout_end(qvBTHandle bt_handle, qvIPCallOutHandle ip_
                    ip_handle);
         return -1;
     }
-    auto* td = static_cast<QVPerThreadData_t*>(bt_handle);
-    auto* backend = static_cast<methodPropProperties*>(ip_handle);
-    long long curTimeStampMS = relativeNow(td, nullptr);
-    long long duration = curTimeStampMS - td->tlTierStartTime;
-    td->seqNum++;
-    td->httpCallOutDepth--;
-    QV_SDK_LOG(1, "qvTD->seqNum = [%ld], httpCallOutDepth = [%d]", static_cast<long>(td->seqNum),
-               td->httpCallOutDepth);
-    if (td->httpCallOutDepth < 1) closeCallout(td, backend, duration);
+    endCallout(bt_handle, ip_handle, 1);
     return 0;
 }
 

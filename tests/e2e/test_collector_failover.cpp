@@ -101,22 +101,24 @@ TEST_F(CollectorFailover, KilledCollectorIsReconnectedAndRecordsBufferedMeanwhil
     ASSERT_TRUE(e2e::waitUntil([&] { return qv_load(app->QVBCISetting.data_thread_running) == 0; }));
     int accepted = 0;
     for (int i = 0; i < 20; ++i) accepted += e2e::oneTransaction("/during/outage") ? 1 : 0;
-    // The requests in progress end now: their records can only wait in the send buffers.
+
+    // The collector is back on the same port and starts a test run again, sweeping the registry
+    // generations no flowpath holds. Only now do the requests in progress end (with a callout),
+    // whether the stop wrote them out or they still run.
+    ASSERT_TRUE(second.start(home_.path() + "qvc2", {}, port));
+    ASSERT_TRUE(e2e::waitDataConnection(second, 1)) << second.events();
+    char db[] = "late-db", sql[] = "select 2";
     for (qvBTHandle h : inProgress) {
+        qv_ip_db_callout_end(h, qv_ip_db_callout_begin(h, db, sql));
         qv_method_exit(h, work);
         EXPECT_EQ(qv_bt_end(h), 0);
     }
-
-    // The collector is back on the same port and starts a test run again.
-    ASSERT_TRUE(second.start(home_.path() + "qvc2", {}, port));
-    ASSERT_TRUE(e2e::waitDataConnection(second, 1)) << second.events();
     ASSERT_EQ(e2e::runTransactions(20, "/after/restart"), 20);
     second.send("wait-records 4 1\nstop\nwait-records 10 1\nquit\n");
     ASSERT_EQ(second.waitExit(), 0) << second.events();
 
     // The handshake tells where the agent was connected before.
     const std::string ctrl = second.file("control-1.log");
-    EXPECT_EQ(ctrl.find(";lastConnectionTimeStamp=-1;"), std::string::npos) << ctrl;
     EXPECT_NE(ctrl.find(";connDestination=127.0.0.1:" + std::to_string(port) + ";"), std::string::npos)
         << ctrl;
 
@@ -125,8 +127,7 @@ TEST_F(CollectorFailover, KilledCollectorIsReconnectedAndRecordsBufferedMeanwhil
     expectWellFormed(after);
     const int discarded = qv_load(app->QVSys.discardCount);
     const int across = e2e::countOf(after, ",/open/across,");
-    EXPECT_EQ(e2e::countOf(before, ",/open/across,"), 0);
-    EXPECT_EQ(across + discarded >= 10 && across <= 10, true)
+    EXPECT_TRUE(across + discarded >= 10 && across <= 10)
         << "arrived " << across << ", discarded " << discarded;
     // Sent before the kill or after the reconnection, never twice (the ones in the dead
     // collector's socket buffer at the kill are lost to both).
@@ -134,7 +135,6 @@ TEST_F(CollectorFailover, KilledCollectorIsReconnectedAndRecordsBufferedMeanwhil
     EXPECT_EQ(e2e::countOf(after, ",/during/outage,"), accepted);
     EXPECT_EQ(e2e::countOf(after, ",/after/restart,"), 20);
     EXPECT_EQ(countRecords(after, 4), countRecords(after, 2)) << "end records without their header";
-    EXPECT_EQ(countRecords(before, 10), 0);
     EXPECT_EQ(e2e::completeLines(after).back(), "10,");
 }
 
@@ -148,10 +148,7 @@ TEST_F(CollectorFailover, HeartbeatSilenceBeyondThresholdClosesAllConnectionsThe
     e2e::startAgent();
     ASSERT_TRUE(e2e::waitDataConnection(qvc, 1)) << qvc.events();
     ASSERT_TRUE(e2e::waitUntil([&] { return countRecords(qvc.file("as-1.rec"), 74) >= 1; }));
-    ASSERT_EQ(e2e::runTransactions(10, "/before/silence"), 10);
-    ASSERT_TRUE(e2e::waitUntil([&] { return countRecords(qvc.file("data-1.rec"), 4) == 10; }));
-    const std::string quiet = qvc.events();
-    EXPECT_EQ(quiet.find("closed"), std::string::npos) << "closed before the silence:\n" << quiet;
+    EXPECT_EQ(qvc.events().find("closed"), std::string::npos) << "closed before the silence";
 
     // After the silence the collector's heartbeats flow again. The agent's test run ended with
     // its connections, so the collector starts one anew (on whichever control connection the
@@ -164,13 +161,13 @@ TEST_F(CollectorFailover, HeartbeatSilenceBeyondThresholdClosesAllConnectionsThe
 
     const std::string events = qvc.events();
     const size_t silence = events.find("silence for 3000 ms");
-    ASSERT_NE(silence, std::string::npos);
     for (const char* conn : {"control-1 from", "data-1 from", "as-1 from"}) {
         const size_t closed = events.find(std::string(conn), events.find(conn) + 1);
         ASSERT_NE(closed, std::string::npos) << conn << "\n" << events;
         EXPECT_GT(closed, silence) << conn;
-        const std::string line = events.substr(closed, events.find('\n', closed) - closed);
-        EXPECT_NE(line.find(" closed: closed by the agent"), std::string::npos) << line;
+        EXPECT_NE(
+            events.substr(closed, events.find('\n', closed) - closed).find(" closed: closed by the agent"),
+            std::string::npos);
     }
     EXPECT_NE(traceLog().find(
                   "Last Received heartbeat msg time is greater than qvcHeartBeatThreshold.Hence going to "
@@ -197,15 +194,12 @@ TEST_F(CollectorFailover, RerouteMovesTheAgentToTheNewCollectorAndRewritesTheSet
     EXPECT_EQ(countRecords(from.file("data-1.rec"), 4), 0);
 
     const std::string ctrl = to.file("control-1.log");
-    EXPECT_NE(ctrl.find(";requestType=2;"), std::string::npos) << ctrl;
-    EXPECT_NE(ctrl.find(";connDestination=127.0.0.1:" + std::to_string(from.port()) + ";"), std::string::npos)
-        << ctrl;
-    EXPECT_NE(ctrl.find("tierName=E2E;"), std::string::npos) << "a tier of ALL keeps the tier";
-    const std::string settings = home_.read("config/qvsettings.conf");
-    EXPECT_NE(settings.find("qvcPort=" + std::to_string(to.port())), std::string::npos) << settings;
-    const std::string events = from.events();
-    EXPECT_NE(events.find("control-1 from"), std::string::npos);
-    EXPECT_NE(events.find("closed by the agent"), std::string::npos) << events;
+    for (const std::string& want : {std::string(";requestType=2;"), std::string("tierName=E2E;"),  // ALL
+                                    ";connDestination=127.0.0.1:" + std::to_string(from.port()) + ";"})
+        EXPECT_NE(ctrl.find(want), std::string::npos) << want << "\n" << ctrl;
+    EXPECT_NE(home_.read("config/qvsettings.conf").find("qvcPort=" + std::to_string(to.port())),
+              std::string::npos);
+    EXPECT_NE(from.events().find("closed by the agent"), std::string::npos) << from.events();
     EXPECT_NE(traceLog().find("Rerouting operation completed."), std::string::npos);
 }
 
@@ -218,8 +212,7 @@ TEST_F(CollectorFailover, UnreachablePrimarySwitchesToTheBackupAfterTheRetryLimi
                    "backupQvcHostName=127.0.0.1\nbackupQvcPort=" + std::to_string(backup.port()) + "\n");
     e2e::startAgent();
     ASSERT_TRUE(e2e::waitDataConnection(backup, 1)) << backup.events();
-    EXPECT_NE(backup.file("control-1.log").find(";requestType=3;"), std::string::npos)
-        << backup.file("control-1.log");
+    EXPECT_NE(backup.file("control-1.log").find(";requestType=3;"), std::string::npos);
     ASSERT_EQ(e2e::runTransactions(5, "/on/backup"), 5);
     ASSERT_TRUE(e2e::waitUntil([&] { return countRecords(backup.file("data-1.rec"), 4) == 5; }));
 }
@@ -244,10 +237,70 @@ TEST_F(CollectorFailover, UnansweredHeartbeatsSwitchToTheBackupCollector) {
     ASSERT_TRUE(e2e::waitUntil([&] { return countRecords(backup.file("data-1.rec"), 4) == 5; }));
 }
 
-// Request threads keep going while the collector is killed and comes back: nothing blocks or
-// crashes, no record arrives twice or torn, and every request after the reconnection is delivered.
 class CollectorFailoverConcurrency : public e2e::AgentTest {};
 
+// Request threads, stopped and joined on every way out of a test.
+struct RequestThreads {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    void join() {
+        stop = true;
+        for (auto& th : threads)
+            if (th.joinable()) th.join();
+    }
+    ~RequestThreads() { join(); }
+};
+
+// Requests in the middle of methods and callouts while the collector stops and starts the test
+// run fifty times: every stop writes them out and resets their records, every start sweeps the
+// registry generations no flowpath holds, and the requests go on with their handles throughout
+// (every other one waits in a callout until the run stopped and started again).
+TEST_F(CollectorFailoverConcurrency, RequestsStraddleFiftyStopsAndStarts) {
+    Collector qvc;
+    ASSERT_TRUE(qvc.start(home_.path() + "qvc", {}));
+    home_.settings(qvc.port());
+    e2e::startAgent();
+    ASSERT_TRUE(e2e::waitDataConnection(qvc, 1)) << qvc.events();
+    RequestThreads requests;
+    std::atomic<int> held{0};
+    for (int t = 0; t < 4; ++t)
+        requests.threads.emplace_back([&] {
+            char url[] = "/straddle", work[] = "Shop::handle", db[] = "s-db", sql[] = "select 9",
+                 http[] = "s-api", path[] = "/p";
+            for (int i = 0; !requests.stop.load(); ++i) {
+                qvBTHandle h = qv_bt_begin(url, nullptr);
+                if (h == nullptr) {  // no test run at the moment
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                    continue;
+                }
+                qv_method_entry(h, work);
+                qvIPCallOutHandle d = qv_ip_db_callout_begin(h, db, sql);
+                if (i % 2 == 0) {
+                    for (bool running : {false, true})
+                        e2e::waitUntil([&] { return requests.stop.load() || e2e::testRunning() == running; });
+                    ++held;
+                }
+                qv_ip_db_callout_end(h, d);
+                qv_ip_http_callout_end(h, qv_ip_http_callout_begin(h, http, path));
+                qv_method_exit(h, work);
+                qv_bt_end(h);
+            }
+        });
+    // Each start waits for the stopped run's last record (10): its data thread has written out
+    // the requests in progress by then.
+    std::string script;
+    for (int i = 1; i <= 50; ++i)
+        script += "stop\nwait-records 10 " + std::to_string(i) +
+                  "\nstart\nwait-reply qv_control_rep:action=start_instrumentation\n";
+    qvc.send(script + "quit\n");
+    ASSERT_EQ(qvc.waitExit(), 0) << qvc.events();
+    requests.join();
+    EXPECT_GT(held.load(), 0);
+    for (int run = 1; run <= 51; ++run) expectWellFormed(qvc.file("data-" + std::to_string(run) + ".rec"));
+}
+
+// Request threads keep going while the collector is killed and comes back: nothing blocks or
+// crashes, no record arrives twice or torn, and every request after the reconnection is delivered.
 TEST_F(CollectorFailoverConcurrency, RequestThreadsRunThroughAKillAndRestart) {
     Collector first, second;
     ASSERT_TRUE(first.start(home_.path() + "qvc1", {}));
@@ -258,17 +311,7 @@ TEST_F(CollectorFailoverConcurrency, RequestThreadsRunThroughAKillAndRestart) {
 
     std::atomic<int> phase{0};  // 0 before the kill, 1 meanwhile, 2 once the new run delivers
     std::atomic<int> accepted[3] = {0, 0, 0};
-    // Stops and joins the request threads on every way out of the test.
-    struct Requests {
-        std::atomic<bool> stop{false};
-        std::vector<std::thread> threads;
-        void join() {
-            stop = true;
-            for (auto& th : threads)
-                if (th.joinable()) th.join();
-        }
-        ~Requests() { join(); }
-    } requests;
+    RequestThreads requests;
     for (int t = 0; t < 4; ++t)
         requests.threads.emplace_back([&] {
             while (!requests.stop.load()) {

@@ -57,7 +57,7 @@ struct MonitorHooks {
 };
 
 // A fresh temporary home; startAgent starts the agent in it (connect 1 also runs the registered
-// start-up hooks). TearDown resets the flowpath layer and the agent.
+// start-up hooks). TearDown resets the whole agent.
 class AgentTest : public ::testing::Test {
   protected:
     void startAgent(int connect = 0) {
@@ -66,10 +66,7 @@ class AgentTest : public ::testing::Test {
     }
     void TearDown() override {
         qvlb_fault_reset();
-        qv_data_dispatcher_reset_for_test();
-        qv_flowpath_pool_reset_for_test();
-        qvMethodRegistryResetForTest();
-        qv_agent_reset_for_test();
+        resetWholeAgent();
         home_.reset();
     }
     // A record from the pool, cleared as a transaction start leaves it.
