@@ -2,6 +2,7 @@
 // the exported writers the language extension calls.
 #include "foundation/qvlb_mt_log.h"
 
+#include <apr_allocator.h>
 #include <pthread.h>
 
 #include <cstdarg>
@@ -90,9 +91,12 @@ pthread_rwlock_t* new_stream_guard() {
 // Spares come from a pool of their own, used only here (fork handlers run one at a time): a child
 // that forks again must not need the shared pool lock, which a thread of its parent may have held.
 void make_spare(apr_thread_mutex_t** m) {
+    static apr_allocator_t* allocator = nullptr;  // kept here: the pool's own memory may be mmapped
     static apr_pool_t* pool = nullptr;
     if (*m != nullptr) return;
-    if (pool == nullptr && apr_pool_create_unmanaged_ex(&pool, nullptr, nullptr) != APR_SUCCESS)
+    if (allocator == nullptr && apr_allocator_create(&allocator) != APR_SUCCESS) allocator = nullptr;
+    if (allocator != nullptr && pool == nullptr &&
+        apr_pool_create_unmanaged_ex(&pool, nullptr, allocator) != APR_SUCCESS)
         pool = nullptr;
     if (pool != nullptr && apr_thread_mutex_create(m, APR_THREAD_MUTEX_NESTED, pool) != APR_SUCCESS)
         *m = nullptr;

@@ -1,5 +1,8 @@
 #include "support/agent_reset.h"
 
+#include <cstdio>
+#include <string>
+
 #include "backend/QVBackendMonitor.h"
 #include "bt/QVBTManager.h"
 #include "bt/QVBTMonitor.h"
@@ -34,7 +37,11 @@ void resetWholeAgent(const std::function<void()>& afterDataStop) {
     server_reset_for_test();
     qvc_server_config_reset_for_test();
     qvClientManagerResetForTest();
+    // The SDK log's directory is fixed and shared by every test: leave no file of this one there.
+    qvSDKLog* sdkLog = qv_sdk_log;
+    const std::string sdkLogFile = sdkLog != nullptr ? sdkLog->file_name[0] : "";
     qv_sdk_reset_for_test();
+    if (!sdkLogFile.empty()) std::remove(sdkLogFile.c_str());
     qvMethodMonitorResetForTest();
     qvBackendMonitorResetForTest();
     qvBTMonitorResetForTest();
