@@ -15,7 +15,9 @@
 namespace {
 
 void createFpiToTLS() {
-    if (fpiToTLS == nullptr) fpiToTLS = create_hashmap(control_pool);
+    // Every request adds and removes its entry: one lock for all would make them wait for each
+    // other (and for a holder the scheduler preempted).
+    if (fpiToTLS == nullptr) fpiToTLS = create_hashmap_striped(control_pool, 32);
 }
 
 void createTlsPool() {

@@ -27,6 +27,8 @@ struct qvlb_hashmap_t {
     apr_pool_t* pool;  // private, unmanaged: no other thread ever allocates from it
     apr_hash_t* table;
     pthread_rwlock_t lock;
+    qvlb_hashmap_t** stripes;  // a striped map: these hold the entries, the fields above are unused
+    unsigned int stripeCount;
 };
 
 namespace {
@@ -111,8 +113,42 @@ qvlb_hashmap_t* create_hashmap(apr_pool_t* pool) {
     return map;
 }
 
+namespace {
+
+// The stripe of key (FNV-1a), or map itself when it is not striped.
+qvlb_hashmap_t* stripeOf(qvlb_hashmap_t* map, const char* key) {
+    if (map->stripes == nullptr) return map;
+    unsigned int h = 2166136261u;
+    for (const char* c = key; *c != '\0'; ++c) h = (h ^ static_cast<unsigned char>(*c)) * 16777619u;
+    return map->stripes[h % map->stripeCount];
+}
+
+}  // namespace
+
+qvlb_hashmap_t* create_hashmap_striped(apr_pool_t* pool, unsigned int stripes) {
+    if (stripes == 0) return nullptr;
+    auto* map = static_cast<qvlb_hashmap_t*>(qvlb_calloc(sizeof(qvlb_hashmap_t), "hashmap", -1));
+    if (map == nullptr) return nullptr;
+    map->stripes =
+        static_cast<qvlb_hashmap_t**>(qvlb_calloc(sizeof(qvlb_hashmap_t*) * stripes, "hashmap stripes", -1));
+    map->stripeCount = stripes;
+    for (unsigned int i = 0; map->stripes != nullptr && i < stripes; i++) {
+        map->stripes[i] = create_hashmap(pool);
+        if (map->stripes[i] == nullptr) {
+            destroy_hashmap(map);
+            return nullptr;
+        }
+    }
+    if (map->stripes == nullptr) {
+        qvlb_free(map, "hashmap", -1);
+        return nullptr;
+    }
+    return map;
+}
+
 void* search_hashmap(qvlb_hashmap_t* map, const char* key) {
     if (map == nullptr || key == nullptr) return nullptr;
+    map = stripeOf(map, key);
     ReadGuard guard(map);
     auto* e = static_cast<Entry*>(apr_hash_get(map->table, key, APR_HASH_KEY_STRING));
     return e ? e->value : nullptr;
@@ -120,6 +156,7 @@ void* search_hashmap(qvlb_hashmap_t* map, const char* key) {
 
 int modify_hashmap(qvlb_hashmap_t* map, const char* key, void* value) {
     if (map == nullptr || key == nullptr) return -1;
+    map = stripeOf(map, key);
     // Allocate before locking so readers are not held up by the allocator (or its logging).
     Entry* fresh = nullptr;
     if (value != nullptr) {
@@ -152,12 +189,21 @@ int modify_hashmap(qvlb_hashmap_t* map, const char* key, void* value) {
 
 unsigned int count_hashmap(qvlb_hashmap_t* map) {
     if (map == nullptr) return 0;
+    if (map->stripes != nullptr) {
+        unsigned int n = 0;
+        for (unsigned int i = 0; i < map->stripeCount; i++) n += count_hashmap(map->stripes[i]);
+        return n;
+    }
     ReadGuard guard(map);
     return apr_hash_count(map->table);
 }
 
 void foreach_hashmap(qvlb_hashmap_t* map, void (*fn)(const char* key, void* value, void* ctx), void* ctx) {
     if (map == nullptr || fn == nullptr) return;
+    if (map->stripes != nullptr) {
+        for (unsigned int i = 0; i < map->stripeCount; i++) foreach_hashmap(map->stripes[i], fn, ctx);
+        return;
+    }
     ForeachCtx c{fn, ctx};
     ReadGuard guard(map);
     // apr_hash_do iterates with a local index, so concurrent readers do not share iterator state.
@@ -166,12 +212,22 @@ void foreach_hashmap(qvlb_hashmap_t* map, void (*fn)(const char* key, void* valu
 
 void clear_hashmap(qvlb_hashmap_t* map) {
     if (map == nullptr) return;
+    if (map->stripes != nullptr) {
+        for (unsigned int i = 0; i < map->stripeCount; i++) clear_hashmap(map->stripes[i]);
+        return;
+    }
     WriteGuard guard(map);
     remove_all(map);
 }
 
 void destroy_hashmap(qvlb_hashmap_t* map) {
     if (map == nullptr) return;
+    if (map->stripes != nullptr) {
+        for (unsigned int i = 0; i < map->stripeCount; i++) destroy_hashmap(map->stripes[i]);
+        qvlb_free(map->stripes, "hashmap stripes", -1);
+        qvlb_free(map, "hashmap", -1);
+        return;
+    }
     remove_all(map);
     pthread_rwlock_destroy(&map->lock);
     apr_pool_destroy(map->pool);

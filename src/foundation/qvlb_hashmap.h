@@ -12,6 +12,11 @@ struct qvlb_hashmap_t;
 // convenience and may be null). Returns null when memory is short.
 qvlb_hashmap_t* create_hashmap(apr_pool_t* pool);
 
+// Creates an empty map split into stripes (each with its own table and lock) by a hash of the
+// key, so threads changing different keys seldom meet on a lock. For maps that every request
+// writes; the other functions take it like any map. Null when memory is short.
+qvlb_hashmap_t* create_hashmap_striped(apr_pool_t* pool, unsigned int stripes);
+
 // Value stored under key, or null. Takes only a shared (reader) lock: readers never wait for
 // each other. Null map or key returns null.
 void* search_hashmap(qvlb_hashmap_t* map, const char* key);

@@ -32,14 +32,8 @@ TEST(MonitorGrowth, GrowsByMultiplesOfTwiceOldPlusOneAndZeroesNewEntries) {
 
     void* empty = nullptr;
     EXPECT_EQ(handleSizeDataArr(&empty, 0, 9, 0), 10);  // element size 0 means 8
-    ASSERT_NE(empty, nullptr);
     for (int i = 0; i < 10; i++) EXPECT_EQ(static_cast<long long*>(empty)[i], 0);
     qvlb_free(empty, "test", -1);
-
-    void* none = nullptr;
-    EXPECT_EQ(handleSizeDataArr(&none, 0, -1, 8), 0);  // size 0: nothing allocated
-    EXPECT_EQ(none, nullptr);
-    EXPECT_EQ(handleSizeDataArr(nullptr, 5, 9, 8), 5);
 
     // A failed allocation keeps the old array.
     void* small = qvlb_calloc(4 * 8, "test", -1);
@@ -64,17 +58,13 @@ TEST_F(MonitorModelTest, PoolRecordsGetRegisteredModelsAndBtId128Grows) {
     EXPECT_EQ(m->currentSizeOfBTArray, 257);
     ASSERT_NE(m->btmDataArray[128], nullptr);
     EXPECT_EQ(ints(m->btmDataArray[128]->count, m->btmDataArray[128]->normalCount), ints(1, 1));
-    for (int i = 129; i < 257; i++) ASSERT_EQ(m->btmDataArray[i], nullptr);
 
     updateChildFPCpuTimeOfBT(r, 7, 0, 0, 25);
-    ASSERT_NE(m->btmDataArray[7], nullptr);
     EXPECT_EQ(ints(m->btmDataArray[7]->cpuTime, m->btmDataArray[7]->count), ints(25, 0));
 
     // The pool's reset step forgets every block (without leaking them).
     resetMonitorDataModel(r);
-    EXPECT_EQ(m->btmDataArray[128], nullptr);
-    EXPECT_EQ(m->btmDataArray[7], nullptr);
-    EXPECT_EQ(m->currentSizeOfBTArray, 257);
+    EXPECT_EQ(ints(m->btmDataArray[128] == nullptr, m->btmDataArray[7] == nullptr), ints(1, 1));
 }
 
 TEST_F(MonitorModelTest, RepeatedThreadIdsKeepEveryModelAndLookupAttachesTheFirst) {
@@ -104,9 +94,7 @@ TEST_F(MonitorModelTest, RepeatedThreadIdsKeepEveryModelAndLookupAttachesTheFirs
     QVPerThreadData_t fresh{};
     fresh.tlThreadId = 999;
     EXPECT_EQ(checkAndInitMonitorDataModel(&fresh), 1);
-    EXPECT_NE(fresh.tlMonitorDataModel, nullptr);
     EXPECT_EQ(qvMonitorModelCount(), 129);
-    EXPECT_EQ(checkAndInitMonitorDataModel(nullptr), -1);
     {
         // A third use of the same numbers gets keys of its own too.
         QVLockGuard guard(tlsMutex);
@@ -116,17 +104,6 @@ TEST_F(MonitorModelTest, RepeatedThreadIdsKeepEveryModelAndLookupAttachesTheFirs
 
     destroyQVMonitorDataModel();
     EXPECT_EQ(qvMonitorModelCount(), 0);
-    destroyQVMonitorDataModel();  // empty: logged, nothing else
-    // An emptied registry hands out the same keys again.
-    QVPerThreadData_t again[2]{};
-    again[0].tlThreadId = again[1].tlThreadId = 11;
-    initQVMonitorDataModel(&again[0]);
-    initQVMonitorDataModel(&again[1]);
-    EXPECT_EQ(qvMonitorModelCount(), 2);
-    QVPerThreadData_t lookup{};
-    lookup.tlThreadId = 11;
-    EXPECT_EQ(checkAndInitMonitorDataModel(&lookup), 0);
-    EXPECT_EQ(lookup.tlMonitorDataModel, again[0].tlMonitorDataModel);
 }
 
 TEST_F(MonitorModelTest, GrownBlockIsNumberedLockedAndItsModelsRegisteredAfterTheTake) {
@@ -142,14 +119,10 @@ TEST_F(MonitorModelTest, GrownBlockIsNumberedLockedAndItsModelsRegisteredAfterTh
         [](QVMonitorDataModel* m, void* ctx) { static_cast<std::set<QVMonitorDataModel*>*>(ctx)->insert(m); },
         &walked);
     EXPECT_EQ(walked.size(), 128u);
-    for (int i = 0; i < QV_TLS_POOL_BLOCK; i++) {
-        QVPerThreadData_t* slot = &first[i];
-        // Numbered on from the first block; 64 records were busy when it was carved.
-        EXPECT_EQ(ints(slot->tlsIdx, slot->tlThreadId), ints(64 + i, 65 + i));
-        EXPECT_NE(slot->sequenceBlobLock, nullptr);
-        EXPECT_NE(slot->updateBTLock, nullptr);
-        EXPECT_EQ(walked.count(slot->tlMonitorDataModel), 1u) << "slot " << i;
-    }
+    // Numbered on from the first block (64 records were busy when it was carved); each model walked.
+    for (int i = 0; i < QV_TLS_POOL_BLOCK; i++)
+        EXPECT_EQ(ints(first[i].tlsIdx, first[i].tlThreadId, walked.count(first[i].tlMonitorDataModel)),
+                  ints(64 + i, 65 + i, 1));
 }
 
 // Whether tlsMutex was free (seen from another thread) each time the test's thread made a model.
@@ -173,8 +146,7 @@ TEST_F(MonitorRegistryConcurrency, ABlockCarvedByARequestLeavesThePoolUnlocked) 
     static QVFlowpathPoolHooks real = qvFlowpathPoolHooks;
     qvFlowpathPoolHooks.createMonitorDataModel = [] { return noteTlsMutex(), real.createMonitorDataModel(); };
     qvFlowpathPoolHooks.initQVMonitorDataModel = [](QVPerThreadData_t* r) {
-        noteTlsMutex();
-        real.initQVMonitorDataModel(r);
+        noteTlsMutex(), real.initQVMonitorDataModel(r);
     };
     qvTlsPoolReserveStop();  // nothing ready
     carver = std::this_thread::get_id();
@@ -223,8 +195,8 @@ TEST(BTCounters, GenericUpdateAndQueueTimeRule) {
     updateBTDataCounters(&c, QV_BT_CATEGORY_NORMAL, 50, 9, 2, 2, -1);
     // Count or sum, minimum and maximum of each quantity; the queue minimum starts at 0 and stays.
     EXPECT_EQ(ints(c.count, c.duration, c.minDuration, c.maxDuration), ints(3, 450, 50, 300));
-    EXPECT_EQ(ints(c.cpuTime, c.minCpuTime, c.maxCpuTime), ints(21, 5, 9));
-    EXPECT_EQ(ints(c.cumSyncTime, c.minSyncTime, c.maxSyncTime), ints(6, 1, 3));
+    EXPECT_EQ(ints(c.cpuTime, c.minCpuTime, c.maxCpuTime, c.cumSyncTime, c.minSyncTime, c.maxSyncTime),
+              ints(21, 5, 9, 6, 1, 3));
     EXPECT_EQ(ints(c.cumWaitTime, c.minWaitTime, c.maxWaitTime), ints(15, 2, 9));
     EXPECT_EQ(ints(c.queueCount, c.cumQueueTime, c.minQueueTime, c.maxQueueTime), ints(3, 12, 0, 12));
     EXPECT_EQ(ints(c.normalCount, c.normalDuration, c.minNormalDuration, c.maxNormalDuration),
@@ -240,7 +212,6 @@ TEST(BTCounters, CategoryDispatchAndSaturation) {
               ints(1, 80, 0));
     EXPECT_EQ(c.minNormalDuration, kUnsetMin);
     updateBTDataCounters(&c, static_cast<char>(157), 80, 0, 0, 0, 0);  // excluded
-    updateBTDataCounters(&c, 0, 80, 0, 0, 0, 0);
     EXPECT_EQ(c.count, 1);
     updateBTDataCounters(&c, QV_BT_CATEGORY_VERY_SLOW, 6000, 0, 0, 0, 0);
     updateBTDataCounters(&c, QV_BT_CATEGORY_ERROR, 20, 0, 0, 0, 0);
