@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <string>
+#include <thread>
 
 #include "e2e/e2e_harness.h"
 
@@ -20,6 +23,16 @@ size_t heapInUse() {
 #else
     return mallinfo2().uordblks;
 #endif
+}
+
+// The least of some samples: the agent's own threads hold buffers for a moment now and then.
+size_t heapFloor() {
+    size_t least = heapInUse();
+    for (int i = 0; i < 50; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        least = std::min(least, heapInUse());
+    }
+    return least;
 }
 
 class StartCycles : public e2e::AgentTest {
@@ -56,9 +69,9 @@ TEST_F(StartCycles, StartStopCyclesLeaveTheHeapFlat) {
     e2e::startAgent();
     ASSERT_TRUE(e2e::waitDataConnection(qvc_, 1)) << qvc_.events();
     ASSERT_TRUE(cycles(20, 21)) << qvc_.events();
-    const size_t before = heapInUse();
+    const size_t before = heapFloor();
     ASSERT_TRUE(cycles(1000, 1021)) << qvc_.events();
-    const size_t after = heapInUse();
+    const size_t after = heapFloor();
     // A start used to keep at least 67 KB; allow well under a hundred bytes a cycle.
     EXPECT_LT(after, before + 64 * 1024) << "grew by " << (after - before) << " bytes";
 }
