@@ -15,32 +15,21 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "backend/QVBackendMonitor.h"
-#include "bt/QVBTManager.h"
-#include "bt/QVBTMonitor.h"
-#include "bt/QVMonitorCommon.h"
-#include "bt/QVMonitorDataModel.h"
-#include "collector/NIODataDispatcher.h"
 #include "collector/QVCServerConfig.h"
 #include "collector/QVDataDispatcher.h"
 #include "collector/QVMonitorReporter.h"
 #include "collector/Server.h"
 #include "collector/control_thread.h"
 #include "core/qv_agent.h"
-#include "flowpath/QVFlowpathGenerator.h"
-#include "flowpath/QVMethodHashMap.h"
-#include "flowpath/QVPerThreadData.h"
-#include "flowpath/QVSQLProcessor.h"
 #include "foundation/qvlb_atomic.h"
-#include "mm/QVMethodMonitor.h"
 #include "sdk/qv_sdk.h"
 #include "support/agent_reset.h"
-#include "tool/QVClientManager.h"
 #include "support/temp_home.h"
 
 namespace e2e {
@@ -53,29 +42,15 @@ constexpr int kWaitMs = 60000;
 
 inline std::string readFile(const fs::path& p) {
     std::ifstream in(p, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // Complete lines of text (a trailing line without its newline is left out).
 inline std::vector<std::string> completeLines(const std::string& text) {
     std::vector<std::string> out;
-    size_t start = 0;
-    for (size_t nl = text.find('\n'); nl != std::string::npos; nl = text.find('\n', start)) {
-        out.push_back(text.substr(start, nl - start));
-        start = nl + 1;
-    }
+    std::istringstream in(text.substr(0, text.rfind('\n') + 1));
+    for (std::string line; std::getline(in, line);) out.push_back(line);
     return out;
-}
-
-// Complete lines of text that are records of type (begin with "<type>,").
-inline int countRecords(const std::string& text, int type) {
-    const std::string prefix = std::to_string(type) + ",";
-    int n = 0;
-    for (const std::string& l : completeLines(text))
-        if (l.rfind(prefix, 0) == 0) ++n;
-    return n;
 }
 
 inline int countOf(const std::string& text, const std::string& needle) {
@@ -85,14 +60,19 @@ inline int countOf(const std::string& text, const std::string& needle) {
     return n;
 }
 
+// Complete lines of text that are records of type (begin with "<type>,").
+inline int countRecords(const std::string& text, int type) {
+    return countOf("\n" + text.substr(0, text.rfind('\n') + 1), "\n" + std::to_string(type) + ",");
+}
+
 // Polls pred every 5 ms until it holds or ms pass; returns its last value.
 inline bool waitUntil(const std::function<bool()>& pred, int ms = kWaitMs) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    for (;;) {
-        if (pred()) return true;
+    while (!pred()) {
         if (std::chrono::steady_clock::now() >= deadline) return pred();
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
+    return true;
 }
 
 // qvcollector as a child process: commands go to its stdin (--interactive), events to
@@ -111,16 +91,9 @@ class Collector {
         fs::create_directories(out_);
         const fs::path portFile = out_ / "port";
         fs::remove(portFile);
-        std::vector<std::string> argv = {QV_BINARY_DIR "/tools/qvcollector",
-                                         "--port",
-                                         std::to_string(port),
-                                         "--port-file",
-                                         portFile.string(),
-                                         "--out",
-                                         out_.string(),
-                                         "--summary-interval",
-                                         "0",
-                                         "--interactive"};
+        std::vector<std::string> argv = {
+            "qvcollector", "--port",      std::to_string(port), "--port-file", portFile.string(),
+            "--out",       out_.string(), "--summary-interval", "0",           "--interactive"};
         argv.insert(argv.end(), args.begin(), args.end());
         std::vector<char*> cargv;
         for (std::string& a : argv) cargv.push_back(a.data());
@@ -138,56 +111,44 @@ class Collector {
             const int devnull = open("/dev/null", O_WRONLY);
             if (devnull >= 0) dup2(devnull, 1);
             close_range(3, ~0U, 0);
-            execv(cargv[0], cargv.data());
+            execv(QV_BINARY_DIR "/tools/qvcollector", cargv.data());
             _exit(127);
         }
         close(in[0]);
-        if (pid_ < 0) {
-            close(in[1]);
-            return false;
-        }
         stdin_ = in[1];
-        if (!waitUntil([&] { return !readFile(portFile).empty() || !alive(); }, 10000) || !alive())
+        if (pid_ < 0 || !waitUntil([&] { return !readFile(portFile).empty() || !alive(); }, 10000) ||
+            !alive())
             return false;
         port_ = std::stoi(readFile(portFile));
         return port_ > 0;
     }
 
     int port() const { return port_; }
-    const fs::path& out() const { return out_; }
 
     // Queues script commands (one per line). Commands written in one call are read together, so
     // a wait-reply written after the command that causes the reply is in place in time.
     void send(const std::string& commands) {
-        if (stdin_ < 0) return;
-        const char* p = commands.data();
-        size_t n = commands.size();
-        while (n > 0) {
-            const ssize_t w = write(stdin_, p, n);
+        for (size_t done = 0; stdin_ >= 0 && done < commands.size();) {
+            const ssize_t w = write(stdin_, commands.data() + done, commands.size() - done);
             if (w <= 0) return;
-            p += w;
-            n -= static_cast<size_t>(w);
+            done += static_cast<size_t>(w);
         }
     }
 
     bool alive() {
-        if (pid_ <= 0) return false;
         int st = 0;
-        const pid_t r = waitpid(pid_, &st, WNOHANG);
-        if (r == pid_) {
-            exitCode_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-            pid_ = -1;
-            closeStdin();
-            return false;
-        }
-        return true;
+        if (pid_ <= 0 || waitpid(pid_, &st, WNOHANG) != pid_) return pid_ > 0;
+        exitCode_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+        pid_ = -1;
+        if (stdin_ >= 0) close(stdin_);
+        stdin_ = -1;
+        return false;
     }
 
     // Exit status once the collector ended (2: a wait of its script timed out), or -1 when it
     // still runs after ms.
     int waitExit(int ms = kWaitMs) {
-        waitUntil([&] { return !alive(); }, ms);
-        return pid_ > 0 ? -1 : exitCode_;
+        return waitUntil([&] { return !alive(); }, ms) ? exitCode_ : -1;
     }
 
     void kill(int sig) {
@@ -200,11 +161,6 @@ class Collector {
     std::string events() const { return file("events.log"); }
 
   private:
-    void closeStdin() {
-        if (stdin_ >= 0) close(stdin_);
-        stdin_ = -1;
-    }
-
     fs::path out_;
     pid_t pid_ = -1;
     int stdin_ = -1;
@@ -219,15 +175,6 @@ inline bool waitDataConnection(const Collector& c, int n) {
         [&] { return c.file("data-" + std::to_string(n) + ".rec").find("\n99,") != std::string::npos; });
 }
 
-// The agent starts once per process (ctest runs every case in its own process); a second case
-// in the same process is skipped.
-inline bool claimProcess() {
-    static bool claimed = false;
-    if (claimed) return false;
-    claimed = true;
-    return true;
-}
-
 // Agent home in a temporary directory with the settings file naming the collector(s).
 class AgentHome : public TempAgentHome {
   public:
@@ -240,7 +187,8 @@ class AgentHome : public TempAgentHome {
 };
 
 // Every wait of the agent shortened (the defaults are a minute and more), then start-up as
-// qv_init without its pause: the control thread connects at once.
+// qv_init without its pause: the control thread connects at once (or, without a settings file
+// yet, once one is written).
 inline void startAgent() {
     qv_store(controlRetryIntervalMs, 100LL);
     qv_store(dataConnRetryIntervalMs, 100);
@@ -251,11 +199,8 @@ inline void startAgent() {
     qv_init_internal(0);
 }
 
-// Stops every agent thread and releases what the agent keeps for the life of the process.
-inline void stopAgent() {
-    resetWholeAgent();
-}
-
+// True while the agent is in a test run. Once the collector closes the control connection the
+// agent re-reads its settings file, which ends the test run: ask only while the collector lives.
 inline bool testRunning() {
     QVProxyInstance_t* app = qvApplication;
     return app != nullptr && qv_load(app->Server.testRunRunning) == 1;
@@ -282,32 +227,29 @@ inline bool oneTransaction(const std::string& url) {
 // pass. Returns how many ran.
 inline int runTransactions(int n, const std::string& url = "/e2e/shop", int ms = kWaitMs) {
     int done = 0;
-    for (int i = 0; i < n; ++i) {
-        if (!waitUntil([&] { return oneTransaction(url); }, ms)) break;
-        ++done;
-    }
+    while (done < n && waitUntil([&] { return oneTransaction(url); }, ms)) ++done;
     return done;
 }
 
-// Base of the end-to-end cases: an agent home and one agent per process, shut down at the end.
+// Base of the end-to-end cases: an agent home and one agent per process (ctest runs every case in
+// its own process; a second case in the same process is skipped), shut down at the end.
 class AgentTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (!claimProcess()) GTEST_SKIP() << "the agent starts once per process; run the cases with ctest";
-        claimed_ = true;
+        static bool claimed = false;
+        if (claimed) GTEST_SKIP() << "the agent starts once per process; run the cases with ctest";
+        claimed = claimed_ = true;
     }
     void TearDown() override {
-        if (claimed_) stopAgent();
+        if (claimed_) resetWholeAgent();
         // QV_E2E_KEEP=<dir>: a failed case leaves its agent home (trace logs, capture files) there.
         const char* keep = getenv("QV_E2E_KEEP");
-        if (keep != nullptr && *keep != '\0' && HasFailure()) {
-            std::error_code ec;
-            const fs::path to =
-                fs::path(keep) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
-            fs::remove_all(to, ec);
-            fs::create_directories(to, ec);
-            fs::copy(home_.path(), to, fs::copy_options::recursive, ec);
-        }
+        if (keep == nullptr || *keep == '\0' || !HasFailure()) return;
+        std::error_code ec;
+        fs::create_directories(keep, ec);
+        fs::copy(home_.path(),
+                 fs::path(keep) / ::testing::UnitTest::GetInstance()->current_test_info()->name(),
+                 fs::copy_options::recursive | fs::copy_options::overwrite_existing, ec);
     }
     std::string traceLog() const { return home_.traceLogs(); }
 
