@@ -29,11 +29,14 @@ struct Reserve {
     pid_t owner = 0;                // process that started thread
     bool wanted = false;
     bool stopping = false;
-    // Two blocks ready: on a busy machine the thread may take longer to make one than requests
-    // take to use up 64 records, and a request finding none carves its own.
-    static constexpr int kReadyMax = 2;
+    // Up to four blocks ready (4.7 MB), one more than blocks taken so far: on a busy machine the
+    // thread may take longer to make one than requests take to use up 64 records, while a process
+    // whose records are given back never needs more than one.
+    static constexpr int kReadyMax = 4;
     QVTlsPreparedBlock ready[kReadyMax] = {};
     int readyCount = 0;
+    int taken = 0;
+    int readyWanted() const { return taken + 1 < kReadyMax ? taken + 1 : kReadyMax; }
     // Blocks whose models wait for registration, oldest first.
     struct Pending {
         QVPerThreadData_t* pool;
@@ -102,7 +105,7 @@ void run() {
     Reserve& r = reserve();
     std::unique_lock<std::mutex> lk(r.lock);
     for (;;) {
-        const auto wantsBlock = [&] { return r.wanted && r.readyCount < Reserve::kReadyMax; };
+        const auto wantsBlock = [&] { return r.wanted && r.readyCount < r.readyWanted(); };
         r.wake.wait(lk, [&] { return r.stopping || r.pendingCount > 0 || wantsBlock(); });
         if (r.stopping) return;
         registerPending(r, lk);
@@ -127,7 +130,7 @@ void run() {
             r.ready[r.readyCount++] = b;
         else
             qvTlsPreparedBlockDiscard(&b);  // given a carved one meanwhile
-        if (r.readyCount == Reserve::kReadyMax) r.wanted = false;
+        if (r.readyCount >= r.readyWanted()) r.wanted = false;
     }
 }
 
@@ -153,6 +156,7 @@ bool qvTlsPoolReserveTake(QVTlsPreparedBlock* out) {
     forgetParentThread(r);
     if (r.readyCount == 0) return false;
     *out = r.ready[--r.readyCount];
+    if (r.taken < Reserve::kReadyMax) r.taken++;
     return true;
 }
 

@@ -1,6 +1,6 @@
 // Blocks of records made ahead of need. Carving a block (1.1 MB of records, two mutexes per
 // record and a monitor model each) takes about half a millisecond, and the pool needs one every 64
-// transactions. A background thread keeps two blocks ready; create_tls_pool links one and asks for
+// transactions. A background thread keeps up to four blocks ready; create_tls_pool links one and asks for
 // more. When none is ready (a burst, a failed allocation, a forked child) get_free_tls_slot carves
 // its own outside tlsMutex, so no other request waits for it.
 #ifndef QVTLSPOOLRESERVE_H
