@@ -152,9 +152,7 @@ class Collector {
     }
 
     void kill(int sig) {
-        if (pid_ <= 0) return;
-        ::kill(pid_, sig);
-        if (sig == SIGKILL || sig == SIGTERM) waitExit(10000);
+        if (pid_ > 0 && ::kill(pid_, sig) == 0 && (sig == SIGKILL || sig == SIGTERM)) waitExit(10000);
     }
 
     std::string file(const std::string& name) const { return readFile(out_ / name); }
@@ -202,8 +200,7 @@ inline void startAgent() {
 // True while the agent is in a test run. Once the collector closes the control connection the
 // agent re-reads its settings file, which ends the test run: ask only while the collector lives.
 inline bool testRunning() {
-    QVProxyInstance_t* app = qvApplication;
-    return app != nullptr && qv_load(app->Server.testRunRunning) == 1;
+    return qvApplication != nullptr && qv_load(qvApplication->Server.testRunRunning) == 1;
 }
 
 // One request: a nested method, a database and an HTTP callout. False when no test run took it.

@@ -14,8 +14,7 @@ using e2e::countOf;
 using e2e::countRecords;
 constexpr size_t npos = std::string::npos;
 
-class EndToEnd : public e2e::AgentTest {
-  protected:
+struct EndToEnd : e2e::AgentTest {
     e2e::Collector qvc_;
 };
 
