@@ -160,7 +160,8 @@ int escapeURLEncodingForHttp(const char* in, char* out, int outSize);
 // ---- Method entry and exit ----
 
 // Records a method entry in qvTD's flowpath and returns the method, or null when nothing was
-// recorded (null record, test run stopped, empty name, record not found by TLS, method unknown).
+// recorded (null record, test run stopped, empty name, record not found by TLS, record running no
+// flowpath (ended, written out at a test stop or never started), method unknown).
 // methodPtr (may be null) is used when the record holds the current registry generation;
 // otherwise the method is found or created by name. url: the request URL or, for a database
 // callout, the query; urlParameter replaces tlURLParameters when non-null; startTime 0 means now.

@@ -306,12 +306,23 @@ bool empty(const char* s) {
     return s == nullptr || s[0] == '\0';
 }
 
+// QV_SDK_LOG for a helper that writes its lines in the name of the function it works for (the
+// function name is part of every line).
+#define QV_SDK_LOG_AS(func, level, ...)                         \
+    do {                                                        \
+        qvSDKLog* qv_sdk_l_ = qv_load_acquire(qv_sdk_log);      \
+        if (qv_sdk_l_ != nullptr && qv_sdk_l_->log != nullptr)  \
+            qv_sdk_l_->log(level, func, __LINE__, __VA_ARGS__); \
+    } while (0)
+
+const char kSearchUpdate[] = "ipCallOutSearchUpdate";
+
 // The finding half of ipCallOutSearchUpdate: *added tells that the record is new, and then the
 // caller must give it room in the backend monitor.
 methodPropProperties* findOrAddIpCallOut(char* ip_name, int type, node_t* node, bool* added) {
     *added = false;
     if (empty(ip_name)) return nullptr;
-    QV_SDK_LOG(2, "Method Called");
+    QV_SDK_LOG_AS(kSearchUpdate, 2, "Method Called");
     // A known name (every call but a backend's first) is found without the registry lock; the
     // test and the insert of a new one form one step under it.
     methodPropProperties* rec = getMethodPropFromMethodName(ip_name, node);
@@ -319,7 +330,7 @@ methodPropProperties* findOrAddIpCallOut(char* ip_name, int type, node_t* node, 
         QVMethodHashMapGuard guard;
         rec = getMethodPropFromMethodName(ip_name, node);
         if (rec == nullptr) {
-            QV_SDK_LOG(1, "Adding ip_name = [%s], to hashmap", ip_name);
+            QV_SDK_LOG_AS(kSearchUpdate, 1, "Adding ip_name = [%s], to hashmap", ip_name);
             // A name that a newer generation knows comes back as that record, which keeps its
             // type: only a record made here takes the next id.
             const int nextId = qv_load(methodId);
@@ -331,29 +342,29 @@ methodPropProperties* findOrAddIpCallOut(char* ip_name, int type, node_t* node, 
             }
         }
     }
-    if (!*added) QV_SDK_LOG(1, "ip_name found in hashmap, ip_name = [%s]", ip_name);
+    if (!*added) QV_SDK_LOG_AS(kSearchUpdate, 1, "ip_name found in hashmap, ip_name = [%s]", ip_name);
     return rec;
 }
 
 // Room in the backend monitor for a backend just added; outside every lock but its own.
 void growForNewBackend(methodPropProperties* rec) {
-    QV_SDK_LOG(1, "Going to increament backend data array");
+    QV_SDK_LOG_AS(kSearchUpdate, 1, "Going to increament backend data array");
     checkAndIncrementAggrBackendDataArray(rec);
-    QV_SDK_LOG(1, "Method End");
+    QV_SDK_LOG_AS(kSearchUpdate, 1, "Method End");
 }
 
 // A record holds a registry generation while it runs a flowpath (see QVMethodHashMap.h).
 // Caller holds its sequenceBlobLock.
-bool runsFlowpath(const QVPerThreadData_t* td, const void* handle) {
+bool runsFlowpath(const char* func, const QVPerThreadData_t* td, const void* handle) {
     if (td->hasMapNodePtr != nullptr) return true;
-    QV_SDK_LOG(1, "bt_handle = [%p] runs no transaction; callout not recorded", handle);
+    QV_SDK_LOG_AS(func, 1, "bt_handle = [%p] runs no transaction; callout not recorded", handle);
     return false;
 }
 
 // Start of a callout of type (1 HTTP, 2 database) to host: the backend record, and when the
 // handle runs a flowpath its start time and, for a database, the query. A handle whose flowpath
 // has ended (at a test stop, say) still gets the backend, so the end it is paired with is valid.
-methodPropProperties* beginCallout(void* handle, char* host, int type, char* query) {
+methodPropProperties* beginCallout(const char* func, void* handle, char* host, int type, char* query) {
     auto* td = static_cast<QVPerThreadData_t*>(handle);
     methodPropProperties* backend = nullptr;
     bool added = false;
@@ -361,17 +372,18 @@ methodPropProperties* beginCallout(void* handle, char* host, int type, char* que
         QVLockGuard guard(td->sequenceBlobLock);
         // The generation is used only while the lock keeps the record from releasing it.
         backend = findOrAddIpCallOut(host, type, td->hasMapNodePtr, &added);
-        if (backend != nullptr && runsFlowpath(td, handle)) {
+        if (backend != nullptr && runsFlowpath(func, td, handle)) {
             long long clock = 0;
             const long long curTimeStampMS = relativeNow(td, &clock);
             td->tlTierStartTime = curTimeStampMS;
             if (type == 2) {
-                QV_SDK_LOG(1, "curTimeStampMS = [%lld]", curTimeStampMS);
+                QV_SDK_LOG_AS(func, 1, "curTimeStampMS = [%lld]", curTimeStampMS);
                 dbMethodEntry(td, curTimeStampMS, query, host);
             } else {
                 td->httpCallOutDepth++;
-                QV_SDK_LOG(1, "myGettimeofday = [%lld], curTimeStampMS = [%lld], httpCallOutDepth = [%d]",
-                           clock, curTimeStampMS, td->httpCallOutDepth);
+                QV_SDK_LOG_AS(func, 1,
+                              "myGettimeofday = [%lld], curTimeStampMS = [%lld], httpCallOutDepth = [%d]",
+                              clock, curTimeStampMS, td->httpCallOutDepth);
             }
         }
     }
@@ -381,32 +393,32 @@ methodPropProperties* beginCallout(void* handle, char* host, int type, char* que
 
 // End of a callout: the callout record once the outermost callout of its kind ended, then the
 // backend's count (outside the record's lock: the monitor may grow its arrays).
-void endCallout(void* handle, void* ip_handle, int type) {
+void endCallout(const char* func, void* handle, void* ip_handle, int type) {
     auto* td = static_cast<QVPerThreadData_t*>(handle);
     auto* backend = static_cast<methodPropProperties*>(ip_handle);
     long long duration = 0;
     bool closed = false;
     {
         QVLockGuard guard(td->sequenceBlobLock);
-        if (!runsFlowpath(td, handle)) return;
+        if (!runsFlowpath(func, td, handle)) return;
         long long clock = 0;
         const long long curTimeStampMS = relativeNow(td, &clock);
         duration = curTimeStampMS - td->tlTierStartTime;
         td->seqNum++;
         int depth;
         if (type == 2) {
-            QV_SDK_LOG(1, "myGettimeofday = [%lld], curTimeStampMS = [%lld], duration = [%lld]", clock,
-                       curTimeStampMS, duration);
+            QV_SDK_LOG_AS(func, 1, "myGettimeofday = [%lld], curTimeStampMS = [%lld], duration = [%lld]",
+                          clock, curTimeStampMS, duration);
             depth = --td->tlSQLObj.DBCallDepth;
         } else {
             depth = --td->httpCallOutDepth;
-            QV_SDK_LOG(1, "qvTD->seqNum = [%ld], httpCallOutDepth = [%d]", static_cast<long>(td->seqNum),
-                       depth);
+            QV_SDK_LOG_AS(func, 1, "qvTD->seqNum = [%ld], httpCallOutDepth = [%d]",
+                          static_cast<long>(td->seqNum), depth);
         }
         if (depth < 1) {
             if (type == 2) {
                 qv_store(dbBackendId, backend->methodId);
-                QV_SDK_LOG(1, "dbBackendId = [%d]", backend->methodId);
+                QV_SDK_LOG_AS(func, 1, "dbBackendId = [%d]", backend->methodId);
             }
             updateFPSeqBlobWithTierCallOutRecord(td, td->tlTierStartTime, duration, backend);
             closed = true;
@@ -672,7 +684,7 @@ QV_EXPORT qvIPCallOutHandle qv_ip_db_callout_begin(qvBTHandle bt_handle, char* d
     }
     QV_SDK_LOG(2, "Method Called, bt_handle = [%p], db_host = [%s], db_query = [%s]", bt_handle, db_host,
                db_query);
-    return beginCallout(bt_handle, db_host, 2, db_query);
+    return beginCallout(__func__, bt_handle, db_host, 2, db_query);
 }
 
 QV_EXPORT int qv_ip_db_callout_end(qvBTHandle bt_handle, qvIPCallOutHandle ip_handle) {
@@ -681,7 +693,7 @@ QV_EXPORT int qv_ip_db_callout_end(qvBTHandle bt_handle, qvIPCallOutHandle ip_ha
                    ip_handle);
         return -1;
     }
-    endCallout(bt_handle, ip_handle, 2);
+    endCallout(__func__, bt_handle, ip_handle, 2);
     return 0;
 }
 
@@ -692,7 +704,7 @@ QV_EXPORT qvIPCallOutHandle qv_ip_http_callout_begin(qvBTHandle bt_handle, char*
         return nullptr;
     }
     QV_SDK_LOG(2, "Method Called, bt_handle = [%p], http_host = [%s], url = [%s]", bt_handle, http_host, url);
-    methodPropProperties* backend = beginCallout(bt_handle, http_host, 1, nullptr);
+    methodPropProperties* backend = beginCallout(__func__, bt_handle, http_host, 1, nullptr);
     if (backend != nullptr) QV_SDK_LOG(1, "Method end, mPP = [%p]", static_cast<void*>(backend));
     return backend;
 }
@@ -703,7 +715,7 @@ QV_EXPORT int qv_ip_http_callout_end(qvBTHandle bt_handle, qvIPCallOutHandle ip_
                    ip_handle);
         return -1;
     }
-    endCallout(bt_handle, ip_handle, 1);
+    endCallout(__func__, bt_handle, ip_handle, 1);
     return 0;
 }
 

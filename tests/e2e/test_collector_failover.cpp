@@ -257,7 +257,8 @@ struct RequestThreads {
 // (every other one waits in a callout until the run stopped and started again).
 TEST_F(CollectorFailoverConcurrency, RequestsStraddleFiftyStopsAndStarts) {
     Collector qvc;
-    ASSERT_TRUE(qvc.start(home_.path() + "qvc", {}));
+    // No monitor reporting thread: this test is about the flowpath records.
+    ASSERT_TRUE(qvc.start(home_.path() + "qvc", {"--keyword", "ASReportInterval=0"}));
     home_.settings(qvc.port());
     e2e::startAgent();
     ASSERT_TRUE(e2e::waitDataConnection(qvc, 1)) << qvc.events();
