@@ -476,6 +476,9 @@ QV_EXPORT void qv_init(void) {
 
 QV_EXPORT void qv_free(void) {
     QV_SDK_LOG(2, "Method Called");
+    // The agent's threads end here, while everything they use still exists: left running, they
+    // would meet the process's exit tearing their pools and locks down.
+    qv_agent_shutdown();
     releaseTable();
     // The last line goes out before the record it is written through is released.
     QV_SDK_LOG(1, "Method End");
