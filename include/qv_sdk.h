@@ -35,7 +35,8 @@ typedef void* qvIPCallOutHandle;
  * early when the agent is shut down. Call once, before any other function, from one thread. */
 QV_EXPORT void qv_init(void);
 
-/* Releases what qv_init created: the table of stored transactions (their handles become
+/* Stops the agent's threads (waits are bounded; they do not start again in this process), then
+ * releases what qv_init created: the table of stored transactions (their handles become
  * unreachable through qv_bt_get). The SDK log stays open (its lines so far written out): later
  * calls, and a later qv_init, log on into the same file. No other SDK call may run meanwhile. */
 QV_EXPORT void qv_free(void);

@@ -201,6 +201,7 @@ int sendDataToQVC() {
     if (sendLock == nullptr) return -1;
     for (;;) {
         int sentNow = 0;
+        bool failed = false;
         {
             QVLockGuard send(sendLock);
             nioSettings_t* node = qvPoolHead(asBuffers);
@@ -208,17 +209,19 @@ int sendDataToQVC() {
             apr_socket_t* s = autoSensor.skt;
             if (s == nullptr) return -1;
             char err[256] = "";
-            if (qvPoolSendHead(asBuffers, node, s, err, sizeof(err), &sentNow) != 0) {
+            int len = 0;
+            if (qvPoolSendHead(asBuffers, node, s, err, sizeof(err), &len, &sentNow) != 0) {
                 QV_TRACE_IF(ctlLevel() > 0, kModule, "Error", "Error = %s", err);
                 closeAutoSensorConnection();
                 qv_store(retryFlag, 1);
-                return -1;
+                failed = true;
             }
         }
         {
             QVLockGuard guard(qv_load_acquire(counterLock));
             totalSentToQVCBytes += sentNow;
         }
+        if (failed) return -1;
         if (!inStopFlush && checkAndStopThreadAS() != 0) return 0;
     }
 }

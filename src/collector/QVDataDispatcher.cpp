@@ -136,6 +136,13 @@ void setDataSocket(apr_socket_t* s) {
     qv_store(qvApplication->qvcDataSocket, s);
 }
 
+// False once another thread closed the connection (a failed direct send, the collector taken
+// for dead): the thread then makes a new one even with nothing queued.
+bool connected() {
+    QVLockGuard guard(qv_load_acquire(dataSktLock));
+    return dataSkt.skt != nullptr;
+}
+
 enum class LoopEnd { Stop, Reconnect };
 
 // Step 3 of the thread: sends while the test runs. Stop: the thread must end (it was cleaned
@@ -151,7 +158,7 @@ LoopEnd sendLoop() {
             rc = processData();
         }
         if (exitRequested()) return LoopEnd::Stop;
-        if (rc == -1 || qv_load(app->QVSys.dataConnState) == 0) return LoopEnd::Reconnect;
+        if (rc == -1 || qv_load(app->QVSys.dataConnState) == 0 || !connected()) return LoopEnd::Reconnect;
         dataThreadWait(kLoopSleepMs);
         if (qv_load(app->QVSys.retryFlag) != 0 || qv_load(app->QVSys.closeCtrlConFlag) != 0) {
             clean_data_thread();
@@ -234,7 +241,8 @@ int processData() {
         if (s == nullptr) return -1;
         char err[256] = "";
         int len = 0;
-        if (qvPoolSendHead(dataBuffers, node, s, err, sizeof(err), &len) != 0) {
+        int sent = 0;
+        if (qvPoolSendHead(dataBuffers, node, s, err, sizeof(err), &len, &sent) != 0) {
             QV_TRACE_IF(ctlLevel() > 0, kModule, "Error", "Error = %s, dataLen = %d", err, len);
             return -1;
         }
@@ -315,7 +323,9 @@ void sendBufferDataCon(const char* buf, int len) {
     QVLockGuard send(sendLock);
     if (dataSkt.skt == nullptr) return;
     char err[128];
-    qvlb_send_n_bytes(dataSkt.skt, buf, len, err, sizeof(err));
+    // A frame cut by a failure or a timeout must not be followed by others on this connection:
+    // it is closed and the data thread makes a new one.
+    if (qvlb_send_n_bytes(dataSkt.skt, buf, len, err, sizeof(err)) != 0) close_data_connection();
 }
 
 void close_data_connection() {

@@ -151,12 +151,16 @@ nioSettings_t* qvPoolHead(QVSendBufferPool& p) {
 }
 
 int qvPoolSendHead(QVSendBufferPool& p, nioSettings_t* node, apr_socket_t* s, char* err, size_t errLen,
-                   int* sent) {
+                   int* attempted, int* sent) {
     const int len = node->use_len - node->send_len;
-    *sent = len > 0 ? len : 0;
+    *attempted = len > 0 ? len : 0;
+    *sent = 0;
     if (len > 0) {
-        if (qvlb_send_n_bytes(s, node->buff + node->send_len, len, err, errLen) != 0) return -1;
-        node->send_len += len;
+        const int rc =
+            qvlb_send_n_bytes(s, node->buff + node->send_len, len, err, static_cast<int>(errLen), sent);
+        // What went out is never sent again: the next connection resumes after it.
+        node->send_len += *sent;
+        if (rc != 0) return -1;
     }
     node->use_len = 0;
     node->send_len = 0;

@@ -82,11 +82,13 @@ void qvPoolMovePartial(QVSendBufferPool& p);
 // qvPoolSendHead gives it back; producers never touch it.
 nioSettings_t* qvPoolHead(QVSendBufferPool& p);
 
-// Sends the unsent bytes of node (the head) on the blocking socket s; on success zeroes it and
-// returns it to the free list. *sent gets the byte count attempted. Returns 0, or -1 on a send
-// failure (text in err, the node stays queued). Caller serialises senders.
+// Sends the unsent bytes of node (the head) on s; on success zeroes it and returns it to the free
+// list. *attempted gets the byte count tried, *sent the bytes that went out. Returns 0, or -1 on a
+// send failure or timeout (text in err): the node stays queued with send_len past what went out,
+// so the caller must close the connection and the next one resumes there. Caller serialises
+// senders.
 int qvPoolSendHead(QVSendBufferPool& p, nioSettings_t* node, apr_socket_t* s, char* err, size_t errLen,
-                   int* sent);
+                   int* attempted, int* sent);
 
 // Queues the partial buffer, then calls send up to 100 times while it returns 1 or more.
 void qvPoolFlush(QVSendBufferPool& p, int (*send)());

@@ -42,7 +42,6 @@ const char* const kReplyNotRunning = "qv_ctrl_msg_rep:result=Ok;status=NOT_RUNNI
 const char* const kReplyRunning = "qv_ctrl_msg_rep:result=Ok;status=RUNNING";
 const char* const kReplyOk = "qv_ctrl_msg_rep:result=Ok;";
 constexpr long long kPollSliceMs = 100;
-constexpr apr_interval_time_t kSendTimeout = 30 * APR_USEC_PER_SEC;
 
 // Serialises sends on the control socket with its close. The socket pointer changes only with
 // both locks held (send lock first); the close shuts the socket down under the socket lock alone
@@ -614,6 +613,10 @@ int controlConnectionSendBuffer(const char* buf, int len) {
     if (qvlb_send_n_bytes(s, buf, len, err, sizeof(err)) != 0) {
         QV_TRACE_IF(ctlLevel() > 0, kModule, "Error", "Unable to send on control connection. Error = %s",
                     err);
+        // A line cut short (a timeout) must not run into the next one: the connection is shut
+        // down, and the control thread's read sees it closed and connects again.
+        QVLockGuard guard(ctrlSktLock);
+        if (control.skt == s) apr_socket_shutdown(s, APR_SHUTDOWN_READWRITE);
         return -2;
     }
     return 0;
@@ -670,7 +673,6 @@ void* APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t*, void*) {
                 }
             }
             if (s != nullptr) {
-                apr_socket_timeout_set(s, kSendTimeout);
                 setControlSocket(s, pool, peer);
                 if (isClusterMode() && connectToMaster) qv_store(isMasterQvc, 1);
                 if (isProxyApplication())

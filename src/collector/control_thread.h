@@ -101,8 +101,8 @@ void controlSockBufInit();
 void controlSockBufReset();
 
 // Sends len bytes on the control connection, serialised with every other send and the close.
-// Returns 0, or -2 when there is no connection or the send failed (logged; the control thread
-// notices the broken connection on its next read or liveness check). Any thread.
+// Returns 0, or -2 when there is no connection or the send failed or timed out (logged; the
+// socket is shut down, so the control thread's next read sees it closed and reconnects). Any thread.
 int controlConnectionSendBuffer(const char* buf, int len);
 
 // Host and port of the collector of the current (or last) control connection, for the reroute's

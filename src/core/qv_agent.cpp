@@ -224,6 +224,9 @@ void agent_init(const char* poolName, int connect, const char* processName, cons
 
 void qv_agent_shutdown() {
     qv_store(qvAgentStopping, 1);
+    // A child forked after start-up has none of the agent's threads: joining them would never end.
+    const long long startedBy = qv_load(pid);
+    if (startedBy != 0 && startedBy != static_cast<long long>(getpid())) return;
     if (control_thread_id != nullptr) {
         apr_status_t st = APR_SUCCESS;
         apr_thread_join(&st, control_thread_id);

@@ -176,8 +176,9 @@ void QVAgentSettingInit();
 void initializeProxyStruct();
 void setProxyQVHome();
 
-// Tells every agent thread to stop and waits for the control thread to end; returns
-// immediately if it was never started. Used at process shutdown and by tests.
+// Tells every agent thread to stop and waits for them to end (each wait is bounded: sends time
+// out and stopping connections are shut down first); returns immediately if none was started, or
+// in a child forked after start-up. Used by qv_free, at process shutdown and by tests.
 void qv_agent_shutdown();
 // Set while the agent shuts down; long waits poll it.
 extern int qvAgentStopping;  // read with qv_load

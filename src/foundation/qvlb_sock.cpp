@@ -5,6 +5,7 @@
 #include <apr_portable.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <arpa/inet.h>
@@ -12,9 +13,13 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
+#include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_fault.h"
+
+int qvlbSendTimeoutMs = 30000;
 
 namespace {
 
@@ -53,6 +58,21 @@ int wait_ms(apr_socket_t* sock) {
     if (t <= 0) return -1;
     const apr_interval_time_t ms = t / 1000;
     return ms > 0x7fffffff ? 0x7fffffff : static_cast<int>(ms > 0 ? ms : 1);
+}
+
+long long monotonic_ms() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Whole wait allowed to one send call: the socket's own timeout, else the agent's bound.
+long long send_bound_ms(apr_socket_t* sock) {
+    apr_interval_time_t t = -1;
+    apr_socket_timeout_get(sock, &t);
+    if (t > 0) return t / 1000 > 0 ? t / 1000 : 1;
+    const int d = qv_load(qvlbSendTimeoutMs);
+    return d > 0 ? d : 1;
 }
 
 // 1 ready, 0 timed out, -1 error.
@@ -262,7 +282,8 @@ int qvlb_read_line(apr_socket_t* sock, char* buf, int len, char* err_buf, int er
     return -1;
 }
 
-int qvlb_send_n_bytes(apr_socket_t* sock, const char* buf, int len, char* err_buf, int err_len) {
+int qvlb_send_n_bytes(apr_socket_t* sock, const char* buf, int len, char* err_buf, int err_len, int* sent) {
+    if (sent != nullptr) *sent = 0;
     if (sock == nullptr || (buf == nullptr && len > 0) || len < 0) {
         set_msg(err_buf, err_len, "Invalid argument");
         return -2;
@@ -285,18 +306,24 @@ int qvlb_send_n_bytes(apr_socket_t* sock, const char* buf, int len, char* err_bu
         set_msg(err_buf, err_len, "Connection closed by peer");
         return -2;
     }
-    size_t sent = 0;
+    // Never blocks in send itself: a collector that stops reading must not hold this thread (and
+    // whoever joins it) longer than the bound.
+    const long long deadline = monotonic_ms() + send_bound_ms(sock);
+    size_t done = 0;
     const size_t total = static_cast<size_t>(len);
-    while (sent < total) {
+    while (done < total) {
         // MSG_NOSIGNAL: a peer that went away must give EPIPE here, never a SIGPIPE in the host.
-        const ssize_t n = send(fd, buf + sent, total - sent, MSG_NOSIGNAL);
+        const ssize_t n = send(fd, buf + done, total - done, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n > 0) {
-            sent += static_cast<size_t>(n);
+            done += static_cast<size_t>(n);
+            if (sent != nullptr) *sent = static_cast<int>(done);
             continue;
         }
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            const int w = wait_fd(fd, POLLOUT, wait_ms(sock));
+            const long long left = deadline - monotonic_ms();
+            const int w =
+                left > 0 ? wait_fd(fd, POLLOUT, left > INT_MAX ? INT_MAX : static_cast<int>(left)) : 0;
             if (w > 0) continue;
             if (w == 0)
                 set_msg(err_buf, err_len, "Send timed out");

@@ -1,5 +1,5 @@
-// Socket helpers of the collector connections. All sends retry partial writes and EINTR and
-// never raise SIGPIPE in the host process.
+// Socket helpers of the collector connections. All sends retry partial writes and EINTR, wait a
+// bounded time for a peer that stops reading and never raise SIGPIPE in the host process.
 #ifndef QVLB_SOCK_H
 #define QVLB_SOCK_H
 
@@ -25,8 +25,16 @@ int qvlb_read_n_bytes(apr_socket_t* sock, char* buf, int n, char* err_buf, int e
 // length, -1 when the buffer filled before a newline, -2 on close or failure.
 int qvlb_read_line(apr_socket_t* sock, char* buf, int len, char* err_buf, int err_len);
 
-// Sends all len bytes. Returns 0 when everything was sent, -2 on failure (reason in err_buf).
-int qvlb_send_n_bytes(apr_socket_t* sock, const char* buf, int len, char* err_buf, int err_len);
+// Longest time one qvlb_send_n_bytes call may wait for a peer that does not read, in
+// milliseconds (default 30000), for a socket without an APR timeout of its own. Tests shorten it.
+extern int qvlbSendTimeoutMs;
+
+// Sends all len bytes, waiting at most the socket's APR timeout (qvlbSendTimeoutMs when it has
+// none) from the call's start. Returns 0 when everything was sent, -2 on failure or timeout
+// (reason in err_buf). *sent (may be null) gets the bytes that went out, on failure too: they
+// must never be sent again on this connection.
+int qvlb_send_n_bytes(apr_socket_t* sock, const char* buf, int len, char* err_buf, int err_len,
+                      int* sent = nullptr);
 
 // Local / peer address of a connected socket as dotted IPv4 text (ip, ip_len bytes) and port.
 // Return 0, or -1 when unknown (ip empty, port 0).

@@ -575,6 +575,9 @@ QV_EXPORT void qv_init(void) {
 
 QV_EXPORT void qv_free(void) {
     QV_SDK_LOG(2, "Method Called");
+    // The agent's threads end here, while everything they use still exists: left running, they
+    // would meet the process's exit tearing their pools and locks down.
+    qv_agent_shutdown();
     releaseTable();
     QV_SDK_LOG(1, "Method End");
     // The log record and its file stay: lines logged later (and after a new qv_init) go on into

@@ -4,6 +4,7 @@
 
 #include "collector_fixture.h"
 #include "core/QVConfig.h"
+#include "foundation/qvlb_sock.h"
 
 namespace {
 
@@ -12,6 +13,10 @@ class AutoSensor : public CollectorTest {
     void SetUp() override {
         CollectorTest::SetUp();
         useBareInstance();
+    }
+    void TearDown() override {
+        CollectorTest::TearDown();
+        qvlbSendTimeoutMs = 30000;
     }
     void pool(int minCount, int maxCount, int size) {
         app_->QVSys.ASDataBuffMinCount = minCount;
@@ -38,23 +43,27 @@ class AutoSensor : public CollectorTest {
     }
 };
 
-TEST_F(AutoSensor, PoolNeverExceedsMaximumAndStoreCodes) {
+TEST_F(AutoSensor, PoolNeverExceedsMaximumGrowsInStepsAndWarns) {
     EXPECT_EQ(dumpASData("x", 1), -99);  // nothing initialised yet
     pool(8, 5, 32);
     ASSERT_EQ(buff_list_initAS(), 0);
-    EXPECT_EQ(curBuffers, 5);
-    EXPECT_EQ(writeListSizeAS, 5);
     EXPECT_TRUE(
         logged("buff_list_init : bciASDataBufferMaxSize = 32, ASDataBuffMinCount = 8, curBuffers = 0, "
                "maxBuffersAS = 5"));
     EXPECT_EQ(buff_list_initAS(), 0);  // kept while buffers are free
-    EXPECT_EQ(curBuffers, 5);
     for (int i = 0; i < 5; ++i) fillOne(32);
-    ASSERT_EQ(writeListAS, nullptr);
     EXPECT_EQ(buff_list_initAS(), 1);  // the maximum is reached
     EXPECT_EQ(curBuffers, 5);
+    // The store codes are the data dispatcher's; the warning is this connection's own.
     EXPECT_EQ(dumpASData("x", 1), -2);
-
+    EXPECT_EQ(discards(), 2);
+    EXPECT_TRUE(
+        logged("QVDataDispatcher - dumpData(): Warning - No space left in buffer orthread is not initialized "
+               "for sending data to QVCollector. Return = -2, writeListSize = 0readListSize = 5, "
+               "totalDumpBytes = 160  totalSentToQVCBytes = 0  bytesPending = 160 MsgCount = 5"))
+        << home_.traceLogs();
+    char summary[512];
+    EXPECT_TRUE(contains(nioASDataDispatcherToString(summary, sizeof(summary)), "curBuffers = 5"));
     // Growth in steps of the minimum, capped by what the maximum leaves.
     nio_data_dispatcher_reset_for_test();
     pool(2, 5, 32);
@@ -64,47 +73,20 @@ TEST_F(AutoSensor, PoolNeverExceedsMaximumAndStoreCodes) {
         while (writeListAS != nullptr) fillOne(32);
         EXPECT_EQ(buff_list_initAS(), step == 5 ? 1 : 0);
     }
-    EXPECT_EQ(readListSizeAS, 5);
-
-    // The store codes come from the pool the data dispatcher shares; the warning is this one's.
-    nio_data_dispatcher_reset_for_test();
-    pool(3, 3, 16);
-    ASSERT_EQ(buff_list_initAS(), 0);
-    EXPECT_EQ(dumpASData("AAAAAAAAAA", 10), 0);
-    EXPECT_EQ(dumpASData("BBBBBBBBBB", 10), 0);                   // spills into the second buffer
-    EXPECT_EQ(dumpASData(std::string(30, 'C').c_str(), 30), -3);  // longer than a buffer: cut
-    EXPECT_EQ(dumpASData(std::string(20, 'D').c_str(), 20), -1);  // the last buffer takes no spill
-    EXPECT_EQ(discards(), 4);
-    EXPECT_TRUE(
-        logged("QVDataDispatcher - dumpData(): Warning - No space left in buffer orthread is not initialized "
-               "for sending data to QVCollector. Return = -1, writeListSize = 1readListSize = 2, "
-               "totalDumpBytes = 20  totalSentToQVCBytes = 0  bytesPending = 20 MsgCount = 2"))
-        << home_.traceLogs();
-    char summary[512];
-    EXPECT_TRUE(contains(nioASDataDispatcherToString(summary, sizeof(summary)), "curBuffers = 3"));
 }
 
-TEST_F(AutoSensor, ConnectionSendsRequestRecordsStopsWithRunAndFailures) {
+TEST_F(AutoSensor, ConnectionSendsRequestRecordsStopsWithRunAndTimesOutOnAStalledCollector) {
     pool(2, 4, 64);
     running();
     ASSERT_FALSE(startASNDCollectorCommunication());
     ASSERT_TRUE(peer_.waitForContains(0, requestLine(), kWaitMs));
-    EXPECT_EQ(peer_.bytes(0), requestLine());
-    EXPECT_EQ(qv_load(retryFlag), 0);
-
     // A full pool: the record is stored after a synchronous send of what is queued.
-    std::string expected;
+    std::string expected = requestLine();
     for (int i = 0; i < 20; ++i) {
-        std::string rec = "74," + std::to_string(i) + "," + std::string(40, 'r') + "\n";
-        ASSERT_EQ(dumpAndSend(rec, 0), 0) << i;
+        const std::string rec = "74," + std::to_string(i) + "," + std::string(40, 'r') + "\n";
+        ASSERT_EQ(dumpAndSend(rec, i == 19 ? 1 : 0), 0) << i;
         expected += rec;
     }
-    ASSERT_EQ(dumpAndSend("61,last\n", 1), 0);
-    ASSERT_TRUE(peer_.waitForContains(0, "61,last\n", kWaitMs));
-    EXPECT_EQ(peer_.bytes(0), requestLine() + expected + "61,last\n");
-    EXPECT_EQ(discards(), 0);
-    EXPECT_EQ(curBuffers, 2);
-
     // While the run goes on nothing stops; once it ends the pending record is flushed and the
     // connection closed.
     EXPECT_EQ(checkAndStopThreadAS(), 0);
@@ -113,21 +95,36 @@ TEST_F(AutoSensor, ConnectionSendsRequestRecordsStopsWithRunAndFailures) {
     EXPECT_EQ(checkAndStopThreadAS(), 1);
     EXPECT_TRUE(autoSensorThreadToStop());
     ASSERT_TRUE(peer_.waitForContains(0, "75,pending\n", kWaitMs));
+    EXPECT_EQ(peer_.bytes(0), expected + "75,pending\n");
+    EXPECT_EQ(discards(), 0);
     EXPECT_EQ(qv_load(app_->qvcASSocket), nullptr);
-    EXPECT_TRUE(logged("BCI AutoSensor thread is to be stopped"));
 
-    // A send that fails closes the new connection and sets the retry flag.
+    // A collector that stops reading: a send times out, which closes the connection and sets the
+    // retry flag; the next connection carries on after what went out.
     qv_store(app_->Server.retryForAutoSensorConn, 1);
     ASSERT_FALSE(startASNDCollectorCommunication());
+    EXPECT_EQ(qv_load(retryFlag), 0);
     ASSERT_TRUE(peer_.waitForContains(1, requestLine(), kWaitMs));
-    peer_.dropConnection(1);
-    for (int i = 0; i < 400 && qv_load(retryFlag) == 0; ++i) {
-        dumpAndSend("74,x\n", 1);
-        usleep(5000);
+    peer_.pauseReading(1, true);
+    qv_store(qvlbSendTimeoutMs, 50);
+    std::string stored;
+    for (int i = 0; i < 200000 && qv_load(retryFlag) == 0; ++i) {
+        const std::string rec = "74," + std::to_string(i) + "," + std::string(50, 's') + "\n";
+        if (dumpAndSend(rec, 1) == 0) stored += rec;
     }
-    EXPECT_EQ(qv_load(retryFlag), 1);
     EXPECT_EQ(qv_load(app_->qvcASSocket), nullptr);
     EXPECT_EQ(sendDataToQVC(), -1);  // no connection: nothing sent, nothing lost
+    peer_.pauseReading(1, false);
+    ASSERT_FALSE(startASNDCollectorCommunication());
+    flushDataAS();
+    auto received = [&] {
+        const std::string a = peer_.bytes(1), b = peer_.bytes(2), head = requestLine();
+        return a.substr(std::min(a.size(), head.size())) + b.substr(std::min(b.size(), head.size()));
+    };
+    ASSERT_TRUE(waitUntil(
+        [&] { return peer_.byteCount(1) + peer_.byteCount(2) >= stored.size() + 2 * requestLine().size(); }));
+    EXPECT_TRUE(received() == stored)
+        << received().size() << " bytes received, " << stored.size() << " stored";
     // A connect failure is reported and logged.
     qvconfig_reset();
     ASSERT_EQ(set_qvc_server_entry(0, "127.0.0.1", 1), 0);

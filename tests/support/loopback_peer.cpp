@@ -12,6 +12,8 @@
 bool LoopbackPeer::start() {
     listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
     if (listen_fd_ < 0) return false;
+    // Set on the listener, so accepted connections start with it (the window is agreed then).
+    if (rcvbuf_ > 0) setsockopt(listen_fd_, SOL_SOCKET, SO_RCVBUF, &rcvbuf_, sizeof(rcvbuf_));
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -53,12 +55,43 @@ std::string LoopbackPeer::bytes(int conn) const {
     return conns_[static_cast<size_t>(conn)].data;
 }
 
+size_t LoopbackPeer::byteCount(int conn) const {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (conn < 0 || conn >= static_cast<int>(conns_.size())) return 0;
+    return conns_[static_cast<size_t>(conn)].data.size();
+}
+
 void LoopbackPeer::dropConnection(int conn) {
     std::unique_lock<std::mutex> lock(mu_);
     if (conn < 0 || conn >= static_cast<int>(conns_.size()) || conns_[static_cast<size_t>(conn)].fd < 0)
         return;
     drop_request_ = conn;
     cv_.wait_for(lock, std::chrono::seconds(10), [&] { return drop_request_ < 0; });
+}
+
+void LoopbackPeer::setSlowReading(int rcvbuf, int slice, int pause_ms) {
+    rcvbuf_ = rcvbuf;
+    slice_ = slice;
+    pause_ms_ = pause_ms;
+}
+
+void LoopbackPeer::pauseReading(int conn, bool paused) {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (conn >= 0 && conn < static_cast<int>(conns_.size()))
+        conns_[static_cast<size_t>(conn)].paused = paused;
+}
+
+bool LoopbackPeer::sendTo(int conn, std::string_view text) {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (conn < 0 || conn >= static_cast<int>(conns_.size()) || conns_[static_cast<size_t>(conn)].fd < 0)
+        return false;
+    const int fd = conns_[static_cast<size_t>(conn)].fd;
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t n = send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
 }
 
 bool LoopbackPeer::waitFor(const std::function<bool()>& pred, int timeout_ms) const {
@@ -99,7 +132,7 @@ void LoopbackPeer::run() {
             fds.push_back({listen_fd_, POLLIN, 0});
             index.push_back(-1);
             for (size_t i = 0; i < conns_.size(); ++i) {
-                if (conns_[i].fd < 0) continue;
+                if (conns_[i].fd < 0 || conns_[i].paused) continue;
                 fds.push_back({conns_[i].fd, POLLIN, 0});
                 index.push_back(static_cast<int>(i));
             }
@@ -115,7 +148,11 @@ void LoopbackPeer::run() {
                 cv_.notify_all();
                 continue;
             }
-            const ssize_t n = read(fds[i].fd, buf, sizeof(buf));
+            const size_t want = slice_ > 0 && slice_ < static_cast<int>(sizeof(buf))
+                                    ? static_cast<size_t>(slice_)
+                                    : sizeof(buf);
+            const ssize_t n = read(fds[i].fd, buf, want);
+            if (pause_ms_ > 0) std::this_thread::sleep_for(std::chrono::milliseconds(pause_ms_));
             std::lock_guard<std::mutex> lock(mu_);
             Conn& c = conns_[static_cast<size_t>(index[i])];
             if (n > 0) {

@@ -30,9 +30,21 @@ class LoopbackPeer {
     int connectionCount() const;
     // Copy of the bytes received on connection conn (0-based; empty if unknown).
     std::string bytes(int conn) const;
+    // Number of bytes received on connection conn so far (0 if unknown), without copying them.
+    size_t byteCount(int conn) const;
     // Resets connection conn (close with linger 0, so the sender sees a reset) and waits until
     // it is closed. The bytes received stay readable.
     void dropConnection(int conn);
+
+    // A collector that reads slowly; call before start(). Accepted connections get a receive
+    // buffer of rcvbuf bytes (0: the system's), and each read takes at most slice bytes and is
+    // followed by a pause of pause_ms.
+    void setSlowReading(int rcvbuf, int slice, int pause_ms);
+    // Stops (paused) or resumes reading connection conn: what the agent sends waits in the kernel,
+    // as with a collector that stopped reading.
+    void pauseReading(int conn, bool paused);
+    // Writes text to connection conn (a collector's reply or command). False when it failed.
+    bool sendTo(int conn, std::string_view text);
 
     // Waits until pred() holds or timeout_ms passes; returns pred()'s last value. pred runs
     // without the peer's lock (it may call the accessors) after each arrival or every 10 ms.
@@ -43,6 +55,7 @@ class LoopbackPeer {
     struct Conn {
         int fd;
         std::string data;
+        bool paused = false;
     };
     void run();
 
@@ -54,6 +67,9 @@ class LoopbackPeer {
     mutable std::condition_variable cv_;
     std::vector<Conn> conns_;  // guarded by mu_
     int drop_request_ = -1;    // guarded by mu_
+    int rcvbuf_ = 0;
+    int slice_ = 0;
+    int pause_ms_ = 0;
 };
 
 #endif
