@@ -2,6 +2,8 @@
 // heartbeat and reroute sequences, over a real control socket to a loopback peer.
 #include "collector/Server.h"
 
+#include <sys/stat.h>
+
 #include <utility>
 
 #include "collector_fixture.h"
@@ -205,10 +207,32 @@ TEST_F(ServerTest, RerouteAndSettingsFileRewrite) {
     EXPECT_TRUE(logged("Hence can't update qvsetting file."));
     const std::string longLine = "tierX=" + std::string(3000, 'l') + "\n";
     home_.write("config/qvsettings.conf", longLine + "\tqvcHost=indented\nqvcHost=old\ninstance=I");
+    // A directory the agent may not write to: nothing changes and the reason is logged.
+    const std::string config = home_.file("config");
+    ASSERT_EQ(chmod(home_.path().c_str(), 0755) | chmod(config.c_str(), 0555), 0);
+    const bool root = geteuid() == 0;  // root writes anywhere: act as an ordinary user
+    EXPECT_EQ(root ? seteuid(65534) : 0, 0);
+    EXPECT_EQ(updateQVSettingFile("new", 0, "T", "", nullptr), -1);
+    EXPECT_EQ(root ? seteuid(0) : 0, 0);
+    ASSERT_EQ(chmod(config.c_str(), 0755), 0);
+    EXPECT_TRUE(logged("qvsettings.conf' not updated: creating the new file failed: Permission denied"));
     ASSERT_EQ(updateQVSettingFile("new", 0, "T", "", nullptr), 0);
     // The over-long and indented lines are copied; absent keys are appended; port 0 keeps nothing.
     EXPECT_EQ(home_.read("config/qvsettings.conf"),
               longLine + "\tqvcHost=indented\nqvcHost=new\ninstance=I\ntier=T\n");
+    // Through a symbolic link the file it names is rewritten, with its permissions; the link stays.
+    home_.write("real.conf", "qvcHost=a\n");
+    home_.remove("config/qvsettings.conf");
+    ASSERT_EQ(chmod(home_.file("real.conf").c_str(), 0604), 0);
+    ASSERT_EQ(symlink(home_.file("real.conf").c_str(), home_.file("config/qvsettings.conf").c_str()), 0);
+    ASSERT_EQ(updateQVSettingFile("b", 0, nullptr, nullptr, nullptr), 0);
+    struct stat st;
+    ASSERT_EQ(lstat(home_.file("config/qvsettings.conf").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    ASSERT_EQ(stat(home_.file("real.conf").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0604u);
+    EXPECT_EQ(home_.read("real.conf"), "qvcHost=b\n");
+    home_.remove("config/qvsettings.conf");
 
     const std::string conf = "tier=T1\nserver=S1\n# keep me\ninstance=I1\nqvcHost=127.0.0.1\nqvcPort=" +
                              std::to_string(peer_.port()) + "\nagentTraceLevel=1\n";
