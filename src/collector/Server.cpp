@@ -184,6 +184,11 @@ void handleStart(char* msg) {
 
     findStatusFromClientMsg(msg);
     if (qv_load(app->QVSys.closeCtrlConFlag) != 0) return;
+    const bool noProfile = qvlb_no_instr_profile(qv_load_acquire(QVInstrProfKeywords.instrProfile));
+    qv_store(srv.noInstrumentProfileMode, noProfile ? 1 : 0);
+    if (noProfile)
+        QV_TRACE_IF(ctlLevel() > 0, kModule, "Warning",
+                    "No Instrumentation profiles selected for current test.");
     QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Total method count in instrumentation = '%d'",
                 qvServerHooks.totalMethodCount ? qvServerHooks.totalMethodCount() : 0);
 

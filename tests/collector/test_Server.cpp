@@ -108,6 +108,7 @@ TEST_F(ServerTest, ModifyOnlyWithinStartAndStopSequences) {
     EXPECT_EQ(qv_load(app_->Server.retryForAutoSensorConn), 1);
     EXPECT_EQ(qv_load(app_->Server.numberOfTestRunsTillNow), 1);
     EXPECT_EQ(qv_load(app_->QVSys.agentTraceLevel), 2);
+    EXPECT_EQ(countLogged("|Warning|No Instrumentation profiles selected for current test."), 1);
     // No TimeStampDiff and no korEpochDiff in the message: both time differences reset.
     EXPECT_EQ(qv_load(app_->Server.diffTimeFromQVC), 0);
     EXPECT_EQ(qv_load(app_->Server.originalKorEpochDiffTime), 1388534400000LL);
@@ -151,13 +152,15 @@ TEST_F(ServerTest, StartReplyCarriesResponseBufferAndStartsReporter) {
     qv_store(app_->QVSys.ASDataBuffMinCount, 2);
     handle(
         "qv_control_req:action=start_instrumentation;ASReportInterval=60;korEpochDiff=1000;TimeStampDiff="
-        "300");
+        "300;instrProfile=a.txt,b.txt;lmd=11,12;size=0,7");
     const std::string reply = kStartReply + "instrProfile=a.txt;size=0\n";
     ASSERT_TRUE(peer_.waitForContains(0, reply, kWaitMs));
     EXPECT_EQ(control(), reply);
     // The epoch difference less the collector's clock difference becomes the time base.
     EXPECT_EQ(qv_load(app_->Server.korEpochDiffTime), 700);
     EXPECT_EQ(qv_load(app_->Server.originalKorEpochDiffTime), 700);
+    EXPECT_STREQ(QVInstrProfKeywords.instrProfile, "a.txt,b.txt");
+    EXPECT_FALSE(logged("No Instrumentation profiles selected"));
     const std::string asReq = "auto_sensor_thread_hotspot_data_req:";
     ASSERT_TRUE(waitUntil([&] { return connWithPrefix(asReq) >= 0; }));
     const std::string as = peer_.bytes(connWithPrefix(asReq));
@@ -278,8 +281,10 @@ TEST_F(ServerTest, DataOverRecordAndStopDrainEndsWhenAgentStops) {
 
     // A one-minute drain of an hour-long minute: only the interruption ends it in time.
     qv_store(stopDrainMinuteMs, 3600000LL);
-    handle("qv_control_req:action=start_instrumentation;ASReportInterval=0;setthresholdTime=1");
+    handle(
+        "qv_control_req:action=start_instrumentation;ASReportInterval=0;setthresholdTime=1;instrProfile=NA");
     ASSERT_TRUE(peer_.waitForContains(0, kStartReply, kWaitMs));
+    EXPECT_TRUE(logged("|Warning|No Instrumentation profiles selected for current test."));
     std::thread stopper([&] { handle("qv_control_req:action=stop_instrumentation"); });
     ASSERT_TRUE(waitUntil([&] { return qv_load(app_->Server.gettingstopInstrumenatation) == 1; }));
     qv_store(qvAgentStopping, 1);
