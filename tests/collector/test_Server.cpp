@@ -53,10 +53,7 @@ TEST(ServerParse, PrefixesAreExactCaseSensitiveAndTestedInOrder) {
         {"qv_control_rep:action=send_file_content;result=Error:x", QV_CMD_IGNORED_REPLY},
         {"qv_control_rep:action=instrumentation_profile;", QV_CMD_IGNORED_REPLY},
         {"qv_control_req:action=modifyAnything", QV_CMD_MODIFY},
-        {"qv_control_req:action=abort;", QV_CMD_RECOGNISED},
         {"qv_control_req:action=reset_monitor;monitor_event_id=3", QV_CMD_RECOGNISED},
-        {"upload_file_req:x", QV_CMD_FILE_TRANSFER},
-        {"qv_meta_data_req:action=auto_instr_status;", QV_CMD_AUTO_INSTR},
         {"qv_meta_data_req:action=get_heap_dump;", QV_CMD_RECOGNISED},
         // Case, a missing ';' the prefix requires, empty and null lines are unknown.
         {"QV_CONTROL_REQ:action=modify", QV_CMD_UNKNOWN},

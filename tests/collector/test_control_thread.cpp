@@ -294,31 +294,24 @@ TEST_F(ControlThread, HeartbeatsCountAndUnansweredOnesSwitchOver) {
     EXPECT_TRUE(logged("heartbeat count reaches to the threshold = 10"));
 }
 
-TEST_F(ControlThread, RerouteConnectsToNewCollector) {
-    ScriptedCollector a, b;
-    ASSERT_TRUE(a.start());
-    ASSERT_TRUE(b.start());
+TEST_F(ControlThread, ReroutesToNewCollectorAndInClusterModeAfterFallBackToMaster) {
+    ScriptedCollector a, master, node;
+    ASSERT_TRUE(a.start() && master.start() && node.start());
     startAgent(at(a.port()));
     ASSERT_EQ(a.accept(kOkReply), 0);
     ASSERT_TRUE(a.send(0, "qv_control_req:action=reroute_ctrl_con;qvcHost=127.0.0.1;qvcPort=" +
-                              std::to_string(b.port()) + ";tier=ALL;server=S2;instance=ALL;clusterMode=0\n"));
-    ASSERT_EQ(b.accept(kOkReply), 0);
-    EXPECT_TRUE(a.closedByAgent(0));
-    EXPECT_TRUE(
-        isHandshake(firstLine(b.bytes(0)), 2, "[0-9]{13,}", "127.0.0.1:" + std::to_string(a.port()), "S2"))
-        << b.bytes(0);
-    EXPECT_EQ(home_.read("config/qvsettings.conf"), "tier=T1\nserver=S2\ninstance=I1\n" + at(b.port()));
-}
-
-TEST_F(ControlThread, ClusterRerouteIsHonouredAfterFallBackToMaster) {
-    ScriptedCollector master, node;
-    ASSERT_TRUE(master.start());
-    ASSERT_TRUE(node.start());
-    startAgent(at(master.port()));
+                              std::to_string(master.port()) +
+                              ";tier=ALL;server=S2;instance=ALL;clusterMode=0\n"));
     ASSERT_EQ(master.accept(kOkReply), 0);
+    EXPECT_TRUE(a.closedByAgent(0));
+    EXPECT_TRUE(isHandshake(firstLine(master.bytes(0)), 2, "[0-9]{13,}",
+                            "127.0.0.1:" + std::to_string(a.port()), "S2"))
+        << master.bytes(0);
+    EXPECT_EQ(home_.read("config/qvsettings.conf"), "tier=T1\nserver=S2\ninstance=I1\n" + at(master.port()));
+
     const std::string reroute =
         "qv_control_req:action=reroute_ctrl_con;qvcHost=127.0.0.1;clusterMode=1;qvcPort=";
-    // The node named first is down: the agent falls back to the master.
+    // The cluster node named first is down: the agent falls back to the master (entry 0).
     ASSERT_TRUE(master.send(0, reroute + std::to_string(deadPort()) + "\n"));
     ASSERT_EQ(master.accept(kOkReply), 1);
     ASSERT_TRUE(waitUntil([] { return qv_load(isMasterQvc) == 1; }));
