@@ -305,7 +305,8 @@ bool send_autoSensor_con_req_msg_to_qvc() {
     QVProxyInstance_t* app = qvApplication;
     if (app == nullptr) return true;
     QVBCISetting_t& b = app->QVBCISetting;
-    if (b.controlAutoSensorReqMessageLen <= 0) setControlAutoSensorReqMessage();
+    // Built for every connection: identity, collector and test run may have changed since the last.
+    setControlAutoSensorReqMessage();
     QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Send message to QVC - '%s'", b.controlAutoSensorReqMessage);
     const int rc = qvSendReqLine(autoSensor, qv_load_acquire(asSendLock), b.controlAutoSensorReqMessage,
                                  b.controlAutoSensorReqMessageLen, false);

@@ -47,9 +47,10 @@ void ASNioInit();
 int buff_list_initAS();
 
 // Builds the request line "auto_sensor_thread_hotspot_data_req:...;QVCollectorPort=%d,testIdx=..."
-// into QVBCISetting.controlAutoSensorReqMessage. Control side, before the thread starts.
+// into QVBCISetting.controlAutoSensorReqMessage from the current settings. Reporting thread.
 void setControlAutoSensorReqMessage();
-// Sends the request line (built now if none). Returns true on failure (logged).
+// Builds the request line from the current settings and sends it. Returns true on failure
+// (logged). Reporting thread.
 bool send_autoSensor_con_req_msg_to_qvc();
 
 // Opens the connection (proxy, cluster or active collector, as the data connection), initialises

@@ -289,7 +289,8 @@ bool send_data_con_req_msg_to_qvc() {
     QVProxyInstance_t* app = qvApplication;
     if (app == nullptr) return true;
     QVBCISetting_t& b = app->QVBCISetting;
-    if (b.controlDataReqMessageLen <= 0) setControlDataReqMessage();
+    // Built for every connection: identity, collector and test run may have changed since the last.
+    setControlDataReqMessage();
     QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Sending message to QVC  - '%s'", b.controlDataReqMessage);
     const int rc = qvSendReqLine(dataSkt, qv_load_acquire(dataSendLock), b.controlDataReqMessage,
                                  b.controlDataReqMessageLen, true);

@@ -96,11 +96,12 @@ void* APR_THREAD_FUNC start_data_thread(apr_thread_t* thread, void* data);
 int buff_list_init();
 
 // Builds the data connection request line into QVBCISetting.controlDataReqMessage from the
-// current settings. Called on the control side before the data thread starts.
+// current settings. Called on the control side before the data thread starts, and by the data
+// thread for each connection.
 void setControlDataReqMessage();
 
-// Sends the prepared request line (built now if none) and one more "\n" on the data
-// connection. Returns true on failure.
+// Builds the request line from the current settings and sends it and one more "\n" on the data
+// connection. Returns true on failure. Data thread.
 bool send_data_con_req_msg_to_qvc();
 
 // Queues the new-connection record (99) with the flowpath generator version.

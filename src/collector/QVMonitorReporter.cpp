@@ -112,7 +112,7 @@ int startMonitorReporter() {
                     "Thread report interval is 0; no monitor reporting thread.");
         return 1;
     }
-    setControlAutoSensorReqMessage();
+    // The request line is built by the thread for each connection it makes.
     return create_autoSensor_thread();
 }
 

@@ -35,8 +35,8 @@ void* APR_THREAD_FUNC qvMonitorReporterThread(apr_thread_t* thread, void* data);
 // null buffer. Reporting thread.
 int generateAndSendMonitorRecords(char* buf);
 
-// Starts the reporting thread when ASReportInterval is positive (after building the auto-sensor
-// request line). Returns 0 when started, 1 when not started (disabled, already running, error).
+// Starts the reporting thread when ASReportInterval is positive. Returns 0 when started, 1 when
+// not started (disabled, already running, error).
 // Control side.
 int startMonitorReporter();
 

@@ -2,10 +2,15 @@
 // modify, reroute and heartbeat sequences with their replies.
 #include "collector/Server.h"
 
+#include <apr_errno.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
@@ -179,6 +184,11 @@ void handleStart(char* msg) {
 
     findStatusFromClientMsg(msg);
     if (qv_load(app->QVSys.closeCtrlConFlag) != 0) return;
+    const bool noProfile = qvlb_no_instr_profile(qv_load_acquire(QVInstrProfKeywords.instrProfile));
+    qv_store(srv.noInstrumentProfileMode, noProfile ? 1 : 0);
+    if (noProfile)
+        QV_TRACE_IF(ctlLevel() > 0, kModule, "Warning",
+                    "No Instrumentation profiles selected for current test.");
     QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Total method count in instrumentation = '%d'",
                 qvServerHooks.totalMethodCount ? qvServerHooks.totalMethodCount() : 0);
 
@@ -501,8 +511,6 @@ int updateQVSettingFile(const char* qvcHost, int qvcPort, const char* tier, cons
         const char* home = getQVHome();
         snprintf(path, sizeof(path), "%s/config/qvsettings.conf", home ? home : "");
     }
-    char tmp[1100];
-    snprintf(tmp, sizeof(tmp), "%s.tmp", path);
     char portText[16] = "";
     if (qvcPort > 0) snprintf(portText, sizeof(portText), "%d", qvcPort);
     auto given = [](const char* s) { return s != nullptr && s[0] != '\0' ? s : nullptr; };
@@ -513,13 +521,38 @@ int updateQVSettingFile(const char* qvcHost, int qvcPort, const char* tier, cons
                           {"qvcHost", given(qvcHost), false},
                           {"qvcPort", given(portText), false}};
 
-    FILE* in = fopen(path, "r");
-    FILE* out = in != nullptr ? fopen(tmp, "w") : nullptr;
-    if (in == nullptr || out == nullptr) {
+    auto fail = [&](const char* step, int err) {
         QV_TRACE_IF(ctlLevel() > 0, kModule, "Error",
                     "Error in opening file '%s'. Hence can't update qvsetting file.", path);
-        if (in != nullptr) fclose(in);
+        char reason[256];
+        QV_TRACE_IF(ctlLevel() > 0, kModule, "Error", "Settings file '%s' not updated: %s failed: %s", path,
+                    step, apr_strerror(static_cast<apr_status_t>(err), reason, sizeof(reason)));
         return -1;
+    };
+    // A symbolic link stays: the file it names is the one replaced.
+    char target[PATH_MAX];
+    if (realpath(path, target) == nullptr) return fail("resolving the path", errno);
+    struct stat st;
+    if (stat(target, &st) != 0) return fail("stat", errno);
+    FILE* in = fopen(target, "r");
+    if (in == nullptr) return fail("open", errno);
+    // Written beside the file and renamed over it, so a reader never sees half a file; created
+    // with the file's permissions.
+    char tmp[PATH_MAX + 16];
+    snprintf(tmp, sizeof(tmp), "%s.XXXXXX", target);
+    const int fd = mkstemp(tmp);
+    if (fd < 0) {
+        const int err = errno;
+        fclose(in);
+        return fail("creating the new file", err);
+    }
+    FILE* out = fchmod(fd, st.st_mode & 07777) == 0 ? fdopen(fd, "w") : nullptr;
+    if (out == nullptr) {
+        const int err = errno;
+        close(fd);
+        unlink(tmp);
+        fclose(in);
+        return fail("creating the new file", err);
     }
     char line[1024];
     bool inLong = false;     // inside a line longer than the buffer: copied through unchanged
@@ -556,12 +589,12 @@ int updateQVSettingFile(const char* qvcHost, int qvcPort, const char* tier, cons
         if (r.value != nullptr && !r.done) ok = ok && fprintf(out, "%s=%s\n", r.key, r.value) >= 0;
     }
     fclose(in);
-    ok = (fclose(out) == 0) && ok;
-    if (!ok || rename(tmp, path) != 0) {
+    int err = ok ? 0 : (errno != 0 ? errno : EIO);
+    if (fclose(out) != 0 && err == 0) err = errno;
+    if (err == 0 && rename(tmp, target) != 0) err = errno;
+    if (err != 0) {
         unlink(tmp);
-        QV_TRACE_IF(ctlLevel() > 0, kModule, "Error",
-                    "Error in opening file '%s'. Hence can't update qvsetting file.", path);
-        return -1;
+        return fail("writing the new file", err);
     }
     QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "QV settings file '%s' updated.", path);
     return 0;

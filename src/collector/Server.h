@@ -87,7 +87,9 @@ void parseReRouteMessageAndUpdateClientInfo(char* msg);
 
 // Rewrites the settings file with the given values (a null or empty text, or port 0, keeps the
 // file's line); keys absent from the file are appended. Other lines are kept byte for byte. The
-// file is replaced atomically (written beside it, then renamed). Returns 0, or -1 (logged).
+// file is replaced atomically (written beside it with its permissions, then renamed); when it is
+// a symbolic link the file it names is replaced and the link kept. Returns 0, or -1 when the file
+// cannot be read or replaced (logged with the reason; the file is then unchanged).
 int updateQVSettingFile(const char* qvcHost, int qvcPort, const char* tier, const char* server,
                         const char* instance);
 

@@ -644,6 +644,9 @@ void* APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t*, void*) {
 
     while (!stopping()) {
         qv_store(isMasterQvc, 0);
+        // Each round starts at the cluster node (entry 1), so a reroute that replaced it is
+        // honoured even after a fall-back to the master.
+        connectToMaster = false;
         QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Going to clear old QVC servers configurartion");
         if (!isProxyApplication() && !isClusterMode()) clear_qvc_server_setting();
         QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Going to read configration file.");

@@ -32,6 +32,8 @@
             fill                                                                                             \
     }
 
+QVInstrProfKeywords_t QVInstrProfKeywords = {};
+
 keywordsInfo keywordsMap[] = {
     KW_FILE("BTRuleConfig"),
     KW_FILE("BTTConfig"),
@@ -92,9 +94,9 @@ keywordsInfo keywordsMap[] = {
     KW_FIELD("enableFPTrace", QVSys_t, fpTraceLevel, fill_QVSys_info, fill_int_data),
     KW_FIELD("fileBasedKeywordMode", QVBCISetting_t, fileBasedKeywordMode, fill_QVBCISetting_info,
              fill_char_data),
-    KW_LATER("instrProfile"),
-    KW_LATER("lmd"),
-    KW_LATER("size"),
+    KW_PARSER("instrProfile", setInstProfile),
+    KW_PARSER("lmd", setInstProfile),
+    KW_PARSER("size", setInstProfile),
     KW_PARSER("tierName", setTierName),
     KW_PARSER("qvAppServerHost", setAppServerName),
     KW_FIELD("bciMaxNonServiceMethodsPerFP", QVSys_t, bciMaxNonServiceMethodsPerFP, fill_QVSys_info,
@@ -236,6 +238,12 @@ int storeTextSetting(char** field, char* value, const char* keyword, int index, 
     return 0;
 }
 
+void clearInstrProfKeywords() {
+    QVInstrProfKeywords_t& p = QVInstrProfKeywords;
+    for (char** slot : {&p.instrProfile, &p.lmd, &p.size})
+        qvSetSharedStr(slot, nullptr, "instrProfile keyword");
+}
+
 }  // namespace
 
 int NameToIndex(const char* name) {
@@ -349,6 +357,7 @@ void qvlb_init_all_keywords() {
     initQVHttpReqRespCaptureSettings(&QVHttpRespCaptureSettings);
     for (int i = 0; i < QV_KEYWORD_COUNT; i++)
         qvSetSharedStr(&fileBasedValues[i], nullptr, "file-based keyword");
+    clearInstrProfKeywords();
     for (int i = 0; i < initHookCount; i++) initHooks[i]();
     QVKW_TRACE(3, "Info", "Method exit");
 }
@@ -460,6 +469,24 @@ int setFileBasedKeywd(char* value, char* keyword, int index) {
     QVKW_TRACE(0, "Info", "File-based keyword '%s' is not supported; file name '%s' stored.",
                keywordsMap[row].name, value);
     return 0;
+}
+
+int setInstProfile(char* value, char* keyword, int index) {
+    const int row = rowOf(keyword, index);
+    if (value == nullptr || row < 0) return -1;
+    QVInstrProfKeywords_t& p = QVInstrProfKeywords;
+    const char* name = keywordsMap[row].name;
+    char** slot = strcmp(name, "instrProfile") == 0 ? &p.instrProfile
+                  : strcmp(name, "lmd") == 0        ? &p.lmd
+                  : strcmp(name, "size") == 0       ? &p.size
+                                                    : nullptr;
+    if (slot == nullptr) return -1;
+    return storeTextSetting(slot, value, keyword, row, "instrProfile keyword");
+}
+
+bool qvlb_no_instr_profile(const char* profile) {
+    return profile == nullptr || profile[0] == '\0' || strcmp(profile, "-") == 0 ||
+           strcmp(profile, "NA") == 0;
 }
 
 int setCurrentTR(char* value, char* keyword, int index) {
@@ -614,4 +641,5 @@ int setEnableDDKeywd(char* value, char* keyword, int index) {
 void qvlb_keywords_reset_for_test() {
     for (int i = 0; i < QV_KEYWORD_COUNT; i++)
         qvSetSharedStr(&fileBasedValues[i], nullptr, "file-based keyword");
+    clearInstrProfKeywords();
 }

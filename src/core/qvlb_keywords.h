@@ -60,6 +60,22 @@ int qvlb_keyword_not_handled(char* value, char* keyword, int index);
 // File name last received for a file-based keyword row (shared text, may be null).
 const char* qvlb_get_file_based_keyword(int index);
 
+// Instrumentation profiles named by the last start or modify message, as the collector sent them:
+// profile names, their modification times and sizes (each a comma-separated list when several
+// profiles are named). Shared texts (read with qv_load_acquire), null when the keyword was
+// absent; cleared by qvlb_init_all_keywords. Written by the control thread.
+struct QVInstrProfKeywords_t {
+    char* instrProfile;
+    char* lmd;
+    char* size;
+};
+extern QVInstrProfKeywords_t QVInstrProfKeywords;
+// True when profile selects no profile: null, empty, "-" or "NA".
+bool qvlb_no_instr_profile(const char* profile);
+// Parser of instrProfile, lmd and size: the text into the field of QVInstrProfKeywords of the same
+// name. 0, or -1 for a null value or another keyword.
+int setInstProfile(char* value, char* keyword, int index);
+
 // Setters (index, value): add the row's offset to their record and call the row's fill function.
 // A null value, a bad index or a row without fill function does nothing.
 void fill_server_info(int index, char* value);

@@ -71,7 +71,7 @@ void* qvlb_realloc(void* ptr, size_t size, const char* purpose, int index) {
     }
     void* p = qvlb_fault(QV_FAULT_MALLOC) ? nullptr : std::realloc(ptr, size);
     if (p == nullptr) {
-        QV_TRACE_IF(true, "MEMORY", "Error", "Out of Memory: %s for index %d\n", label(purpose), index);
+        log_out_of_memory(size, purpose, index);
         return nullptr;
     }
     note_allocation(p, size, purpose, index);

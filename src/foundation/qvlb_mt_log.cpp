@@ -359,6 +359,10 @@ int qvlb_agent_trace_level() {
     return bound_value(qvlbTraceBindings.agentTraceLevel);
 }
 
+int getTraceLevel() {
+    return qvlb_agent_trace_level();
+}
+
 void qvlb_mt_trace_log(MTTraceLogKey* key, const char* thread_name, long long thread_id, const char* module,
                        const char* severity, const char* file, int line, const char* fname,
                        const char* format, ...) {

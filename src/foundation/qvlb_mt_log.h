@@ -71,6 +71,8 @@ char* get_cur_date_time();
 
 // Level readers used by the call-site macros below.
 int qvlb_agent_trace_level();
+// agentTraceLevel of the instance's system settings (0 while unbound).
+int getTraceLevel();
 
 // Closes both files and frees the handle; trace_log_key becomes null. Tests only.
 void qvlb_trace_log_reset_for_test();

@@ -52,6 +52,7 @@ void wireCollectorCommands() {
     qvServerHooks.resetMonitorDataModelFromTLS = resetMonitorDataModelFromTLS;
     qvServerHooks.buildVectorPrefixes = updateInstanceInfo;
     qvServerHooks.onStartInstrumentation = startInstrumentationRegistry;
+    qvServerHooks.totalMethodCount = qvCachedMethodCount;
     qvReporterHooks.generateBT = generateAndDumpBTMonitoringRecord;
     qvReporterHooks.generateBackend = generateAndDumpBackendMonitoringRecord;
     qvReporterHooks.generateMethod = generateAndDumpMethodMonitoringRecord;

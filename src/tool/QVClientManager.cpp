@@ -5,7 +5,6 @@
 #include <apr_hash.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +12,7 @@
 
 #include "collector/QVDataDispatcher.h"
 #include "collector/control_thread.h"
+#include "core/QVSettingRecords.h"
 #include "core/qv_agent.h"
 #include "flowpath/QVMethodHashMap.h"
 #include "flowpath/QVSQLProcessor.h"
@@ -75,36 +75,32 @@ bool stopping() {
     return m.stopSendingData != 0;
 }
 
-__attribute__((format(printf, 1, 2))) void appendError(const char* fmt, ...) {
+// Sends errorMessage as it is (an error text of its own) and empties it.
+void sendErrorMessage() {
     char* e = QVClientManager.errorMessage;
-    size_t used = strnlen(e, QV_CM_ERROR_SIZE - 1);
-    // One error per line, also after a text that has no line feed of its own.
-    if (used > 0 && e[used - 1] != '\n' && used + 1 < QV_CM_ERROR_SIZE) {
-        e[used++] = '\n';
-        e[used] = '\0';
-    }
-    if (used + 1 >= QV_CM_ERROR_SIZE) return;
+    const size_t used = strnlen(e, QV_CM_ERROR_SIZE - 1);
+    if (used == 0) return;
+    QV_TRACE_IF(ctlLevel() > 0, kModule, "Error", "Metadata request error: %s", e);
+    controlConnectionSendBuffer(e, static_cast<int>(used));
+    e[0] = '\0';
+}
+
+// Sets errorMessage to one error text. A text cut by the buffer keeps the line feed its format
+// ends with.
+__attribute__((format(printf, 1, 2))) void setError(const char* fmt, ...) {
+    char* e = QVClientManager.errorMessage;
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(e + used, QV_CM_ERROR_SIZE - used, fmt, ap);
+    const int n = vsnprintf(e, QV_CM_ERROR_SIZE, fmt, ap);
     va_end(ap);
+    const size_t fl = strlen(fmt);
+    if (n >= QV_CM_ERROR_SIZE && fl > 0 && fmt[fl - 1] == '\n') e[QV_CM_ERROR_SIZE - 2] = '\n';
 }
 
 std::string_view trim(std::string_view s) {
     while (!s.empty() && (s.front() == ' ' || s.front() == '\t' || s.front() == '\r')) s.remove_prefix(1);
     while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r')) s.remove_suffix(1);
     return s;
-}
-
-// Whole text (blanks around it allowed) as a non-negative decimal number.
-bool parseCount(std::string_view s, long long* out) {
-    s = trim(s);
-    if (s.empty() || s.front() < '0' || s.front() > '9') return false;
-    long long v = 0;
-    auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
-    if (ec != std::errc() || end != s.data() + s.size()) return false;
-    *out = v;
-    return true;
 }
 
 // Formats into out (cap bytes); the length, or -1 when it does not fit.
@@ -340,23 +336,6 @@ void collectSQL(const char* key, void* value, void* ctx) {
     addSQLRecord(w->batch, *id, key);
 }
 
-// Appends errorMessage's line feed when its last text has none, so the collector reads whole lines.
-void sendErrorMessage() {
-    char* e = QVClientManager.errorMessage;
-    size_t used = strnlen(e, QV_CM_ERROR_SIZE - 1);
-    if (used == 0) return;
-    if (e[used - 1] != '\n') {
-        if (used + 1 < QV_CM_ERROR_SIZE) {
-            e[used++] = '\n';
-            e[used] = '\0';
-        } else {
-            e[used - 1] = '\n';
-        }
-    }
-    QV_TRACE_IF(ctlLevel() > 0, kModule, "Error", "Metadata request error: %s", e);
-    controlConnectionSendBuffer(e, static_cast<int>(used));
-}
-
 void finishReplay() {
     QVClientManager_t& m = QVClientManager;
     if (m.recordsSent > 0) m.lastSentMetadataTimeStamp = collectorNow();
@@ -411,7 +390,7 @@ void parseCurrentRequestMessage(char* msg) {
     QVClientManager_t& m = QVClientManager;
     const size_t len = strnlen(msg, QV_CM_MAX_REQUEST + 1);
     if (len > QV_CM_MAX_REQUEST) {
-        appendError(QV_CM_INVALID_REQUEST, msg);
+        setError(QV_CM_INVALID_REQUEST, msg);
         return;
     }
     qvlb_free(m.requestCopy, kRequestPurpose, -1);
@@ -435,21 +414,9 @@ void parseCurrentRequestMessage(char* msg) {
         handleAllMetaDataSending();
         return;
     }
-    long long value = 0;
-    if (fields >= 6 && trim(m.allFieldsOfClientMessage[5]).size() > 0) {
-        if (!parseCount(m.allFieldsOfClientMessage[5], &value) || value > QV_CM_DEST_BOTH) {
-            appendError(QV_CM_INVALID_REQUEST, msg);
-            return;
-        }
-        m.destination = static_cast<int>(value);
-    }
-    if (fields >= 7 && trim(m.allFieldsOfClientMessage[6]).size() > 0) {
-        if (!parseCount(m.allFieldsOfClientMessage[6], &value) || value > 10) {
-            appendError(QV_CM_INVALID_REQUEST, msg);
-            return;
-        }
-        m.traceLevel = static_cast<int>(value);
-    }
+    // Numbers as the collector writes them; text without digits reads as 0.
+    if (fields >= 6) m.destination = qvParseInt(m.allFieldsOfClientMessage[5]);
+    if (fields >= 7) m.traceLevel = qvParseInt(m.allFieldsOfClientMessage[6]);
     QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Value of traceLevel : '%d', destination : '%d' set.",
                 m.traceLevel, m.destination);
 
@@ -474,10 +441,14 @@ void parseCurrentRequestMessage(char* msg) {
         s = comma != nullptr ? comma + 1 : nullptr;
     }
     if (m.allRecordsLength == 0) {
-        appendError(QV_CM_INVALID_REQUEST, msg);
+        setError(QV_CM_INVALID_REQUEST, msg);
         return;
     }
-    for (int i = 0; i < m.allRecordsLength && !stopping(); ++i) handleCurrRecord(m.allRecords[i]);
+    // Each selector's error is answered before the next selector is served.
+    for (int i = 0; i < m.allRecordsLength && !stopping(); ++i) {
+        handleCurrRecord(m.allRecords[i]);
+        sendErrorMessage();
+    }
 }
 
 void handleCurrRecord(char* selector) {
@@ -496,19 +467,19 @@ void handleCurrRecord(char* selector) {
         sendSummaryReport();
         return;
     }
-    std::string_view name = sel.substr(0, sel.find_first_of(":_"));
+    // A selector is its record type followed by anything (an id, a time).
     static const struct {
-        const char* name;
+        const char* prefix;
         int type;
     } kTypes[] = {{"5", 5},   {"6", 6},   {"7", 7},   {"21", 21}, {"32", 32},
                   {"33", 33}, {"34", 34}, {"35", 35}, {"41", 41}};
     for (const auto& t : kTypes) {
-        if (name == t.name) {
+        if (sel.starts_with(t.prefix)) {
             checkAndSendCachedRecord(t.type, selector);
             return;
         }
     }
-    appendError(QV_CM_INVALID_SELECTOR, selector);
+    setError(QV_CM_INVALID_SELECTOR, selector);
 }
 
 void checkAndSendCachedRecord(int type, char* selector) {
@@ -516,32 +487,17 @@ void checkAndSendCachedRecord(int type, char* selector) {
     if (selector == nullptr) return;
     ManagerGuard guard;
     QVClientManager_t& m = QVClientManager;
-    std::string_view sel(selector);
-    const size_t colon = sel.find(':');
-    const size_t under = sel.find('_');
-    m.targetTimeStamp = -1;
-    m.startIndex = -1;
-    if (colon != std::string_view::npos) {
-        size_t end = under != std::string_view::npos && under > colon ? under : sel.size();
-        if (!parseCount(sel.substr(colon + 1, end - colon - 1), &m.targetTimeStamp)) {
-            appendError(QV_CM_INVALID_SELECTOR, selector);
-            return;
-        }
-    }
-    if (under != std::string_view::npos) {
-        size_t end = colon != std::string_view::npos && colon > under ? colon : sel.size();
-        std::string_view id = sel.substr(under + 1, end - under - 1);
-        if (!id.empty() && id.front() == '+') id.remove_prefix(1);
-        if (!parseCount(id, &m.startIndex)) {
-            appendError(QV_CM_INVALID_SELECTOR, selector);
-            return;
-        }
-    }
-    if (m.targetTimeStamp >= 0 && m.targetTimeStamp < m.lastSentMetadataTimeStamp) {
-        appendError(QV_CM_WRONG_TIMESTAMP, type, m.targetTimeStamp, m.lastSentMetadataTimeStamp);
+    const char* colon = strchr(selector, ':');
+    const char* under = strchr(selector, '_');
+    // The number right after ':' is the time, the one after '_' (or "_+") the id.
+    m.targetTimeStamp = colon != nullptr ? qvParseLongLong(colon + 1) : -1;
+    if (under != nullptr && under[1] == '+') ++under;
+    m.startIndex = under != nullptr ? qvParseLongLong(under + 1) : -1;
+    if (colon != nullptr && m.targetTimeStamp < m.lastSentMetadataTimeStamp) {
+        setError(QV_CM_WRONG_TIMESTAMP, type, m.targetTimeStamp, m.lastSentMetadataTimeStamp);
         return;
     }
-    if (m.startIndex < 0) {
+    if (under == nullptr) {
         char name[16];
         snprintf(name, sizeof(name), "%d", type);
         dump11Record(name);

@@ -42,10 +42,10 @@ struct QVClientManager_t {
     char* allRecords[QV_CM_MAX_SELECTORS];
     int allRecordsLength;
     char* typeOfRecord;                   // selector being handled
-    int destination;                      // QV_CM_DEST_*; 0 until a request names another
+    int destination;                      // > 0 data connection, 0 or 2 control connection
     int traceLevel;                       // above 1 every replayed record is logged
     long long startIndex;                 // first id to send, -1 when the selector names none
-    char errorMessage[QV_CM_ERROR_SIZE];  // errors of the request, one per line; empty if none
+    char errorMessage[QV_CM_ERROR_SIZE];  // the error to answer next; empty if none
     char stopSendingData;                 // set when the control connection failed or the agent stops
     char* requestCopy;                    // owned copy of the request being split (qvlb_malloc)
     int recordsSent;                      // records (marker included) sent for the current request
@@ -57,8 +57,8 @@ extern QVClientManager_t QVClientManager;
 void initQVClientManager();
 
 // Serves one metadata request line (msg is not modified; null or empty is logged and ignored):
-// resets the manager, parses and replays, then sends errorMessage (when not empty, ending in a
-// line feed) on the control connection. The caller then replies "qv_meta_data_rep:status=complete;".
+// resets the manager, parses and replays. Each error is answered on the control connection in its
+// own text as it occurs. The caller then replies "qv_meta_data_rep:status=complete;".
 // Installed as qvServerHooks.processClientMessage. Control thread.
 void processClientMessage(char* msg);
 
@@ -68,20 +68,20 @@ void processClientMessage(char* msg);
 void dumpALLMetaDataOnTestSatrt();
 
 // Splits msg (copied into the manager) and serves it: fewer than 5 fields replay everything;
-// otherwise field 5 is the destination (0, 1 or 2; empty keeps 0), field 6 the trace level and
-// field 4 the comma-separated selectors, each handled by handleCurrRecord. A destination or trace
-// level that is not such a number, or a selector list without a selector, sets
-// QV_CM_INVALID_REQUEST (with the request) and nothing is sent.
+// otherwise field 5 is the destination, field 6 the trace level (decimal, as atoi reads them) and
+// field 4 the comma-separated selectors (blanks around each trimmed), each handled by
+// handleCurrRecord and its error (errorMessage) sent before the next. A selector list without a
+// selector, or a request over QV_CM_MAX_REQUEST bytes, sets QV_CM_INVALID_REQUEST.
 void parseCurrentRequestMessage(char* msg);
 
 // One selector: "ALL..." sends the summary and replays everything; "Summary" sends the summary;
-// "5", "6", "7", "21" (SQL, sent as 22 records), "32", "33", "34", "35", "41", each optionally
-// followed by "_<id>" / "_+<id>" (that id only) and ":<time>" in either order, go to
-// checkAndSendCachedRecord. Anything else appends QV_CM_INVALID_SELECTOR; the other selectors
-// are still served.
+// a selector beginning with "5", "6", "7", "21" (SQL, sent as 22 records), "32", "33", "34", "35"
+// or "41" goes to checkAndSendCachedRecord with that type. Anything else sets
+// QV_CM_INVALID_SELECTOR; the other selectors are still served.
 void handleCurrRecord(char* selector);
 
-// Serves a typed selector: with a time earlier than lastSentMetadataTimeStamp appends
+// Serves a typed selector: the number after ':' is the time, the one after '_' (or "_+") the id
+// (text without digits reads as 0). With a time earlier than lastSentMetadataTimeStamp sets
 // QV_CM_WRONG_TIMESTAMP and sends nothing; without an id sends marker 11 (named by the type) and
 // every record of type; with an id only that record.
 void checkAndSendCachedRecord(int type, char* selector);

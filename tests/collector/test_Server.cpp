@@ -2,6 +2,8 @@
 // heartbeat and reroute sequences, over a real control socket to a loopback peer.
 #include "collector/Server.h"
 
+#include <sys/stat.h>
+
 #include <utility>
 
 #include "collector_fixture.h"
@@ -51,10 +53,7 @@ TEST(ServerParse, PrefixesAreExactCaseSensitiveAndTestedInOrder) {
         {"qv_control_rep:action=send_file_content;result=Error:x", QV_CMD_IGNORED_REPLY},
         {"qv_control_rep:action=instrumentation_profile;", QV_CMD_IGNORED_REPLY},
         {"qv_control_req:action=modifyAnything", QV_CMD_MODIFY},
-        {"qv_control_req:action=abort;", QV_CMD_RECOGNISED},
         {"qv_control_req:action=reset_monitor;monitor_event_id=3", QV_CMD_RECOGNISED},
-        {"upload_file_req:x", QV_CMD_FILE_TRANSFER},
-        {"qv_meta_data_req:action=auto_instr_status;", QV_CMD_AUTO_INSTR},
         {"qv_meta_data_req:action=get_heap_dump;", QV_CMD_RECOGNISED},
         // Case, a missing ';' the prefix requires, empty and null lines are unknown.
         {"QV_CONTROL_REQ:action=modify", QV_CMD_UNKNOWN},
@@ -106,6 +105,7 @@ TEST_F(ServerTest, ModifyOnlyWithinStartAndStopSequences) {
     EXPECT_EQ(qv_load(app_->Server.retryForAutoSensorConn), 1);
     EXPECT_EQ(qv_load(app_->Server.numberOfTestRunsTillNow), 1);
     EXPECT_EQ(qv_load(app_->QVSys.agentTraceLevel), 2);
+    EXPECT_EQ(countLogged("|Warning|No Instrumentation profiles selected for current test."), 1);
     // No TimeStampDiff and no korEpochDiff in the message: both time differences reset.
     EXPECT_EQ(qv_load(app_->Server.diffTimeFromQVC), 0);
     EXPECT_EQ(qv_load(app_->Server.originalKorEpochDiffTime), 1388534400000LL);
@@ -149,13 +149,15 @@ TEST_F(ServerTest, StartReplyCarriesResponseBufferAndStartsReporter) {
     qv_store(app_->QVSys.ASDataBuffMinCount, 2);
     handle(
         "qv_control_req:action=start_instrumentation;ASReportInterval=60;korEpochDiff=1000;TimeStampDiff="
-        "300");
+        "300;instrProfile=a.txt,b.txt;lmd=11,12;size=0,7");
     const std::string reply = kStartReply + "instrProfile=a.txt;size=0\n";
     ASSERT_TRUE(peer_.waitForContains(0, reply, kWaitMs));
     EXPECT_EQ(control(), reply);
     // The epoch difference less the collector's clock difference becomes the time base.
     EXPECT_EQ(qv_load(app_->Server.korEpochDiffTime), 700);
     EXPECT_EQ(qv_load(app_->Server.originalKorEpochDiffTime), 700);
+    EXPECT_STREQ(QVInstrProfKeywords.instrProfile, "a.txt,b.txt");
+    EXPECT_FALSE(logged("No Instrumentation profiles selected"));
     const std::string asReq = "auto_sensor_thread_hotspot_data_req:";
     ASSERT_TRUE(waitUntil([&] { return connWithPrefix(asReq) >= 0; }));
     const std::string as = peer_.bytes(connWithPrefix(asReq));
@@ -205,10 +207,32 @@ TEST_F(ServerTest, RerouteAndSettingsFileRewrite) {
     EXPECT_TRUE(logged("Hence can't update qvsetting file."));
     const std::string longLine = "tierX=" + std::string(3000, 'l') + "\n";
     home_.write("config/qvsettings.conf", longLine + "\tqvcHost=indented\nqvcHost=old\ninstance=I");
+    // A directory the agent may not write to: nothing changes and the reason is logged.
+    const std::string config = home_.file("config");
+    ASSERT_EQ(chmod(home_.path().c_str(), 0755) | chmod(config.c_str(), 0555), 0);
+    const bool root = geteuid() == 0;  // root writes anywhere: act as an ordinary user
+    EXPECT_EQ(root ? seteuid(65534) : 0, 0);
+    EXPECT_EQ(updateQVSettingFile("new", 0, "T", "", nullptr), -1);
+    EXPECT_EQ(root ? seteuid(0) : 0, 0);
+    ASSERT_EQ(chmod(config.c_str(), 0755), 0);
+    EXPECT_TRUE(logged("qvsettings.conf' not updated: creating the new file failed: Permission denied"));
     ASSERT_EQ(updateQVSettingFile("new", 0, "T", "", nullptr), 0);
     // The over-long and indented lines are copied; absent keys are appended; port 0 keeps nothing.
     EXPECT_EQ(home_.read("config/qvsettings.conf"),
               longLine + "\tqvcHost=indented\nqvcHost=new\ninstance=I\ntier=T\n");
+    // Through a symbolic link the file it names is rewritten, with its permissions; the link stays.
+    home_.write("real.conf", "qvcHost=a\n");
+    home_.remove("config/qvsettings.conf");
+    ASSERT_EQ(chmod(home_.file("real.conf").c_str(), 0604), 0);
+    ASSERT_EQ(symlink(home_.file("real.conf").c_str(), home_.file("config/qvsettings.conf").c_str()), 0);
+    ASSERT_EQ(updateQVSettingFile("b", 0, nullptr, nullptr, nullptr), 0);
+    struct stat st;
+    ASSERT_EQ(lstat(home_.file("config/qvsettings.conf").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    ASSERT_EQ(stat(home_.file("real.conf").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0604u);
+    EXPECT_EQ(home_.read("real.conf"), "qvcHost=b\n");
+    home_.remove("config/qvsettings.conf");
 
     const std::string conf = "tier=T1\nserver=S1\n# keep me\ninstance=I1\nqvcHost=127.0.0.1\nqvcPort=" +
                              std::to_string(peer_.port()) + "\nagentTraceLevel=1\n";
@@ -254,8 +278,10 @@ TEST_F(ServerTest, DataOverRecordAndStopDrainEndsWhenAgentStops) {
 
     // A one-minute drain of an hour-long minute: only the interruption ends it in time.
     qv_store(stopDrainMinuteMs, 3600000LL);
-    handle("qv_control_req:action=start_instrumentation;ASReportInterval=0;setthresholdTime=1");
+    handle(
+        "qv_control_req:action=start_instrumentation;ASReportInterval=0;setthresholdTime=1;instrProfile=NA");
     ASSERT_TRUE(peer_.waitForContains(0, kStartReply, kWaitMs));
+    EXPECT_TRUE(logged("|Warning|No Instrumentation profiles selected for current test."));
     std::thread stopper([&] { handle("qv_control_req:action=stop_instrumentation"); });
     ASSERT_TRUE(waitUntil([&] { return qv_load(app_->Server.gettingstopInstrumenatation) == 1; }));
     qv_store(qvAgentStopping, 1);

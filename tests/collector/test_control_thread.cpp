@@ -294,20 +294,91 @@ TEST_F(ControlThread, HeartbeatsCountAndUnansweredOnesSwitchOver) {
     EXPECT_TRUE(logged("heartbeat count reaches to the threshold = 10"));
 }
 
-TEST_F(ControlThread, RerouteConnectsToNewCollector) {
-    ScriptedCollector a, b;
-    ASSERT_TRUE(a.start());
-    ASSERT_TRUE(b.start());
+TEST_F(ControlThread, ReroutesToNewCollectorAndInClusterModeAfterFallBackToMaster) {
+    ScriptedCollector a, master, node;
+    ASSERT_TRUE(a.start() && master.start() && node.start());
     startAgent(at(a.port()));
     ASSERT_EQ(a.accept(kOkReply), 0);
     ASSERT_TRUE(a.send(0, "qv_control_req:action=reroute_ctrl_con;qvcHost=127.0.0.1;qvcPort=" +
-                              std::to_string(b.port()) + ";tier=ALL;server=S2;instance=ALL;clusterMode=0\n"));
-    ASSERT_EQ(b.accept(kOkReply), 0);
+                              std::to_string(master.port()) +
+                              ";tier=ALL;server=S2;instance=ALL;clusterMode=0\n"));
+    ASSERT_EQ(master.accept(kOkReply), 0);
     EXPECT_TRUE(a.closedByAgent(0));
-    EXPECT_TRUE(
-        isHandshake(firstLine(b.bytes(0)), 2, "[0-9]{13,}", "127.0.0.1:" + std::to_string(a.port()), "S2"))
-        << b.bytes(0);
-    EXPECT_EQ(home_.read("config/qvsettings.conf"), "tier=T1\nserver=S2\ninstance=I1\n" + at(b.port()));
+    EXPECT_TRUE(isHandshake(firstLine(master.bytes(0)), 2, "[0-9]{13,}",
+                            "127.0.0.1:" + std::to_string(a.port()), "S2"))
+        << master.bytes(0);
+    EXPECT_EQ(home_.read("config/qvsettings.conf"), "tier=T1\nserver=S2\ninstance=I1\n" + at(master.port()));
+
+    const std::string reroute =
+        "qv_control_req:action=reroute_ctrl_con;qvcHost=127.0.0.1;clusterMode=1;qvcPort=";
+    // The cluster node named first is down: the agent falls back to the master (entry 0).
+    ASSERT_TRUE(master.send(0, reroute + std::to_string(deadPort()) + "\n"));
+    ASSERT_EQ(master.accept(kOkReply), 1);
+    ASSERT_TRUE(waitUntil([] { return qv_load(isMasterQvc) == 1; }));
+    ASSERT_TRUE(master.send(1, reroute + std::to_string(node.port()) + "\n"));
+    ASSERT_EQ(node.accept(kOkReply), 0);
+    EXPECT_EQ(qv_load(isMasterQvc), 0);
+}
+
+TEST_F(ControlThread, RequestLinesCarryCurrentValuesAfterReconnectAndNewStart) {
+    ScriptedCollector qvc;
+    ASSERT_TRUE(qvc.start());
+    qv_store(monitorReportSecondMs, 10LL);
+    // Monitor records every interval, so the reporting thread notices a closed connection.
+    qvReporterHooks.generateBT = [](char* buf, int* len) {
+        *len += snprintf(buf + *len, 8, "74,1\n");
+        return true;
+    };
+    startAgent(at(qvc.port()));
+    ASSERT_EQ(qvc.accept(kOkReply), 0);
+    // Connection after `after` whose request line begins with prefix (accepted now if need be).
+    auto conn = [&](const std::string& prefix, int after) {
+        for (int i = after + 1; i < qvc.count(); ++i)
+            if (qvc.bytes(i).rfind(prefix, 0) == 0) return i;
+        return qvc.accept("", prefix);
+    };
+    // The request lines of both connections made after `after` name tier id and test run n.
+    auto expectLines = [&](int after, int n) {
+        auto v = [&](char sep) {
+            return ";tierID=" + std::to_string(n) +
+                   ";QVCollectorIP=127.0.0.1;QVCollectorPort=" + std::to_string(qvc.port()) + sep +
+                   "testIdx=" + std::to_string(n) + ";pid=";
+        };
+        const int data = conn("qv_data_msg_req:", after),
+                  as = conn("auto_sensor_thread_hotspot_data_req:", after);
+        ASSERT_GT(data, after);
+        ASSERT_GT(as, after);
+        EXPECT_TRUE(contains(firstLine(qvc.bytes(data)), v(';'))) << qvc.bytes(data);
+        EXPECT_TRUE(contains(firstLine(qvc.bytes(as)), v(','))) << qvc.bytes(as);
+    };
+    const std::string start =
+        "qv_control_req:action=start_instrumentation;ASReportInterval=1;qvMonitorInterval=1;";
+    ASSERT_TRUE(qvc.send(0, start + "tierID=1;testIdx=1\n"));
+    expectLines(0, 1);
+
+    // Both connections are made again after a modify changed the values.
+    ASSERT_TRUE(qvc.send(0, "qv_control_req:action=modify;tierID=2;testIdx=2\n"));
+    ASSERT_TRUE(qvc.readContains(0, kModifyOk));
+    const int before = qvc.count() - 1;
+    for (int i = 1; i <= before; ++i) qvc.closeConn(i);
+    std::atomic<bool> run{true};
+    std::thread writer([&] {  // data to send, so the data thread notices the close
+        for (; run; std::this_thread::sleep_for(std::chrono::milliseconds(5))) dumpData("\n2,x\n", 5);
+    });
+    expectLines(before, 2);
+    run = false;
+    writer.join();
+
+    // A new test run with other keywords.
+    ASSERT_TRUE(qvc.send(0, "qv_control_req:action=stop_instrumentation\n"));
+    ASSERT_TRUE(qvc.readContains(0, kStopReply));
+    ASSERT_TRUE(waitUntil([&] {
+        return qv_load(app_->QVBCISetting.data_thread_running) == 0 &&
+               qv_load(app_->QVBCISetting.autoSensor_thread_running) == 0;
+    }));
+    const int stopped = qvc.count() - 1;
+    ASSERT_TRUE(qvc.send(0, start + "tierID=3;testIdx=3\n"));
+    expectLines(stopped, 3);
 }
 
 TEST_F(ControlThread, SettingsFileChangeEndsRetriesAndShutdownEndsWaits) {

@@ -4,12 +4,20 @@
 
 #include <climits>
 #include <cstring>
+#include <vector>
 
 #include "core/QVConfig.h"
 #include "core_fixture.h"
 #include "foundation/qvlb_mem.h"
 
 namespace {
+
+// Texts of the settings, null as "(null)", for one comparison.
+std::vector<std::string> texts(std::initializer_list<const char*> l) {
+    std::vector<std::string> v;
+    for (const char* t : l) v.emplace_back(t != nullptr ? t : "(null)");
+    return v;
+}
 
 class QVConfigTest : public AgentHomeTest {
   protected:
@@ -29,19 +37,16 @@ TEST_F(QVConfigTest, ReadsIdentityAndPrimaryCollector) {
     ASSERT_EQ(readSettings("# settings\ntier=T1\nserver=S1\ninstance=I1\nqvcHost=h\nqvcPort=7000\n"
                            "agentTraceLevel=2\ninstrumentSleep=3\nproxyMode=1\nproxyIP=10.0.0.1\n"),
               0);
-    EXPECT_STREQ(getTierName(), "T1");
-    EXPECT_STREQ(getAppServerName(), "S1");
-    EXPECT_STREQ(getAppName(), "I1");
     const QVBCISetting_t& b = qvApplication->QVBCISetting;
-    EXPECT_STREQ(b.qvcHost, "h");
     ASSERT_NE(qvc_server_arr, nullptr);
-    EXPECT_STREQ(qvc_server_arr[0].qvc_host, "h");
+    EXPECT_EQ(texts({getTierName(), getAppServerName(), getAppName(), b.qvcHost, qvc_server_arr[0].qvc_host,
+                     qvApplication->QVSys.proxyIP}),
+              texts({"T1", "S1", "I1", "h", "h", "10.0.0.1"}));
     EXPECT_EQ(std::tie(b.qvcPort, b.num_qvc_config, server_arr_size, qvc_server_arr[0].qvc_port,
                        qvc_server_arr[0].state, qv_dr_state),
               std::make_tuple(7000, 1, 5, 7000u, 1, 0));
     EXPECT_EQ(std::tie(qvApplication->QVSys.agentTraceLevel, instrumentSleep, qvApplication->QVSys.proxyMode),
               std::make_tuple(2, 3, 1));
-    EXPECT_STREQ(qvApplication->QVSys.proxyIP, "10.0.0.1");
 
     // A re-read rebuilds the list instead of adding to it.
     ASSERT_EQ(read_conf_file(), 0);
@@ -50,11 +55,8 @@ TEST_F(QVConfigTest, ReadsIdentityAndPrimaryCollector) {
 }
 
 TEST_F(QVConfigTest, CorpusOfBadInput) {
-    // Empty file.
     EXPECT_EQ(readSettings(""), 1);
     EXPECT_TRUE(logged("qvsettings.conf was of 0 size"));
-
-    // Missing file.
     home_.remove("config/qvsettings.conf");
     EXPECT_EQ(read_conf_file(), 1);
     EXPECT_TRUE(logged("qvsettings.conf is not present, so returning"));
@@ -75,9 +77,7 @@ TEST_F(QVConfigTest, CorpusOfBadInput) {
     EXPECT_EQ(readSettings(fits + "qvcPort=7000\n"), 0);
     EXPECT_EQ(strlen(qvApplication->QVBCISetting.qvcHost), 1015u);
 
-    // Lines without '='.
-    EXPECT_EQ(readSettings("qvcHost h\nqvcPort 7000\n"), 1);
-
+    EXPECT_EQ(readSettings("qvcHost h\nqvcPort 7000\n"), 1);  // no '='
     // Out-of-range numbers saturate.
     EXPECT_EQ(readSettings("qvcHost=h\nqvcPort=99999999999999999999\nagentTraceLevel=-99999999999999\n"), 0);
     EXPECT_EQ(qvApplication->QVBCISetting.qvcPort, INT_MAX);
@@ -86,8 +86,7 @@ TEST_F(QVConfigTest, CorpusOfBadInput) {
 
     // CR LF line ends are cut.
     EXPECT_EQ(readSettings("tier=T\r\nqvcHost=h\r\nqvcPort=7000\r\n"), 0);
-    EXPECT_STREQ(getTierName(), "T");
-    EXPECT_STREQ(qvApplication->QVBCISetting.qvcHost, "h");
+    EXPECT_EQ(texts({getTierName(), qvApplication->QVBCISetting.qvcHost}), texts({"T", "h"}));
 
     // A blank before the key makes the line a comment, and the mandatory test fails.
     EXPECT_EQ(readSettings(" qvcHost=h\nqvcPort=7000\n"), 1);
@@ -157,10 +156,9 @@ TEST_F(QVConfigTest, ChangeTestFlags) {
     flags = std::make_tuple(1, 1, 1, 1, 1);
     EXPECT_EQ(check_file_size_of_qvsetting_files(0), 0);
     EXPECT_EQ(flags, std::make_tuple(0, 0, 0, 1, 1));  // the thread flags themselves are left alone
-    EXPECT_TRUE(logged("QV settings file changed and test run running flag is set, So resetting ..."));
-    EXPECT_TRUE(logged("QV settings file changed and data thread running flag is set, So resetting ..."));
-    EXPECT_TRUE(
-        logged("QV settings file changed and auto sensor thread running flag is set, So resetting ..."));
+    for (const char* flag : {"test run running", "data thread running", "auto sensor thread running"})
+        EXPECT_TRUE(
+            logged(std::string("QV settings file changed and ") + flag + " flag is set, So resetting ..."));
     EXPECT_EQ(b.prevFileSize, 10);
     EXPECT_EQ(check_file_size_of_qvsetting_files(1), 0);
 
@@ -188,9 +186,7 @@ TEST_F(QVConfigTest, ProcessesConf) {
     EXPECT_EQ(checkProcessNameInfo("PHP"), 1);  // case-insensitive prefix
     EXPECT_EQ(checkProcessNameInfo("httpd"), 0);
     EXPECT_EQ(checkProcessNameInfo("worker1"), 3);  // first row that begins so
-    EXPECT_EQ(checkProcessNameInfo("worker59"), 61);
-    EXPECT_EQ(checkProcessNameInfo("php-fpm-long-name"), 0);
-    EXPECT_EQ(checkProcessNameInfo(nullptr), 0);
+    EXPECT_EQ(checkProcessNameInfo("php-fpm-long-name") + checkProcessNameInfo(nullptr), 0);
 
     home_.write("config/processes.conf", "a|5\n");  // a re-read replaces the table
     readProcessConfFile();
@@ -208,13 +204,10 @@ TEST_F(QVConfigTest, ProxySettingsConf) {
     EXPECT_EQ(readQVProxyConfig(), 0);
     EXPECT_EQ(std::tie(QVProxy.proxyConType, QVProxy.proxyPort, QVProxy.qvcPort),
               std::make_tuple(1, 9000, 7001));
-    EXPECT_STREQ(QVProxy.proxyHost, "0.0.0.0");
-    EXPECT_STREQ(QVProxy.qvcHost, "ph");
-    EXPECT_STREQ(QVProxy.tierName, "pt");
-    EXPECT_STREQ(QVProxy.appServerName, "ps");
-    EXPECT_STREQ(QVProxy.appName, "pi");
     ASSERT_NE(qvc_server_arr, nullptr);
-    EXPECT_STREQ(qvc_server_arr[0].qvc_host, "ph");
+    EXPECT_EQ(texts({QVProxy.proxyHost, QVProxy.qvcHost, QVProxy.tierName, QVProxy.appServerName,
+                     QVProxy.appName, qvc_server_arr[0].qvc_host}),
+              texts({"0.0.0.0", "ph", "pt", "ps", "pi", "ph"}));
     EXPECT_EQ(qvc_server_arr[0].qvc_port, 7001u);
     EXPECT_TRUE(logged("Found unknown keyword<foo=bar>. Ignored :D :P"));
 }
@@ -231,7 +224,7 @@ TEST(QVConfigParsing, SearchKeywordAndSplit) {
     char bare[] = "abc";
     char kw2[8] = "keep";
     EXPECT_EQ(split_key_value(bare, kw2, sizeof(kw2)), nullptr);
-    EXPECT_STREQ(kw2, "keep");
+    EXPECT_STREQ(kw2, "keep");  // untouched without '='
     char empty[] = "=v";
     EXPECT_STREQ(split_key_value(empty, kw2, sizeof(kw2)), "v");
     EXPECT_STREQ(kw2, "");

@@ -46,10 +46,7 @@ TEST(KeywordTable, EveryRowHasOneHandlerAndAUniqueName) {
         EXPECT_EQ(row.offset >= 0, row.setter != nullptr) << row.name;
         EXPECT_EQ(NameToIndex(row.name), &row - keywordsMap) << "duplicate or empty name " << row.name;
     }
-    EXPECT_EQ(NameToIndex("AgentTraceLevel"), 51);
-    EXPECT_EQ(NameToIndex("agenttracelevel"), -1);
-    EXPECT_EQ(NameToIndex(nullptr), -1);
-    EXPECT_EQ(keywordsMap[NameToIndex("fpVersionID")].length, 10);
+    EXPECT_EQ(NameToIndex("agenttracelevel") + NameToIndex(nullptr), -2);
 }
 
 TEST_F(KeywordsTest, MessageRulesFieldsGatesAndLimits) {
@@ -148,7 +145,8 @@ TEST_F(KeywordsTest, CoreParsersStoreTheirSettings) {
         "qv_control_req:action=modify;testIdx=12;korEpochDiff=1000;ASReportInterval=30;qvMonitorInterval=0;"
         "correlationIDHeader=X-Corr;captureHTTPRespFullFp=2%20abc;BTRuleConfig=/tmp/rules;tierName=T;"
         "qvAppServerHost=S;appName=A;enableDDAI=1;WBCookie=wb;lmWDir=/w;enableCpuTime=2;"
-        "enableExceptionInSeqBlob=1;instrExceptions=1%20x;hdrListForValueAsId=h1");
+        "enableExceptionInSeqBlob=1;instrExceptions=1%20x;hdrListForValueAsId=h1;instrProfile=a.txt,b.txt;"
+        "lmd=1700000000,1700000001;size=10,20;AgentTraceLevel=3");
     QVSys_t& sys = qvApplication->QVSys;
     // A monitor interval of 0 would divide the monitor rates by zero: it is not taken.
     EXPECT_EQ(
@@ -169,6 +167,12 @@ TEST_F(KeywordsTest, CoreParsersStoreTheirSettings) {
     EXPECT_STREQ(sys.WBCookieName, "wb");
     EXPECT_STREQ(QVSettings.lmWDir, "/w");
     EXPECT_STREQ(QVHttpReqCaptureSettings.hdrListForValueAsId, "h1");
+    EXPECT_STREQ(QVInstrProfKeywords.instrProfile, "a.txt,b.txt");
+    EXPECT_STREQ(QVInstrProfKeywords.lmd, "1700000000,1700000001");
+    EXPECT_STREQ(QVInstrProfKeywords.size, "10,20");
+    EXPECT_EQ(getTraceLevel(), 3);
+    for (const char* none : {"", "-", "NA"}) EXPECT_TRUE(qvlb_no_instr_profile(none));
+    EXPECT_FALSE(qvlb_no_instr_profile("a.txt"));
 
     apply("qv_control_req:action=modify;correlationIDHeader=NA");
     EXPECT_EQ(qvApplication->QVSys.captureCorrelationEnabled, 0);
@@ -185,7 +189,7 @@ TEST_F(KeywordsTest, LaterLayerParsers) {
     apply("qv_control_req:action=modify;maxBTCount=7");
     EXPECT_EQ(parserCalls, 1);
     EXPECT_EQ(parserValue, "7");
-    EXPECT_EQ(parserIndex, 35);
+    EXPECT_EQ(parserIndex, NameToIndex("maxBTCount"));
     qvlb_set_keyword_parser("maxBTCount", qvlb_keyword_not_handled);
 }
 
@@ -201,6 +205,7 @@ TEST_F(KeywordsTest, InitAllKeywordsDefaultsAndHooks) {
     strcpy(srv.startInstrRespBuffer, "x");
     char rules[] = "/tmp/r";
     setFileBasedKeywd(rules, nullptr, 0);
+    setInstProfile(rules, nullptr, NameToIndex("instrProfile"));
 
     hookCalls = 0;
     EXPECT_EQ(qvlb_add_keyword_init_hook(countingHook), 0);
@@ -212,6 +217,7 @@ TEST_F(KeywordsTest, InitAllKeywordsDefaultsAndHooks) {
     EXPECT_STREQ(srv.fpgVID, "1.0");
     EXPECT_STREQ(srv.startInstrRespBuffer, "");
     EXPECT_EQ(qvlb_get_file_based_keyword(0), nullptr);
+    EXPECT_EQ(QVInstrProfKeywords.instrProfile, nullptr);
 
     std::tie(srv.isClusterMode, srv.requestType) = std::make_tuple(1, 3);
     strcpy(srv.connDestination, "h:1");

@@ -69,7 +69,8 @@ TEST_F(MemTest, FailuresAreLoggedWhateverTheLevel) {
     EXPECT_NE(content.find("|MEMORY|qvlb_mem.cpp|"), std::string::npos);
     for (const char* text :
          {"Out of Memory (size = 10): big table for index 7\n", "Out of Memory (size = 2): dup for index 8\n",
-          "Out of Memory: grow for index 9\n", "Trying to realloc a negative or 0 size (0) for index  5\n"})
+          "Out of Memory (size = 64): grow for index 9\n",
+          "Trying to realloc a negative or 0 size (0) for index  5\n"})
         EXPECT_NE(content.find(text), std::string::npos) << text << content;
 }
 

@@ -5,32 +5,22 @@
 
 #include <gtest/gtest.h>
 
-#include <apr_pools.h>
-
 #include <atomic>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
 
 #include "bt/QVBTManager.h"
-#include "bt/QVMonitorCommon.h"
-#include "bt/QVMonitorDataModel.h"
-#include "backend/QVBackendMonitor.h"
 #include "collector/QVCServerConfig.h"
 #include "collector/QVDataDispatcher.h"
 #include "collector/Server.h"
 #include "collector/control_thread.h"
 #include "core/qv_agent.h"
-#include "flowpath/QVFlowpathGenerator.h"
 #include "flowpath/QVMethodHashMap.h"
-#include "flowpath/QVPerThreadData.h"
 #include "flowpath/QVSQLProcessor.h"
 #include "foundation/qvlb_atomic.h"
-#include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_sock.h"
 #include "foundation/qvlb_util.h"
-#include "mm/QVMethodMonitor.h"
 #include "sdk/qv_modules.h"
 #include "support/agent_reset.h"
 #include "support/loopback_peer.h"
@@ -69,27 +59,11 @@ class ClientManagerTest : public ::testing::Test {
     }
 
     void TearDown() override {
-        qv_agent_shutdown();
-        qv_data_dispatcher_reset_for_test();
-        control_thread_reset_for_test();
-        server_reset_for_test();
-        qvClientManagerResetForTest();
+        resetWholeAgent();
         qvServerHooks = QVServerHooks{};
         qvDispatcherHooks = QVDispatcherHooks{};
-        qvFlowpathGeneratorResetForTest();
-        qvbt_manager_reset_for_test();
-        qvMonitorDataModelResetForTest();
-        qvMonitorCommonResetForTest();
-        qvMethodMonitorResetForTest();
-        qvBackendMonitorResetForTest();
-        qvSQLProcessorResetForTest();
-        qv_flowpath_pool_reset_for_test();
-        qvMethodRegistryResetForTest();
-        clear_qvc_server_setting();
-        qvc_server_config_reset_for_test();
         apr_pool_destroy(pool_);
         peer_.stop();
-        qv_agent_reset_for_test();
         home_.reset();
     }
 
@@ -114,8 +88,6 @@ class ClientManagerTest : public ::testing::Test {
         ASSERT_EQ(buff_list_init(), 0);
         qv_store(app_->Server.controlCommunicationBusyFlag, 1);
     }
-
-    static std::string dispatched() { return queuedRecords(); }
 
     // Sends one request through the command handler and returns what it answered on the control
     // connection (up to and including the completion line).
@@ -170,7 +142,7 @@ TEST_F(ClientManagerTest, SelectorsReplayByteExactToTheDataConnection) {
     EXPECT_EQ(request("7 , 21;1"), kDone);
     EXPECT_EQ(request("6,32,33,34,35,41;1"), kDone);
     EXPECT_EQ(request("5_99;1"), kDone);  // no such id: nothing
-    EXPECT_EQ(maskMarkers(dispatched(), before),
+    EXPECT_EQ(maskMarkers(queuedRecords(), before),
               "11,T,5\n" + kMethods + "5,beta,3\n" + "5,gamma,4\n7,2,/shop/cart\n" + "11,T,7\n" + kBTs +
                   "11,T,21\n" + kSQL + "11,T,6\n6,X-Req,3\n11,T,32\n11,T,33\n11,T,34\n11,T,35\n11,T,41\n");
     EXPECT_EQ(QVClientManager.traceLevel, 0);
@@ -205,25 +177,40 @@ TEST_F(ClientManagerTest, ShortRequestAllAndSummaryGoToTheControlConnection) {
     EXPECT_EQ(request("Summary"), summary + kDone);
     // ALL: the summary, then everything; destination 2 sends the records to both connections.
     EXPECT_EQ(maskMarkers(request("ALL;2"), before), summary + kAll + kDone);
-    EXPECT_EQ(maskMarkers(dispatched(), before), kAll);
+    EXPECT_EQ(maskMarkers(queuedRecords(), before), kAll);
     EXPECT_EQ(qvCachedResourceCount(), 1);
+    // A start logs the same count of methods.
+    qv_store(app_->QVSys.controlTraceLevel, 1);
+    std::string start = "qv_control_req:action=start_instrumentation;ASReportInterval=0";
+    handleReceivedClientMessageFromQVCollector(start.data());
+    EXPECT_NE(home_->traceLogs().find("Total method count in instrumentation = '4'"), std::string::npos);
 }
 
-TEST_F(ClientManagerTest, BadRequestsAnswerTheirErrorTextsAndGoodSelectorsStillRun) {
+TEST_F(ClientManagerTest, RequestsAreReadAsTheCollectorWritesThemAndErrorsAnsweredOneByOne) {
     makePool();
-    for (const std::string bad : {";1", " , ,", "5;3", "5;x;1", "5;1;-1"})
+    for (const std::string bad : {";1", " , ,"})  // no selector
         EXPECT_EQ(request(bad), "Invalid Request : '" + kReq + bad + "'\n" + kDone);
-    std::string each;
-    for (const char* sel : {"22", "5x", "5_", "5:abc", "5_1_2", "Summary2"})
-        each += std::string("Invalid Request recieved from client : '") + sel + "'\n";
-    EXPECT_EQ(request("22,5_2,5x,5_,5:abc,5_1_2,Summary2;1"), each + kDone);
-    // The good selector between them ran.
-    EXPECT_EQ(dispatched(), "5,alpha,2\n");
+    // A destination above 2 means the data connection only; text without digits reads as 0.
+    EXPECT_EQ(request("5_2;3;-1"), kDone);
+    EXPECT_EQ(request("5_3;x;y"), "5,beta,3\n" + kDone);
+    // A selector begins with its type; an id or a time is read as far as it is a number.
+    EXPECT_EQ(request("22,5x_4,6_3zz,21_,Summary2;1"),
+              "Invalid Request recieved from client : '22'\n"
+              "Invalid Request recieved from client : 'Summary2'\n" +
+                  kDone);
+    EXPECT_EQ(queuedRecords(), "5,alpha,2\n5,gamma,4\n6,X-Req,3\n");
+    // Each error in its own text, "Wrong Timestamp" without a line feed of its own.
+    const long long last = QVClientManager.lastSentMetadataTimeStamp;
+    EXPECT_EQ(request("5:x,zz;1"),
+              "Wrong Timestamp : RecordField- 5 Paased timeStamp- 0 Should be more than last "
+              "sent metadata timestamp " +
+                  std::to_string(last) + "Invalid Request recieved from client : 'zz'\n" + kDone);
 
     // More than seven selectors: the eighth and later are ignored.
     EXPECT_EQ(request("5_1,5_1,5_1,5_1,5_1,5_1,5_3,5_4;1"), kDone);
     const std::string first = "5," QV_DEFAULT_METHOD_NAME ",1\n";
-    EXPECT_EQ(dispatched(), "5,alpha,2\n" + first + first + first + first + first + first + "5,beta,3\n");
+    EXPECT_EQ(queuedRecords(), "5,alpha,2\n5,gamma,4\n6,X-Req,3\n" + first + first + first + first + first +
+                                   first + "5,beta,3\n");
 
     // Oversized, binary and null requests: no crash, the oversized one is refused.
     std::string huge = kReq + std::string(QV_CM_MAX_REQUEST, 'A');
@@ -256,10 +243,10 @@ TEST_F(ClientManagerTest, TimeSelectorMustNotPrecedeTheLastReplay) {
     EXPECT_EQ(request("5:1000,7_2;1"),
               "Wrong Timestamp : RecordField- 5 Paased timeStamp- 1000 Should be more "
               "than last sent metadata timestamp " +
-                  std::to_string(last) + "\n" + kDone);
+                  std::to_string(last) + kDone);
     const std::string later = std::to_string(last + 3600000);
     EXPECT_EQ(request("5:" + later + "_3,5_+4:" + later + ";1"), kDone);
-    EXPECT_EQ(dispatched(), "5,alpha,2\n7,2,/shop/cart\n5,beta,3\n5,gamma,4\n");
+    EXPECT_EQ(queuedRecords(), "5,alpha,2\n7,2,/shop/cart\n5,beta,3\n5,gamma,4\n");
 }
 
 TEST_F(ClientManagerTest, NoTestRunningAnswersEachRecordWithTheError) {
@@ -272,7 +259,7 @@ TEST_F(ClientManagerTest, NoTestRunningAnswersEachRecordWithTheError) {
     EXPECT_EQ(maskMarkers(request("5_2,7;1"), before), pre + "5,alpha,2" + post + pre + "11,T,7" + post +
                                                            pre + "7,2,/shop/cart" + post + pre +
                                                            "7,3,/shop/pay" + post + kDone);
-    EXPECT_EQ(dispatched(), "");
+    EXPECT_EQ(queuedRecords(), "");
 }
 
 TEST_F(ClientManagerTest, CutRecordsReplayTheBytesOfTheLiveRecords) {
@@ -285,7 +272,7 @@ TEST_F(ClientManagerTest, CutRecordsReplayTheBytesOfTheLiveRecords) {
     ASSERT_NE(m, nullptr);
     std::string longQuery(QV_SQL_META_AREA_SIZE + 100, 'q');
     ASSERT_EQ(checkAndProcessQuery(longQuery.c_str(), 0), 7);
-    const std::string live = dispatched();
+    const std::string live = queuedRecords();
     ASSERT_EQ(live.size(), (2 + QV_METHOD_META_NAME_MAX + 3) + (QV_SQL_META_AREA_SIZE + 4u));
 
     qv_data_dispatcher_reset_for_test();
@@ -293,7 +280,7 @@ TEST_F(ClientManagerTest, CutRecordsReplayTheBytesOfTheLiveRecords) {
     QVClientManager.destination = QV_CM_DEST_DATA;
     EXPECT_EQ(collectAndSendOnlyCached5Records(m->methodId, 0), 1);
     EXPECT_EQ(collectAndSendOnlyCached22Records(7, 0), 1);
-    EXPECT_EQ(dispatched(), live);
+    EXPECT_EQ(queuedRecords(), live);
     EXPECT_EQ(live.substr(live.size() - 5), std::string("\0...\n", 5));
 }
 
