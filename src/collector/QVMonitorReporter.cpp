@@ -77,8 +77,9 @@ int generateAndSendMonitorRecords(char* buf) {
 }
 
 void* APR_THREAD_FUNC qvMonitorReporterThread(apr_thread_t*, void*) {
+    // Not at a lowered priority: the merge holds each model's lock in turn, and a request of that
+    // model's record would wait for as long as this thread waited for a CPU again.
     QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Monitor reporting thread started.");
-    qvlb_lower_thread_priority();
     // One buffer per thread run; the generators append into it every interval.
     char* buf = static_cast<char*>(qvlb_malloc(QV_MONITOR_REPORT_BUFFER_SIZE, "monitor report buffer", -1));
     if (buf == nullptr) {
