@@ -143,14 +143,15 @@ class MonitorRegistryConcurrency : public MonitorModelTest {};
 // With no block ready, the request that empties the pool carves one without holding tlsMutex, so
 // no other request waits for it.
 TEST_F(MonitorRegistryConcurrency, ABlockCarvedByARequestLeavesThePoolUnlocked) {
+    qvTlsPoolReserveStop();  // nothing ready, and no thread reading the hooks
     static QVFlowpathPoolHooks real = qvFlowpathPoolHooks;
     qvFlowpathPoolHooks.createMonitorDataModel = [] { return noteTlsMutex(), real.createMonitorDataModel(); };
     qvFlowpathPoolHooks.initQVMonitorDataModel = [](QVPerThreadData_t* r) {
         noteTlsMutex(), real.initQVMonitorDataModel(r);
     };
-    qvTlsPoolReserveStop();  // nothing ready
     carver = std::this_thread::get_id();
     for (int i = 0; i < QV_TLS_POOL_BLOCK + 1; i++) ASSERT_NE(take(), nullptr);
+    qvTlsPoolReserveStop();  // the carve started it again
     carver = std::thread::id();
     qvFlowpathPoolHooks = real;
     EXPECT_EQ(madeLocked.load(), 0);
