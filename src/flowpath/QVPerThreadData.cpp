@@ -99,7 +99,7 @@ void growHotspotTable(int rows) {
         qv_store(hotspotRows, rows);
         return;
     }
-    void* p = qvlb_realloc(table, bytes, kReallocPurpose, -1);
+    void* p = qvlb_realloc_logged(table, bytes, kReallocPurpose, -1, false);
     if (p == nullptr) return;  // the old table stays valid and in use
     auto* grown = static_cast<TLSDataStruct*>(p);
     size_t newBytes = sizeof(TLSDataStruct) * static_cast<size_t>(rows - hotspotRows);

@@ -64,6 +64,10 @@ void* qvlb_calloc(size_t size, const char* purpose, int index) {
 }
 
 void* qvlb_realloc(void* ptr, size_t size, const char* purpose, int index) {
+    return qvlb_realloc_logged(ptr, size, purpose, index, true);
+}
+
+void* qvlb_realloc_logged(void* ptr, size_t size, const char* purpose, int index, bool sizeInLog) {
     if (size == 0) {
         QV_TRACE_IF(true, "MEMORY", "Error", "Trying to realloc a negative or 0 size (%d) for index  %d\n", 0,
                     index);
@@ -71,7 +75,10 @@ void* qvlb_realloc(void* ptr, size_t size, const char* purpose, int index) {
     }
     void* p = qvlb_fault(QV_FAULT_MALLOC) ? nullptr : std::realloc(ptr, size);
     if (p == nullptr) {
-        log_out_of_memory(size, purpose, index);
+        if (sizeInLog)
+            log_out_of_memory(size, purpose, index);
+        else
+            QV_TRACE_IF(true, "MEMORY", "Error", "Out of Memory: %s for index %d\n", label(purpose), index);
         return nullptr;
     }
     note_allocation(p, size, purpose, index);

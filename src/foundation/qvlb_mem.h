@@ -16,6 +16,9 @@ extern long long malloc_counter;
 void* qvlb_malloc(size_t size, const char* purpose, int index);
 void* qvlb_calloc(size_t size, const char* purpose, int index);
 void* qvlb_realloc(void* ptr, size_t size, const char* purpose, int index);
+// qvlb_realloc whose out-of-memory line may leave the size out: the record pool's hotspot table
+// logs its failed growth as "Out of Memory: %s for index %d\n".
+void* qvlb_realloc_logged(void* ptr, size_t size, const char* purpose, int index, bool sizeInLog);
 char* qvlb_strdup(const char* s, const char* purpose, int index);
 void qvlb_free(void* ptr, const char* purpose, int index);
 
