@@ -499,7 +499,6 @@ TEST_F(FlowpathTest, HugeAndOddBlobLimitsNeverOverflow) {
 }
 
 TEST_F(FlowpathTest, TransactionEndToEndWithTheSdkStartTimeOfZero) {
-    long long before = my_gettimeofday();
     QVPerThreadData_t* r = start(nullptr, "/checkout", 0);
     EXPECT_EQ(r->tlFlowPathTimeStampInMS, 0);
     const std::string f1 = fpi(r);
@@ -511,20 +510,7 @@ TEST_F(FlowpathTest, TransactionEndToEndWithTheSdkStartTimeOfZero) {
     EXPECT_EQ(r->tlServiceMethodDepth, 2);  // depths only count up on entry
     endFP(r, 200, nullptr);
 
-    std::vector<std::string> recs = fpRecords();
-    ASSERT_EQ(recs.size(), 2u);
-    EXPECT_TRUE(std::regex_match(recs[0], std::regex("2," + f1 + ",0,1,1\\.1,\\d+,/checkout,,0,0,0,,0,7")))
-        << recs[0];
-    std::vector<std::string> f = split(recs[1]);
-    ASSERT_EQ(f.size(), 9u) << recs[1];
-    EXPECT_EQ(f[1] + "," + f[2] + "," + f[3], f1 + ",200,12");  // the whole wall clock: very slow
-    EXPECT_GE(std::stoll(f[5]), before);
-    const std::string def = std::to_string(DefaultMethod->methodId), svc = id("Svc.handle"),
-                      pw = id("Plain.work"), db = id("Db.query"), dbb = id(QV_DEFAULT_DBIP_NAME);
-    std::regex blobRe(def + ":0_0_\\d+__" + svc + ":0_0_\\d+__" + pw + ":0_0_\\d+__" + db + ":0_0_\\d+__" +
-                      db + ":0_1_0_0___T\\d+:" + dbb + ":0:10:\\d+:\\d+_" + pw + ":0_1_0_0___" + svc +
-                      ":0_1_0_0___" + def + ":0_1_\\d+_0___");
-    EXPECT_TRUE(std::regex_match(f[8], blobRe)) << f[8];
+    ASSERT_EQ(fpRecords().size(), 2u);  // their bytes: the SDK end-to-end tests
 
     // Unregistered, generation reference given back, record still busy; a second end is ignored.
     EXPECT_EQ(search_hashmap(fpiToTLS, f1.c_str()), nullptr);
