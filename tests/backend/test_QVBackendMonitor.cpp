@@ -54,13 +54,7 @@ TEST_F(BackendMonitorTest, DatabaseBackendsAreNamedByDBIPName) {
     EXPECT_EQ(std::string(getDBIPName()), "ADO.NET_" + std::string(1015, 'd'));
 }
 
-TEST_F(BackendMonitorTest, KeywordsDefaultsAndBackendLimit) {
-    // The keyword defaults switch the monitor off and allow 32 backends.
-    qvlb_init_all_keywords();
-    EXPECT_EQ(qv_load(QVBackendMonitor.isBackendMonitorOn), 0);
-    EXPECT_EQ(qv_load(QVBackendMonitor.maxIPCount), 32);
-    EXPECT_STREQ(getDBIPName(), "ADO.NET_QuoteDB");
-
+TEST_F(BackendMonitorTest, KeywordsAndBackendLimit) {
     char msg[] = "qv_control_req:action=modify;enableBackendMonitor=1;maxIPCount=2";
     EXPECT_EQ(findStatusFromClientMsg(msg), 2);
     char zero[] = "0";

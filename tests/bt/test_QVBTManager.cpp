@@ -69,7 +69,6 @@ TEST_F(BTManager, DefaultRuleNamesByTwoSegmentsStampsDiagnosticsAndHeaderRuleFal
     qv_store(QVDynamicSettings.ddAIInterval, 30);
     EXPECT_EQ(name("/a/b/x"), ab);
     EXPECT_EQ(ints(ab->AIFlag, ab->bt_endTime - ab->bt_startTime, ab->dd_IntervalTime), ints(1, 30, 30));
-    EXPECT_NE(log().find("Setting defult BT rule = 1|2|Default|"), std::string::npos);
 
     // A header rule without a header value leaves the naming to the global rule.
     char line[] = "10|X-BT-Name";

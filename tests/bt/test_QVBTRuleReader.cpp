@@ -47,7 +47,6 @@ TEST_F(RuleReader, PassesSizeBeforePatternsAndPatternsWinOverGlobalRule) {
     EXPECT_EQ(global_rule->rule_mode, 4);  // still the default: pass 3 does not run
     EXPECT_EQ(skipCount, 0);               // negative skip taken as 0
     EXPECT_EQ(btName("/p1"), "P1");
-    EXPECT_NE(log().find("BT rule type 11 is not supported"), std::string::npos);
 
     // A later read without patterns replaces them; the first "1|" line is the one parsed.
     readRules("1|2|n|d|FromLast|1|-|-|-\n1|1|n|d|FromFirst|1|-|-|-\n");
@@ -60,10 +59,6 @@ TEST_F(RuleReader, GlobalRuleLines) {
     EXPECT_EQ(parse_global_rule(shortLine), 0);  // parsed as the default line
     EXPECT_EQ(ints(global_rule->rule_mode, global_rule->seg_type, global_rule->include_uri_in_name_segment),
               ints(4, 6, 2));
-    EXPECT_NE(
-        log().find(
-            "Number of fields in BTRule File for Global rule is less than 8, Hence applying Default rule"),
-        std::string::npos);
     char out[256];
     char param[] = "1|2|n|d|FromFirst|1|Request-Parameter-Value|id|-|extra|more";
     parse_global_rule(param);
@@ -77,13 +72,10 @@ TEST_F(RuleReader, PatternLines) {
     int first = 1;
     char few[] = "7|a|3|0|/a";
     EXPECT_EQ(parse_pattern_rule(few, &first), -1);
-    EXPECT_NE(log().find("Number of fields in BTRule File for pattern based is  < 6, hence BTname = others"),
-              std::string::npos);
     char comment[] = "#7|a|3|0|/a|0";
     EXPECT_EQ(parse_pattern_rule(comment, &first), -1);
     char mode3[] = "7|a|3|0|/a|0|3|p=1";
     EXPECT_EQ(parse_pattern_rule(mode3, &first), -1);
-    EXPECT_NE(log().find("num_fields = 8 is equal to 8 but less than 9"), std::string::npos);
     // A pattern the automaton refuses still makes its BT, and pattern naming is in force.
     readRules("7|a|3|0|/a\x01|0\n7|b|4|0\n");
     EXPECT_EQ(bt_rule, 7);
@@ -101,11 +93,6 @@ TEST_F(RuleReader, ThresholdLines) {
     EXPECT_EQ(ints(qvbt_read_threshold_file(nullptr), readThresholds("")), ints(-1, -1));
     readThresholds("ALL|100|100\r\nALL|0|50\nx|1\n#ALL|1|2\n/ok|5|6\r\n/bad|9|8\n/neg|-1|5\nall|70|90\r\n");
     EXPECT_EQ(ints(allSlow, allVerySlow), ints(70, 90));
-    const std::string l = log();
-    for (const char* m :
-         {"Invalid values: slow '100' >= very slow '100'", "Invalid value(s): slow '0', very slow '50'",
-          "Invalid threshold line = 'x|1', num_fields = 2"})
-        EXPECT_NE(l.find(m), std::string::npos) << m;
     EXPECT_EQ(thresholds(find_bt_obj_in_config_map("/ok", -1, 1, 2)), ints(5, 6));
     EXPECT_EQ(find_bt_obj_in_manager_map("/ok"), nullptr);
     EXPECT_EQ(find_bt_obj_in_config_map("/bad", -1, 1, 2)->bt_threshold.slow, 1);  // made only now
@@ -127,7 +114,6 @@ TEST_F(RuleReader, LineAndFileLimits) {
     home_.write("big.txt", std::string(1024, 'x'));
     EXPECT_EQ(getLineFromFile(home_.file("big.txt").c_str(), buf), -1);
     EXPECT_STREQ(buf, "");
-    EXPECT_NE(log().find("Error in opening file " + home_.file("big.txt")), std::string::npos);
 
     // A refused rule file reads as a source without lines.
     fileMode();
@@ -158,12 +144,6 @@ TEST_F(RuleReader, CustomRulesNameRequests) {
     EXPECT_STREQ(qvbt_execute_custom_rule("/api/x", "id=7", nullptr, out, sizeof(out)), "others");
     EXPECT_STREQ(qvbt_execute_custom_rule("/api/x", nullptr, "post", out, sizeof(out)), "Posts");
     EXPECT_STREQ(qvbt_execute_custom_rule("/api/x", nullptr, "PATCH", out, sizeof(out)), "others");
-    const std::string l = log();
-    for (const char* m :
-         {"Number of fields in BTRule File for custom rule is != 9, Hence applying Default rule",
-          "Invalid rule mode given in field 1 = 4", "Match criteria not found returning in field[7] = PATCH",
-          "Match criteria not found returning in field[7] = -"})
-        EXPECT_NE(l.find(m), std::string::npos) << m;
 
     // A custom rule that names nothing still replaces the global rule.
     QVBTConfigModelInit();

@@ -85,16 +85,8 @@ TEST_F(AgentTest, ConnectOneReadsSettingsAndStartsNoThreadWithoutEntry) {
     EXPECT_NE(controlThreadTmpLock, nullptr);
     EXPECT_NE(methodEntryLock, nullptr);
     EXPECT_EQ(qvTDHashMap, nullptr);  // enableProxyServer is 0
-    EXPECT_STREQ(pool_name, "pool");
-    EXPECT_STREQ(proc_name, "proc");
     EXPECT_STREQ(qvApplication->agentName, "pool");
-    EXPECT_STREQ(qvApplication->QVBCISetting.agentType, "PHP");
-    EXPECT_EQ(getPID(), static_cast<long long>(getpid()));
     EXPECT_EQ(control_thread_id, nullptr);
-    for (const char* text :
-         {"Going to create hashMap of flowpath instance to TLS", "Going to start control thread ...",
-          "No control thread installed; the agent will not connect to the collector."})
-        EXPECT_TRUE(logged(text)) << text;
     qv_agent_shutdown();  // nothing to join
 }
 
@@ -135,7 +127,6 @@ TEST_F(AgentStartupConcurrency, ControlThreadStartsAndStopsOrItsCreationFailureI
     qvlb_fault_arm(QV_FAULT_THREAD_CREATE, 0, 1);
     agent_init("pool", 1, "proc", nullptr);
     EXPECT_EQ(control_thread_id, nullptr);
-    EXPECT_TRUE(logged("Error in creating control thread... '"));
 
     qv_agent_reset_for_test();
     agent_init("pool", 1, "proc", nullptr);
@@ -143,7 +134,6 @@ TEST_F(AgentStartupConcurrency, ControlThreadStartsAndStopsOrItsCreationFailureI
     qv_agent_shutdown();
     EXPECT_EQ(control_thread_id, nullptr);
     EXPECT_EQ(qv_load(controlThreadRan), 1);
-    EXPECT_TRUE(logged("Control thread created successfully... '"));
 }
 
 // A child forked while another thread holds the trace log's lock rolls over without hanging, in

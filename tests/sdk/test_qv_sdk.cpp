@@ -199,15 +199,8 @@ TEST_F(SdkTest, StoreKeepsFirstHandleAndGetFindsIt) {
     EXPECT_EQ(qv_bt_get(const_cast<char*>("never")), nullptr);
     EXPECT_EQ(qv_bt_get(id), nullptr);
 
-    for (const auto& [level, func, msg] : {
-             std::tuple{"DEBUG", "qv_bt_store", "Business transaction stored successfully."},
-             std::tuple{"INFO", "qv_bt_store", "Method END"},
-             std::tuple{"ERROR", "qv_bt_store",
-                        "ERROR: Business transaction already exists. unique_bt_id = [order-1]"},
-             std::tuple{"INFO", "qv_bt_get", "Method Called, unique_bt_id = [never]"},
-             std::tuple{"DEBUG", "qv_bt_get", "Method End, bt_handle = [(nil)]"},
-         })
-        EXPECT_TRUE(hasLine(prefixRe(level, func) + reEscape(msg))) << msg;
+    EXPECT_TRUE(hasLine(prefixRe("ERROR", "qv_bt_store") +
+                        reEscape("ERROR: Business transaction already exists. unique_bt_id = [order-1]")));
 }
 
 TEST_F(SdkTest, FreeKeepsTheLogAndASecondInitLogsOnIntoIt) {
@@ -287,14 +280,6 @@ TEST_F(SdkTest, CalloutBackendIsCreatedOnceWithItsTypeAndMonitorSlot) {
     EXPECT_EQ(std::make_tuple(db->type, http->type), std::make_tuple(2, 1));
     EXPECT_NE(http->methodId, db->methodId);
     EXPECT_EQ(ipCallOutSearchUpdate(const_cast<char*>(""), 1, nullptr), nullptr);
-    const std::string all = log();
-    for (const auto& [needle, times] : {std::pair{"|Adding ip_name = [db.example], to hashmap", 1},
-                                        std::pair{"|ip_name found in hashmap, ip_name = [db.example]", 1},
-                                        std::pair{"|Going to increament backend data array", 2}}) {
-        int n = 0;
-        for (size_t p = all.find(needle); p != std::string::npos; p = all.find(needle, p + 1)) ++n;
-        EXPECT_EQ(n, times) << needle;
-    }
 }
 
 TEST_F(SdkTest, OversizedInputsAreCutAndNothingBreaks) {
