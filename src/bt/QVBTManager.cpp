@@ -70,42 +70,42 @@ bool dd_enabled() {
 
 }  // namespace
 
-void dumpBtMetaData(BTObject* obj, int id) {
-    if (obj == nullptr) return;
+namespace {
+
+// What updateBTObject did under bt_obj_map_lock, traced once the lock is released: a trace line
+// is a file write, and every request naming a new BT (all of them, after a reconnect) waits for
+// that lock.
+struct BTRegistration {
+    bool missed = false;  // not found on the second look either
+    int maxCount = 0;
+    bool toOthers = false;
+    int addedId = 0;  // the id the BT was made live under, 0 when none
     char rec[160];
-    const int n = snprintf(rec, sizeof(rec), "7,%d,%s\n", id, obj->bt_name);
-    if (n <= 0 || n >= static_cast<int>(sizeof(rec))) return;
-    QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info", "Dumping BT meta data record: %.*s", n - 1, rec);
-    dumpData(rec, n);
+    int recLen = 0;
+};
+
+// Formats the BT's meta-data record ("7,<id>,<name>") into rec; its length, 0 when it does not fit.
+int formatBtMetaData(const BTObject* obj, int id, char* rec, size_t size) {
+    const int n = snprintf(rec, size, "7,%d,%s\n", id, obj->bt_name);
+    return n > 0 && n < static_cast<int>(size) ? n : 0;
 }
 
-BTObject* updateBTObject(char* name) {
-    QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Method called");
-    if (name == nullptr) return nullptr;
-    // Stored names are cut at 128 characters; look up what would have been stored.
-    if (strnlen(name, 129) > 128) name[128] = '\0';
+void traceDumpedMetaData(const char* rec, int n) {
+    QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info", "Dumping BT meta data record: %.*s", n - 1, rec);
+}
 
+BTObject* registerBTLocked(char* name, BTRegistration* done) {
     BTObject* obj = find_bt_obj_in_manager_map(name);
-    if (obj != nullptr) {
-        if (dd_enabled()) stamp_dd_window(obj, true);
-        QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "bt_obj found, returning bt_obj of name = %s, id = %d",
-                    obj->bt_name, qv_load(obj->bt_id));
-        return obj;
-    }
-
-    QVLockGuard guard(qv_load_acquire(manager.bt_obj_map_lock));
-    obj = find_bt_obj_in_manager_map(name);
     if (obj != nullptr) return obj;
 
     const int maxCount = qv_load(config.max_bt_count);
-    QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info", "bt_obj not found in manager map. and max count:%d",
-                maxCount);
+    done->missed = true;
+    done->maxCount = maxCount;
     const int total = qv_load(config.total_bt_count);
     int id = 1;
     bool newId = true;
     if (total >= maxCount || total < 1) {
-        QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info", "max_bt_count '%d' reached, assiging id '%d' to Others",
-                    maxCount, 1);
+        done->toOthers = true;
         memcpy(name, "Others", sizeof("Others"));
         id = 1;
         newId = false;
@@ -128,16 +128,59 @@ BTObject* updateBTObject(char* name) {
             if (newId) qv_store(config.total_bt_count, id - 1);
             return nullptr;
         }
-        QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info", "Adding BT in manager map, name = %s, id = %d", name,
-                    id);
-        dumpBtMetaData(obj, id);
+        done->addedId = id;
+        done->recLen = formatBtMetaData(obj, id, done->rec, sizeof(done->rec));
+        if (done->recLen > 0) dumpData(done->rec, done->recLen);
         qv_store(obj->is_meta_data_dumped, 1);
     } else if (newId) {
         // Already live under another identifier (made live by a pattern rule meanwhile): no new id.
         qv_store(config.total_bt_count, id - 1);
     }
     checkAndIncrementAggrBTDataArray(obj);
-    QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Method exit");
+    return obj;
+}
+
+}  // namespace
+
+void dumpBtMetaData(BTObject* obj, int id) {
+    if (obj == nullptr) return;
+    char rec[160];
+    const int n = formatBtMetaData(obj, id, rec, sizeof(rec));
+    if (n == 0) return;
+    traceDumpedMetaData(rec, n);
+    dumpData(rec, n);
+}
+
+BTObject* updateBTObject(char* name) {
+    QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "Method called");
+    if (name == nullptr) return nullptr;
+    // Stored names are cut at 128 characters; look up what would have been stored.
+    if (strnlen(name, 129) > 128) name[128] = '\0';
+
+    BTObject* obj = find_bt_obj_in_manager_map(name);
+    if (obj != nullptr) {
+        if (dd_enabled()) stamp_dd_window(obj, true);
+        QV_TRACE_IF(bt_level() == 4, "BT_MON", "Info", "bt_obj found, returning bt_obj of name = %s, id = %d",
+                    obj->bt_name, qv_load(obj->bt_id));
+        return obj;
+    }
+
+    BTRegistration done;
+    {
+        QVLockGuard guard(qv_load_acquire(manager.bt_obj_map_lock));
+        obj = registerBTLocked(name, &done);
+    }
+    if (!done.missed) return obj;
+    QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info", "bt_obj not found in manager map. and max count:%d",
+                done.maxCount);
+    QV_TRACE_IF(bt_level() > 0 && done.toOthers, "BT_MON", "Info",
+                "max_bt_count '%d' reached, assiging id '%d' to Others", done.maxCount, 1);
+    if (done.addedId > 0) {
+        QV_TRACE_IF(bt_level() > 0, "BT_MON", "Info", "Adding BT in manager map, name = %s, id = %d", name,
+                    done.addedId);
+        if (done.recLen > 0) traceDumpedMetaData(done.rec, done.recLen);
+    }
+    QV_TRACE_IF(bt_level() == 4 && obj != nullptr, "BT_MON", "Info", "Method exit");
     return obj;
 }
 

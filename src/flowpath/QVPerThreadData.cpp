@@ -2,6 +2,7 @@
 // test-stop walk over running flowpaths.
 #include "flowpath/QVPerThreadData.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 
@@ -40,8 +41,10 @@ const char* const kHotspotPurpose = "Create tls data structure for hotspot";
 const char* const kPoolPurpose = "Create TLS pool of QVPerThreadData_t";
 const char* const kReallocPurpose = "Reallocating tlsdata";
 
-// Rows allocated in the hotspot table; under tlsMutex (qv_load for lock-free readers).
+// Rows in use in the hotspot table, and rows allocated (the rest zero); under tlsMutex (qv_load
+// for lock-free readers).
 int hotspotRows = 0;
+int hotspotCap = 0;
 
 // Every block ever carved, so the test reset can free them; production never frees a block.
 QVPerThreadData_t** blocks = nullptr;
@@ -86,10 +89,52 @@ void rememberBlock(QVPerThreadData_t* block) {
     blocks[blockCount++] = block;
 }
 
+// A zeroed hotspot table allocated before tlsMutex is taken, so that growing the table under the
+// lock is a copy, not an allocation (a realloc there held every request waiting for a record
+// while the kernel moved the pages). Doubling keeps the copies rare.
+struct HotspotSpare {
+    TLSDataStruct* table = nullptr;
+    int cap = 0;
+    TLSDataStruct* retired = nullptr;  // the table a growth replaced, freed after the lock
+};
+
+void prepareHotspotSpare(HotspotSpare* spare) {
+    if (!hotspotOn() || qv_load(gFreeTLSCnt) != 0) return;
+    const int cap = qv_load(hotspotCap);
+    const int need = qv_load(g_tlsidx);
+    if (need > INT_MAX / 2 - QV_TLS_POOL_BLOCK || cap >= need + QV_TLS_POOL_BLOCK) return;
+    const int rows = std::max(2 * cap, need + QV_TLS_POOL_BLOCK);
+    const size_t bytes = sizeof(TLSDataStruct) * static_cast<size_t>(rows);
+    spare->table = static_cast<TLSDataStruct*>(qvlb_calloc(bytes, kHotspotPurpose, -1));
+    if (spare->table == nullptr) return;
+    logMemset(kHotspotPurpose, spare->table, bytes);
+    spare->cap = rows;
+}
+
+void releaseHotspotSpare(HotspotSpare* spare) {
+    qvlb_free(spare->table, kHotspotPurpose, -1);
+    qvlb_free(spare->retired, kHotspotPurpose, -1);
+    *spare = HotspotSpare{};
+}
+
 // Grows the hotspot table to rows entries, zeroing the new ones. Caller holds tlsMutex.
-void growHotspotTable(int rows) {
+void growHotspotTable(int rows, HotspotSpare* spare = nullptr) {
     TLSDataStruct* table = tlsdatastruct.load();
     if (rows <= hotspotRows && table != nullptr) return;
+    if (table != nullptr && rows <= hotspotCap) {
+        qv_store(hotspotRows, rows);  // allocated zeroed and never written beyond hotspotRows
+        return;
+    }
+    if (spare != nullptr && spare->table != nullptr && spare->cap >= rows) {
+        if (table != nullptr)
+            memcpy(spare->table, table, sizeof(TLSDataStruct) * static_cast<size_t>(hotspotRows));
+        tlsdatastruct.store(spare->table);
+        qv_store(hotspotCap, spare->cap);
+        qv_store(hotspotRows, rows);
+        spare->retired = table;
+        spare->table = nullptr;
+        return;
+    }
     size_t bytes = sizeof(TLSDataStruct) * static_cast<size_t>(rows);
     if (table == nullptr) {
         void* p = qvlb_calloc(bytes, kHotspotPurpose, -1);
@@ -97,6 +142,7 @@ void growHotspotTable(int rows) {
         logMemset(kHotspotPurpose, p, bytes);
         tlsdatastruct.store(static_cast<TLSDataStruct*>(p));
         qv_store(hotspotRows, rows);
+        qv_store(hotspotCap, rows);
         return;
     }
     void* p = qvlb_realloc_logged(table, bytes, kReallocPurpose, -1, false);
@@ -107,6 +153,7 @@ void growHotspotTable(int rows) {
     logMemset(kReallocPurpose, grown + hotspotRows, newBytes);
     tlsdatastruct.store(grown);
     qv_store(hotspotRows, rows);
+    qv_store(hotspotCap, rows);
 }
 
 // A record is busy exactly when it heads the busy list or has a predecessor there.
@@ -292,6 +339,8 @@ QVPerThreadData_t* get_free_tls_slot() {
     // A block this thread carved because none was ready: carved outside tlsMutex, so the other
     // requests that need a record meanwhile carve their own rather than wait for this one.
     QVTlsPreparedBlock own{};
+    HotspotSpare spare;
+    prepareHotspotSpare(&spare);
     for (;;) {
         bool carve = false;
         {
@@ -306,7 +355,8 @@ QVPerThreadData_t* get_free_tls_slot() {
                     tlDeferRegistration = true;
                     gFreeTLSHead = linkBlockLocked(gBusyTLSCnt, &own);
                     tlDeferRegistration = false;
-                    if (gFreeTLSHead != nullptr && hotspotOn()) growHotspotTable(oldSize + QV_TLS_POOL_BLOCK);
+                    if (gFreeTLSHead != nullptr && hotspotOn())
+                        growHotspotTable(oldSize + QV_TLS_POOL_BLOCK, &spare);
                     QV_TRACE_IF(fpLevel() > 2, kModule, "Info",
                                 "After updating gBusyTLSCnt = %d and new size=%d and g_tlsidx=%d",
                                 gBusyTLSCnt, oldSize + QV_TLS_POOL_BLOCK, g_tlsidx);
@@ -321,6 +371,7 @@ QVPerThreadData_t* get_free_tls_slot() {
         qvTlsPoolReserveRequest();
         if (!qvTlsPreparedBlockBuild(&own)) break;  // memory exhausted: no record
     }
+    releaseHotspotSpare(&spare);
     // Another request linked a block while this one carved: keep the carved one for later.
     if (own.pool != nullptr && !qvTlsPoolReserveGive(&own)) qvTlsPreparedBlockDiscard(&own);
     if (tlPendingRegistration.pool != nullptr) {
@@ -522,6 +573,7 @@ void qv_flowpath_pool_reset_for_test() {
     blockCap = 0;
     qvlb_free(tlsdatastruct.exchange(nullptr), kHotspotPurpose, -1);
     hotspotRows = 0;
+    hotspotCap = 0;
     destroy_hashmap(fpiToTLS);
     fpiToTLS = nullptr;
     gFreeTLSHead = gFreeTLSTail = gBusyTLSHead = gBusyTLSTail = nullptr;

@@ -4,10 +4,12 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <condition_variable>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -22,21 +24,35 @@ namespace {
 
 constexpr auto kWriteEvery = std::chrono::milliseconds(200);
 
+// Added to a buffer's claimed count while it does not take lines; far beyond any count of lines.
+constexpr uint64_t kSealed = uint64_t{1} << 62;
+
 // Heap-allocated and never destroyed: at process exit the thread may still wait on the condition
 // variable, and destroying a condition variable with a waiter is undefined.
+//
+// A line is staged without a lock: an append claims its bytes in the active buffer with one
+// atomic add, copies the line, then adds its length to the buffer's copied count. An application
+// thread preempted in the middle of an append (a machine with more runnable threads than CPUs)
+// then holds up nobody; with a staging lock every other logging thread slept until it ran again.
+// The writer seals the buffer it swaps out and writes it once every claimed byte is copied.
 struct Writer {
-    // Lock order: io before stage. stage guards the buffers, fp and the flags; io serialises the
-    // writes to the file so staged lines reach it in order.
+    // Lock order: io before stage. io serialises the writes to the file so staged lines reach it
+    // in order; stage guards opening, closing, the thread and the condition variable.
     std::mutex io;
     std::mutex stage;
     std::condition_variable wake;
     FILE* fp = nullptr;
     int fd = -1;  // fp's descriptor while open (qv_load: a forked child reads it without a lock)
     char* bufs[2] = {nullptr, nullptr};
-    size_t used[2] = {0, 0};
-    int active = 0;
+    std::atomic<uint64_t> claimed[2] = {0, kSealed};  // bytes claimed, plus kSealed while sealed
+    std::atomic<uint64_t> copied[2] = {0, 0};         // bytes copied, plus the unused tail of a full one
+    std::atomic<uint64_t> linesEnd[2] = {0, 0};       // where the lines of a full buffer end
+    std::atomic<int> active{0};
+    std::atomic<int> appending{0};  // appends in progress; closing waits for them
+    std::atomic<bool> open{false};
+    std::atomic<bool> signalled{false};  // the thread was woken for a filling buffer
+    std::atomic<bool> threadStarted{false};
     bool stopping = false;
-    bool signalled = false;  // the thread was woken for a filling buffer
     std::thread* thread = nullptr;
     int forkedChild = 0;  // 1 in a forked child: lines are written at once (qv_load)
 };
@@ -59,23 +75,35 @@ void writeLines(int fd, const char* p, size_t n) {
     }
 }
 
-// Swaps the buffers and writes the one that was being filled, outside the staging lock, so
-// appends go on meanwhile. Caller holds io, so the other buffer is empty after the swap.
-void drainLocked(Writer& w) {
-    int fd;
-    int idx;
-    size_t n;
-    {
-        std::lock_guard<std::mutex> lk(w.stage);
-        fd = w.fd;
-        idx = w.active;
-        n = w.used[idx];
-        w.active ^= 1;
-        w.signalled = false;
+// Both buffers empty, buffer 0 taking lines.
+void resetBuffers(Writer& w) {
+    for (int i = 0; i < 2; i++) {
+        w.copied[i].store(0);
+        w.linesEnd[i].store(0);
+        w.claimed[i].store(i == 0 ? 0 : kSealed);
     }
+    w.active.store(0);
+}
+
+// Swaps the buffers and writes the one that was being filled; appends go on in the other one
+// meanwhile. Caller holds io, so the other buffer is empty (and sealed) before the swap.
+void drainLocked(Writer& w) {
+    if (w.bufs[0] == nullptr) return;
+    const int idx = w.active.load();
+    const int other = idx ^ 1;
+    w.copied[other].store(0);
+    w.linesEnd[other].store(0);
+    w.signalled.store(false);  // before the swap, so a half-full new buffer wakes the thread again
+    w.claimed[other].store(0);
+    w.active.store(other);
+    const uint64_t claimed = w.claimed[idx].fetch_add(kSealed);
+    const uint64_t full = claimed < QV_SDK_LOG_STAGE_BYTES ? claimed : QV_SDK_LOG_STAGE_BYTES;
+    // Appends that claimed their bytes before the seal finish copying: a few instructions, unless
+    // their thread was preempted.
+    while (w.copied[idx].load(std::memory_order_acquire) < full) std::this_thread::yield();
+    const size_t n = claimed <= QV_SDK_LOG_STAGE_BYTES ? claimed : w.linesEnd[idx].load();
+    const int fd = qv_load(w.fd);
     if (fd >= 0 && n > 0) writeLines(fd, w.bufs[idx], n);
-    std::lock_guard<std::mutex> lk(w.stage);
-    w.used[idx] = 0;
 }
 
 void run() {
@@ -83,7 +111,7 @@ void run() {
     for (;;) {
         {
             std::unique_lock<std::mutex> lk(w.stage);
-            w.wake.wait_for(lk, kWriteEvery, [&] { return w.stopping || w.signalled; });
+            w.wake.wait_for(lk, kWriteEvery, [&] { return w.stopping || w.signalled.load(); });
             if (w.stopping) return;
         }
         std::lock_guard<std::mutex> io(w.io);
@@ -96,6 +124,7 @@ void startThreadLocked(Writer& w) {
     if (w.thread != nullptr || w.stopping) return;
     try {
         w.thread = new std::thread(run);
+        w.threadStarted.store(true);
     } catch (const std::exception&) {
         // Lines stay staged until a flush, or until a caller finds the buffers full.
     }
@@ -111,8 +140,10 @@ void atForkChild() {
     new (&w.stage) std::mutex;
     new (&w.wake) std::condition_variable;
     w.thread = nullptr;  // the parent's object: neither joinable nor deletable here
-    w.signalled = false;
-    w.used[0] = w.used[1] = 0;
+    w.threadStarted.store(false);
+    w.signalled.store(false);
+    w.appending.store(0);
+    resetBuffers(w);
     qv_store(w.forkedChild, 1);
 }
 
@@ -130,6 +161,40 @@ void registerProcessHandlers() {
     });
 }
 
+// Copies the line into the active buffer. False when that buffer is full; *fullIdx is then the
+// buffer to write out, or -1 when it was only being swapped out (try again at once).
+bool stageLine(Writer& w, const char* line, size_t len, int* fullIdx) {
+    const int idx = w.active.load();
+    const uint64_t at = w.claimed[idx].fetch_add(len);
+    if (at + len <= QV_SDK_LOG_STAGE_BYTES) {
+        memcpy(w.bufs[idx] + at, line, len);
+        w.copied[idx].fetch_add(len, std::memory_order_release);
+        if (at + len >= QV_SDK_LOG_STAGE_BYTES / 2 && at < QV_SDK_LOG_STAGE_BYTES / 2 &&
+            !w.signalled.exchange(true)) {
+            // Without the lock: a wake-up lost to the thread's own check costs at most one
+            // period, and the caller never waits here for the thread.
+            w.wake.notify_one();
+        }
+        return true;
+    }
+    *fullIdx = -1;
+    if (at >= kSealed) return false;
+    if (at <= QV_SDK_LOG_STAGE_BYTES) {
+        // The first append that does not fit: the lines end here, and the tail counts as copied.
+        w.linesEnd[idx].store(at);
+        w.copied[idx].fetch_add(QV_SDK_LOG_STAGE_BYTES - at, std::memory_order_release);
+    }
+    *fullIdx = idx;
+    return false;
+}
+
+// Counts an append in progress for its length, so that closing waits for it.
+struct AppendScope {
+    explicit AppendScope(Writer& w) : w_(w) { w_.appending.fetch_add(1); }
+    ~AppendScope() { w_.appending.fetch_sub(1); }
+    Writer& w_;
+};
+
 }  // namespace
 
 bool qvSdkLogWriterOpen(FILE* fp) {
@@ -145,15 +210,16 @@ bool qvSdkLogWriterOpen(FILE* fp) {
     std::lock_guard<std::mutex> lk(w.stage);
     w.fp = fp;
     qv_store(w.fd, fp != nullptr ? fileno(fp) : -1);
+    resetBuffers(w);
     if (a == nullptr || b == nullptr) {
         qvlb_free(a, "SDK log staging buffer", 0);
         qvlb_free(b, "SDK log staging buffer", 1);
+        w.open.store(fp != nullptr);
         return false;
     }
     w.bufs[0] = a;
     w.bufs[1] = b;
-    w.used[0] = w.used[1] = 0;
-    w.active = 0;
+    w.open.store(fp != nullptr);
     return true;
 }
 
@@ -166,41 +232,30 @@ QVSdkLogAppend qvSdkLogWriterAppend(const char* line, size_t len) {
         writeLines(fd, line, len);
         return QVSdkLogAppend::Written;
     }
-    for (;;) {
-        {
-            // Every application thread appends here several times per request: spin briefly
-            // rather than sleep on a lock held for one memcpy.
-            std::unique_lock<std::mutex> lk(w.stage, std::defer_lock);
-            qvlb_spin_then_block([&] { return lk.try_lock(); }, [&] { lk.lock(); });
-            if (w.fp == nullptr) return QVSdkLogAppend::NotOpen;
-            if (w.bufs[0] == nullptr || len > QV_SDK_LOG_STAGE_BYTES) {
-                // No staging memory (or a line no buffer holds): write through, in order.
-                lk.unlock();
-                std::lock_guard<std::mutex> io(w.io);
-                drainLocked(w);
-                writeLines(qv_load(w.fd), line, len);
-                return QVSdkLogAppend::Written;
-            }
-            startThreadLocked(w);
-            size_t& used = w.used[w.active];
-            if (len <= QV_SDK_LOG_STAGE_BYTES - used) {
-                memcpy(w.bufs[w.active] + used, line, len);
-                used += len;
-                if (!w.signalled && used >= QV_SDK_LOG_STAGE_BYTES / 2) {
-                    w.signalled = true;
-                    // Woken after the lock is released, so that it does not take the CPU only to
-                    // wait for it.
-                    lk.unlock();
-                    w.wake.notify_one();
-                }
-                return QVSdkLogAppend::Written;
-            }
-        }
-        // Both buffers are full: the disk is behind. This caller writes the staged lines itself
-        // (after a write in progress) and then stages its line in the emptied buffer.
+    AppendScope scope(w);
+    if (!w.open.load()) return QVSdkLogAppend::NotOpen;
+    if (w.bufs[0] == nullptr || len > QV_SDK_LOG_STAGE_BYTES) {
+        // No staging memory (or a line no buffer holds): write through, in order.
         std::lock_guard<std::mutex> io(w.io);
         drainLocked(w);
+        drainLocked(w);
+        writeLines(qv_load(w.fd), line, len);
+        return QVSdkLogAppend::Written;
     }
+    if (!w.threadStarted.load()) {
+        std::unique_lock<std::mutex> lk(w.stage, std::try_to_lock);
+        if (lk.owns_lock()) startThreadLocked(w);  // else the next line starts it
+    }
+    int fullIdx = -1;
+    while (!stageLine(w, line, len, &fullIdx)) {
+        if (fullIdx < 0) continue;
+        // The buffer is full: the disk is behind, or the thread has not run. This caller writes
+        // the staged lines itself (after a write in progress) unless the thread swapped them out
+        // meanwhile, and then stages its line in the emptied buffer.
+        std::lock_guard<std::mutex> io(w.io);
+        if (w.active.load() == fullIdx) drainLocked(w);
+    }
+    return QVSdkLogAppend::Written;
 }
 
 void qvSdkLogWriterFlush() {
@@ -213,12 +268,16 @@ void qvSdkLogWriterFlush() {
 
 void qvSdkLogWriterClose() {
     Writer& w = writer();
+    w.open.store(false);
+    // Appends that saw the writer open finish before their buffer is written and freed.
+    while (w.appending.load() != 0) std::this_thread::yield();
     qvSdkLogWriterFlush();
     std::thread* t;
     {
         std::lock_guard<std::mutex> lk(w.stage);
         t = w.thread;
         w.thread = nullptr;
+        w.threadStarted.store(false);
         w.stopping = true;
     }
     w.wake.notify_all();
@@ -227,8 +286,6 @@ void qvSdkLogWriterClose() {
         delete t;
     }
     std::lock_guard<std::mutex> io(w.io);
-    drainLocked(w);  // lines staged while the thread stopped
-    drainLocked(w);
     std::lock_guard<std::mutex> lk(w.stage);
     w.stopping = false;
     w.fp = nullptr;
@@ -236,5 +293,5 @@ void qvSdkLogWriterClose() {
     qvlb_free(w.bufs[0], "SDK log staging buffer", 0);
     qvlb_free(w.bufs[1], "SDK log staging buffer", 1);
     w.bufs[0] = w.bufs[1] = nullptr;
-    w.used[0] = w.used[1] = 0;
+    resetBuffers(w);
 }

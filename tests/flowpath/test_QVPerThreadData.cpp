@@ -56,6 +56,18 @@ TEST_F(PoolTest, SixtyFifthTakeCarvesSecondBlockAndGrowsHotspotTableZeroed) {
     TLSDataStruct* table = tlsdatastruct.load();
     for (int i = 0; i < 64; i++) EXPECT_EQ(table[i].threadId, 7) << i;  // kept by the growth
     for (int i = 64; i < 128; i++) EXPECT_TRUE(emptyRow(table[i])) << i;
+
+    // Later growths (some into room allocated ahead, some into a new table) keep rows too.
+    tlsdatastruct.load()[64] = TLSDataStruct{r65, 7, 9};
+    for (int i = 65; i < 257; i++) {
+        QVPerThreadData_t* r = take();
+        ASSERT_EQ(r->tlsIdx, i);
+        tlsdatastruct.load()[i] = TLSDataStruct{r, 7, 9};
+    }
+    ASSERT_EQ(getTlsHotspotTableRows(), 320);
+    table = tlsdatastruct.load();
+    for (int i = 0; i < 257; i++) EXPECT_EQ(table[i].threadId, 7) << i;
+    for (int i = 257; i < 320; i++) EXPECT_TRUE(emptyRow(table[i])) << i;
 }
 
 // A record given back goes behind the untouched ones, cleared but keeping its identity; a second
@@ -203,7 +215,7 @@ TEST_F(PoolTest, FailedBlockAllocationReturnsNullAndRecovers) {
     startPool();
     for (int i = 0; i < 64; i++) take();
     qvTlsPoolReserveStop();  // no prepared block: the carve below allocates its own
-    qvlb_fault_arm(QV_FAULT_MALLOC, 0, 1);
+    qvlb_fault_arm(QV_FAULT_MALLOC, 1, 1);  // the first is the hotspot table's, before the lock
     EXPECT_EQ(get_free_tls_slot(), nullptr);
     qvlb_fault_reset();
     EXPECT_EQ(counts(), ints(0, 64, 64));

@@ -69,7 +69,7 @@ TEST(SdkLogWriterConcurrency, LinesOfManyThreadsArriveWholeAndInOrder) {
     FILE* fp = tmpfile();
     ASSERT_NE(fp, nullptr);
     ASSERT_TRUE(qvSdkLogWriterOpen(fp));
-    constexpr int kThreads = 4, kLines = 5000;
+    constexpr int kThreads = 4, kLines = 50000;  // the buffers fill and swap several times
     std::vector<std::thread> ts;
     for (int t = 0; t < kThreads; t++) ts.emplace_back(appendLines, t, kLines, nullptr);
     for (auto& th : ts) th.join();
