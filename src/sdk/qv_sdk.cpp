@@ -306,15 +306,6 @@ bool empty(const char* s) {
     return s == nullptr || s[0] == '\0';
 }
 
-// QV_SDK_LOG for a helper that writes its lines in the name of the function it works for (the
-// function name is part of every line).
-#define QV_SDK_LOG_AS(func, level, ...)                         \
-    do {                                                        \
-        qvSDKLog* qv_sdk_l_ = qv_load_acquire(qv_sdk_log);      \
-        if (qv_sdk_l_ != nullptr && qv_sdk_l_->log != nullptr)  \
-            qv_sdk_l_->log(level, func, __LINE__, __VA_ARGS__); \
-    } while (0)
-
 const char kSearchUpdate[] = "ipCallOutSearchUpdate";
 
 // The finding half of ipCallOutSearchUpdate: *added tells that the record is new, and then the
