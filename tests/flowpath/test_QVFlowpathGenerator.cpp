@@ -1,6 +1,4 @@
-// Tests of the flowpath engine against the whole wired agent: ids, capture, header records, every
-// blob entry and callout form, limits, write-outs, proxy keying and forwarding, test stop over a
-// real data connection, and many threads running transactions at once.
+// The flowpath engine against the whole wired agent, down to the records it queues or sends.
 #include "flowpath/QVFlowpathGenerator.h"
 
 #include <gtest/gtest.h>
@@ -83,14 +81,13 @@ class FlowpathTest : public AgentTest {
         return static_cast<QVPerThreadData_t*>(
             startFP(txt(fp), txt(url), nullptr, nullptr, txt(cookie), txt(wb), txt(corr), qTime, startTime));
     }
-    // A flowpath that must start (a null record fails here before the test goes on with it).
     template <class... A>
     static QVPerThreadData_t* start(A... a) {
         QVPerThreadData_t* r = tryStart(a...);
         EXPECT_NE(r, nullptr);
         return r;
     }
-    // Entry at T0 + at (explicit start times keep the blob deterministic).
+    // Entry at T0 + at: explicit start times keep the blob deterministic.
     static methodPropProperties* enter(QVPerThreadData_t* r, const char* name, long long at,
                                        const char* url = nullptr) {
         return qvMethodEntry(nullptr, r, txt(name), txt(url), nullptr, 0, nullptr, nullptr, T0 + at);
@@ -135,7 +132,6 @@ TEST_F(FlowpathTest, InstanceIdsFollowTheMaskAndItsKeywords) {
     parse_flowpath_mask(seqOnly);
     qv_store(s.rSeq, 10);
     EXPECT_EQ(generate_flowpath_instance(), 5 + 11);
-    EXPECT_EQ(qv_load(s.rSeq), 12);
     EXPECT_EQ(generate_flowpath_instance(), 5 + 13);
 
     // seqNoDigits 70 shifts by 70 & 63 = 6.
@@ -163,7 +159,6 @@ TEST_F(FlowpathTest, InstanceIdsFollowTheMaskAndItsKeywords) {
 TEST_F(FlowpathTest, CaptureDecisionAndForcedAndChainedStrings) {
     qv_store(app_->QVSys.bciInstrSessionPct, 0);
     QVPerThreadData_t* r = start();
-    EXPECT_EQ(r->tlIsFPCaptured, 0);
     // Sampled at 100 %, forced for all, neither.
     const int cases[][3] = {{100, 0, 1}, {0, 1, 1}, {0, 0, 0}};
     for (const auto& [pct, all, want] : cases) {
@@ -202,7 +197,6 @@ TEST_F(FlowpathTest, HeadersOfFirstAndLaterTiers) {
     const std::string tid = std::to_string(r->tlThreadId);
     EXPECT_EQ(header(r), "2," + fpi(r) + "," + std::to_string(T0 / 1000) + "," + tid + "," + tid + ".1," +
                              std::to_string(btId(r)) + ",/shop/cart?x=1,,0,0,0,,0,7");
-    EXPECT_GT(btId(r), 0);
     // Without parameters the URL stands alone; whole seconds are truncated toward zero.
     QVPerThreadData_t* plain = start(nullptr, "/a", -5500);
     std::vector<std::string> f = split(header(plain));
@@ -258,7 +252,6 @@ TEST_F(FlowpathTest, BlobEntriesOfEveryForm) {
     enter(r, "Plain.work", 5);
     leave(r, "Plain.work", 3);
     EXPECT_EQ(blob(r), id("Plain.work") + ":0_0_5__" + id("Plain.work") + ":0_1_3____");
-    EXPECT_EQ(r->tlNonServiceMethodCount, 1);
 }
 
 // The entries' numbers are formatted by hand: every digit count and both extremes read as printf
@@ -361,8 +354,7 @@ TEST_F(FlowpathTest, StatusFiveHundredTurnsLaterCalloutsToEAndBackendsAreNamed) 
     // A custom callout writes a record for its target on every exit.
     r->sequenceBlobLen = 0;
     leave(r, "Cust.op", 2);
-    EXPECT_NE(blob(r).find("E"), std::string::npos);
-    EXPECT_NE(blob(r).find(":" + id("Cust.target") + ":2:1:0:"), std::string::npos) << blob(r);
+    EXPECT_TRUE(std::regex_search(blob(r), std::regex("E\\d+:" + id("Cust.target") + ":2:1:0:"))) << blob(r);
 }
 
 TEST_F(FlowpathTest, NonServiceMethodLimitHidesEntriesAndExits) {
@@ -378,8 +370,7 @@ TEST_F(FlowpathTest, NonServiceMethodLimitHidesEntriesAndExits) {
     const std::string a = id("A.one"), b = id("B.two");
     EXPECT_EQ(blob(r), a + ":0_0_1__" + b + ":0_0_2__" + b + ":0_1_2____" + a + ":0_1_5____");
     EXPECT_EQ(r->tlNonServiceMethodCount, 2);
-    // Service methods do not count against the limit.
-    enter(r, "Svc.handle", 6);
+    enter(r, "Svc.handle", 6);              // service methods do not count against the limit
     EXPECT_EQ(r->tlServiceMethodDepth, 2);  // with the pseudo-method
 }
 
@@ -420,22 +411,17 @@ TEST_F(FlowpathTest, NotCapturedAndExcludedFlowpathsWriteNothingOrMarkTheirEnd) 
     dumpCompleteFlowpathSeqBlock(slow, 11, 0, 9000);
     EXPECT_EQ(fpRecords(mark).back().rfind("4," + fpi(slow) + ",200,11,0,9000,", 0), 0u);
 
-    // Excluded by a BT rule: nothing, category 157 (-99 as a signed byte); once data was written
-    // out, the end record marks it for discarding.
+    // Excluded by a BT rule (writing nothing is shown end to end): once data was written out, the
+    // end record marks it for discarding with category 157 (-99 as a signed byte).
     qv_store(app_->QVSys.bciInstrSessionPct, 100);
     setMaxCharactersInSeqBlob(limit);
-    QVPerThreadData_t* x = start();
-    x->tlIsBTExcluded = 1;  // as a BT exclusion rule leaves it
-    enter(x, "Plain.work", 1);
-    mark = queuedRecords().size();
-    endFP(x, 200, nullptr);
-    EXPECT_TRUE(fpRecords(mark).empty());
-    EXPECT_EQ(ints(static_cast<unsigned char>(x->tlCategory), x->btCategory), ints(157, -99));
     QVPerThreadData_t* y = start();
-    y->tlIsBTExcluded = 1;
+    y->tlIsBTExcluded = 1;  // as a BT exclusion rule leaves it
     updateFPSeqBlobWithTierCallOutRecord(y, 1, 2, method("Db.query"));
+    mark = queuedRecords().size();
     dumpIncompleteFlowpathSeqBlock(y);
     endFP(y, 200, nullptr);
+    EXPECT_EQ(y->btCategory, -99);
     recs = fpRecords(mark);
     ASSERT_EQ(recs.size(), 3u);
     EXPECT_TRUE(std::regex_match(
@@ -586,7 +572,6 @@ TEST_F(FlowpathTest, ForwardingProcessOnlyEncodes) {
     qvFlowpathHooks.transactionResetEncode = [](long fp) { note("reset", fp); };
     qv_store(app_->QVSys.proxyMode, 1);
     QVPerThreadData_t* r = start("321", "/fw", 99, nullptr, nullptr, nullptr, 4);
-    EXPECT_EQ(r->flowpathInstanceStr[0], '\0');  // nothing beyond the id is set up here
     qvMethodEntry(nullptr, r, txt("M.x"), txt("/test"), nullptr, 8, nullptr, nullptr, 0);
     qvMethodExit(nullptr, r, txt("M.x"), 3, 500, txt("h"), 6, 8, 1, nullptr, 2);
     endFP(r, 200, nullptr);
