@@ -145,15 +145,14 @@ TEST_F(Codec, ScanRules) {
     decode(tail + "x");  // 17 bytes: now the mark is examined (and its frame is incomplete)
     EXPECT_EQ(occurrences(log(), "found ^ "), 4);
 
-    // The first mark's header is made of the next bytes and claims far more than is there: the
-    // scan jumps two bytes, over the real frame's mark, which is therefore never seen.
+    // A header made of the next frame's bytes claims too much: the scan jumps two bytes, past
+    // the real mark, which is never seen.
     decode("^" + endFrame(0x0a0a0a));
     EXPECT_EQ(occurrences(log(), "found ^ "), 5);
     EXPECT_EQ(transactionEnd.flowpathinstance, 222);
 
-    // With one byte between, the jump lands on the real mark; the remaining count is then one
-    // more than the bytes left (33 bytes, offset 2: 31 left, 32 counted), yet the frame fits.
-    // (The 32 bytes above, counted at offset 0, gave the first such line.)
+    // One byte between: the jump lands on the real mark, counted one byte too many (32 of 31
+    // left; the 32 above gave the first such line), yet the frame fits.
     decode("^x" + endFrame(0x0b0b0b));
     EXPECT_EQ(occurrences(log(), "found ^ , bytes read = 32"), 2);
     EXPECT_EQ(transactionEnd.flowpathinstance, 0x0b0b0b);
@@ -203,16 +202,10 @@ TEST_F(Codec, RoundTripOfRandomFrames) {
     bindWithMap();
     std::mt19937_64 rng(20240611);
     auto randStr = [&](std::string& store) -> const char* {
-        const int kind = static_cast<int>(rng() % 6);
-        if (kind == 0) return nullptr;
-        if (kind == 1) {
-            store.clear();
-            return store.c_str();
-        }
-        size_t n = rng() % (kind == 5 ? 3000 : 40);
-        store.resize(n);
+        const int kind = static_cast<int>(rng() % 6);  // null, empty, short or long
+        store.resize(kind < 2 ? 0 : rng() % (kind == 5 ? 3000 : 40));
         for (char& c : store) c = static_cast<char>(1 + rng() % 255);  // any byte but NUL, '^' too
-        return store.c_str();
+        return kind == 0 ? nullptr : store.c_str();
     };
     auto same = [](const char* sent, const char* got) {
         return sent == nullptr ? got == nullptr : (got != nullptr && strcmp(sent, got) == 0);
