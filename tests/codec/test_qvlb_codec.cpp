@@ -187,8 +187,6 @@ TEST_F(Codec, FailedStringAllocationDropsTheWholeFrame) {
               -1);
     EXPECT_EQ(MethodEntry.methodName, nullptr);
     EXPECT_EQ(MethodEntry.query_string, nullptr);
-    EXPECT_NE(log().find("Out of Memory (size = 6): MethodEntry.query_string for index -1"),
-              std::string::npos);
     qvlb_fault_arm(QV_FAULT_MALLOC, 0, 1);
     decode(f);
     EXPECT_EQ(occurrences(log(), "Message Type 0, Method Entry processed."), 0);
@@ -318,8 +316,7 @@ TEST_F(DecodeIntoAgent, EventsReachTheFlowpathWithTheirArguments) {
     decode(startFrame(x, "/shop/cart?item=3", "corr-1") + startFrame(y, "/other"));
     QVPerThreadData_t* tx = lookup(x);
     QVPerThreadData_t* ty = lookup(y);
-    ASSERT_NE(tx, nullptr);
-    ASSERT_NE(ty, nullptr);
+    ASSERT_TRUE(tx != nullptr && ty != nullptr);
     EXPECT_EQ(tx->flowpathInstance, x);
     EXPECT_STREQ(tx->tlURL, "/shop/cart");
     EXPECT_STREQ(tx->tlURLParameters, "item=3");
