@@ -30,6 +30,12 @@ inline std::unique_ptr<TempAgentHome> makeHome() {
     return home;
 }
 
+inline int occurrences(const std::string& hay, const std::string& needle) {
+    int n = 0;
+    for (size_t p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + 1)) ++n;
+    return n;
+}
+
 // Starts the agent in the current home and stops its control thread again; null on failure.
 inline QVProxyInstance_t* startAgent() {
     qv_init_internal(0);
