@@ -169,9 +169,6 @@ TEST_F(ServerTest, HeartbeatsFromCollectorAndUnsupportedCommands) {
           "qv_control_req:action=abort;", "qv_control_req:action=bci_stat;", "no such command",
           "\x01\x02garbage\xff\x7f"})
         handle(line);
-    EXPECT_TRUE(
-        logged("File transfer is not supported by this agent; message ignored: 'download_file_req:f=a'"));
-    EXPECT_TRUE(logged("Dynamic diagnostics is not supported by this agent"));
     EXPECT_TRUE(logged("Unknown message received from QVC, ignored: '\?\?garbage\?\?'"));
 
     // The metadata request goes to the cache's handler and is always answered.
