@@ -69,7 +69,6 @@ TEST_F(ServerTest, ModifyOnlyWithinStartAndStopSequences) {
     ASSERT_TRUE(waitUntil([&] { return control().size() >= kRefusal.size(); }));
     EXPECT_EQ(control(), kRefusal);
     EXPECT_EQ(qv_load(app_->QVSys.agentTraceLevel), 0);
-    EXPECT_EQ(qv_load(app_->Server.isRuntimeApplied), 0);
 
     qvServerHooks.reinitBTConfig = [] { hookCalls.push_back("bt"); };
     qvServerHooks.reinitHttpCapture = [] { hookCalls.push_back("http"); };
@@ -100,12 +99,8 @@ TEST_F(ServerTest, ModifyOnlyWithinStartAndStopSequences) {
     EXPECT_EQ(hookCalls, (std::vector<std::string>{"bt", "http", "monitors", "tls", "methodCount", "agentMap",
                                                    "prefixes", "flags", "start"}));
     EXPECT_EQ(qv_load(app_->Server.testRunRunning), 1);
-    EXPECT_EQ(qv_load(app_->Server.InstrumentationBusy), 1);
     EXPECT_EQ(qv_load(app_->Server.retryForDataConn), 1);
-    EXPECT_EQ(qv_load(app_->Server.retryForAutoSensorConn), 1);
-    EXPECT_EQ(qv_load(app_->Server.numberOfTestRunsTillNow), 1);
     EXPECT_EQ(qv_load(app_->QVSys.agentTraceLevel), 2);
-    EXPECT_EQ(countLogged("|Warning|No Instrumentation profiles selected for current test."), 1);
     // No TimeStampDiff and no korEpochDiff in the message: both time differences reset.
     EXPECT_EQ(qv_load(app_->Server.diffTimeFromQVC), 0);
     EXPECT_EQ(qv_load(app_->Server.originalKorEpochDiffTime), 1388534400000LL);
@@ -126,12 +121,8 @@ TEST_F(ServerTest, ModifyOnlyWithinStartAndStopSequences) {
     EXPECT_EQ(control(), kRefusal + kStartReply + kModifyOk + kStopReply);
     EXPECT_EQ(hookCalls, (std::vector<std::string>{"stop1"}));
     EXPECT_EQ(qv_load(app_->Server.testRunRunning), 0);
-    EXPECT_EQ(qv_load(app_->Server.InstrumentationBusy), 0);
-    EXPECT_EQ(qv_load(app_->Server.controlCommunicationBusyFlag), 0);
-    EXPECT_EQ(qv_load(app_->Server.numberOfTestRunsTillNow), 0);
     ASSERT_TRUE(peer_.waitForContains(data, "10,\n", kWaitMs));
     EXPECT_EQ(qv_load(app_->Server.isTenRecordDump), 1);
-    EXPECT_TRUE(logged("Going to Dumping 10 record"));
     EXPECT_TRUE(logged("Flowpath counters: complete = "));  // status=running logs the counters
 
     // After the stop a modify is refused again.
@@ -157,20 +148,12 @@ TEST_F(ServerTest, StartReplyCarriesResponseBufferAndStartsReporter) {
     EXPECT_EQ(qv_load(app_->Server.korEpochDiffTime), 700);
     EXPECT_EQ(qv_load(app_->Server.originalKorEpochDiffTime), 700);
     EXPECT_STREQ(QVInstrProfKeywords.instrProfile, "a.txt,b.txt");
-    EXPECT_FALSE(logged("No Instrumentation profiles selected"));
-    const std::string asReq = "auto_sensor_thread_hotspot_data_req:";
-    ASSERT_TRUE(waitUntil([&] { return connWithPrefix(asReq) >= 0; }));
-    const std::string as = peer_.bytes(connWithPrefix(asReq));
-    EXPECT_TRUE(contains(as, ";QVCollectorPort=0,testIdx=0;pid=")) << as;
+    ASSERT_TRUE(waitUntil([&] { return connWithPrefix("auto_sensor_thread_hotspot_data_req:") >= 0; }));
     handle("qv_control_req:action=stop_instrumentation");
     ASSERT_TRUE(waitUntil([&] { return qv_load(app_->QVBCISetting.autoSensor_thread_running) == 0; }));
 }
 
 TEST_F(ServerTest, HeartbeatsFromCollectorAndUnsupportedCommands) {
-    qv_store(heartbeat_count, 4);
-    handle("qv_control_rep:action:result=Ok;");
-    EXPECT_EQ(qv_load(heartbeat_count), 0);
-
     // Fewer than three fields: only the alive time changes.
     qv_store(app_->Server.lastHeartBeatRcvTime, 0LL);
     handle("qv_control_req:action=reconnect;heartBeat");
@@ -179,8 +162,6 @@ TEST_F(ServerTest, HeartbeatsFromCollectorAndUnsupportedCommands) {
     handle("qv_control_req:action=reconnect;heartBeat;dataConnState=0;AutosensorConnState=0");
     EXPECT_EQ(qv_load(app_->QVSys.dataConnState), 0);
     EXPECT_EQ(qv_load(app_->QVSys.autosensorConnState), 0);
-    EXPECT_TRUE(logged("Data connection is closed from QVC."));
-    EXPECT_TRUE(logged("AutoSensor connection is closed from QVC.Going to closing auto sensor connection."));
 
     for (const char* line :
          {"download_file_req:f=a", "upload_file_req:f=a", "qvc_req:action=discover_loaded_classes;",
@@ -188,9 +169,6 @@ TEST_F(ServerTest, HeartbeatsFromCollectorAndUnsupportedCommands) {
           "qv_control_req:action=abort;", "qv_control_req:action=bci_stat;", "no such command",
           "\x01\x02garbage\xff\x7f"})
         handle(line);
-    EXPECT_TRUE(
-        logged("File transfer is not supported by this agent; message ignored: 'download_file_req:f=a'"));
-    EXPECT_TRUE(logged("Dynamic diagnostics is not supported by this agent"));
     EXPECT_TRUE(logged("Unknown message received from QVC, ignored: '\?\?garbage\?\?'"));
 
     // The metadata request goes to the cache's handler and is always answered.
@@ -204,7 +182,6 @@ TEST_F(ServerTest, HeartbeatsFromCollectorAndUnsupportedCommands) {
 
 TEST_F(ServerTest, RerouteAndSettingsFileRewrite) {
     EXPECT_EQ(updateQVSettingFile("h", 1, nullptr, nullptr, nullptr), -1);  // no file yet
-    EXPECT_TRUE(logged("Hence can't update qvsetting file."));
     const std::string longLine = "tierX=" + std::string(3000, 'l') + "\n";
     home_.write("config/qvsettings.conf", longLine + "\tqvcHost=indented\nqvcHost=old\ninstance=I");
     // A directory the agent may not write to: nothing changes and the reason is logged.
@@ -238,9 +215,7 @@ TEST_F(ServerTest, RerouteAndSettingsFileRewrite) {
                              std::to_string(peer_.port()) + "\nagentTraceLevel=1\n";
     home_.write("config/qvsettings.conf", conf);
     qv_store(app_->QVBCISetting.qvcPort, peer_.port());
-    qv_store(app_->Server.lastConnectionTime, my_gettimeofday() - 5000);
     handle("qv_control_req:action=reroute_ctrl_con");
-    EXPECT_TRUE(logged("Message not sent properly fron QVC. numFields = 1"));
     EXPECT_EQ(home_.read("config/qvsettings.conf"), conf);
 
     handle(
@@ -250,38 +225,16 @@ TEST_F(ServerTest, RerouteAndSettingsFileRewrite) {
     EXPECT_EQ(
         home_.read("config/qvsettings.conf"),
         "tier=T1\nserver=S2\n# keep me\ninstance=I1\nqvcHost=10.1.2.3\nqvcPort=9911\nagentTraceLevel=1\n");
-    EXPECT_EQ(qv_load(app_->Server.requestType), 2);
-    EXPECT_STREQ(app_->Server.connDestination, ("127.0.0.1:" + std::to_string(peer_.port())).c_str());
-    EXPECT_GE(qv_load(app_->Server.connDuration), 5000);
-    EXPECT_EQ(qv_load(app_->QVSys.closeCtrlConFlag), 1);
     EXPECT_EQ(qv_load(app_->qvcCtrlSocket), nullptr);
-    EXPECT_TRUE(
-        logged("qvcHost = '10.1.2.3', qvcPort = 9911, tier = , server = S2, instance = , clusterMode = 0"));
-    EXPECT_TRUE(logged("Rerouting operation completed."));
-
-    // In cluster mode the new collector becomes the backup entry.
-    handle("qv_control_req:action=reroute_ctrl_con;qvcHost=node2;qvcPort=7001;clusterMode=1;tier=T9");
-    char host[64];
-    int port = 0;
-    ASSERT_EQ(copy_qvc_server_addr(1, host, sizeof(host), &port), 0);
-    EXPECT_STREQ(host, "node2");
-    EXPECT_EQ(port, 7001);
-    EXPECT_EQ(qv_load(app_->Server.isClusterMode), 1);
 }
 
-TEST_F(ServerTest, DataOverRecordAndStopDrainEndsWhenAgentStops) {
+TEST_F(ServerTest, StopDrainEndsWhenAgentStops) {
     ASSERT_EQ(buff_list_init(), 0);
-    dumpQvDataOverRecord();
-    ASSERT_NE(QVBCIAgentBB, nullptr);
-    EXPECT_EQ(std::string(QVBCIAgentBB->buff, QVBCIAgentBB->use_len), "10,\n");
-    EXPECT_EQ(qv_load(app_->Server.isTenRecordDump), 1);
-
     // A one-minute drain of an hour-long minute: only the interruption ends it in time.
     qv_store(stopDrainMinuteMs, 3600000LL);
     handle(
         "qv_control_req:action=start_instrumentation;ASReportInterval=0;setthresholdTime=1;instrProfile=NA");
     ASSERT_TRUE(peer_.waitForContains(0, kStartReply, kWaitMs));
-    EXPECT_TRUE(logged("|Warning|No Instrumentation profiles selected for current test."));
     std::thread stopper([&] { handle("qv_control_req:action=stop_instrumentation"); });
     ASSERT_TRUE(waitUntil([&] { return qv_load(app_->Server.gettingstopInstrumenatation) == 1; }));
     qv_store(qvAgentStopping, 1);
