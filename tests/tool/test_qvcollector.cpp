@@ -32,6 +32,14 @@ Clock::time_point deadline() {
     return Clock::now() + std::chrono::milliseconds(kWaitMs);
 }
 
+// Polls cond until it holds or the limit passes.
+bool waitUntil(const std::function<bool()>& cond) {
+    for (const auto end = deadline(); Clock::now() < end;
+         std::this_thread::sleep_for(std::chrono::milliseconds(10)))
+        if (cond()) return true;
+    return false;
+}
+
 // Reads fd into buf until done(buf) holds, the other end closes, or the limit passes.
 void readInto(int fd, std::string& buf, const std::function<bool(const std::string&)>& done) {
     for (const auto end = deadline(); !done(buf) && Clock::now() < end;) {
@@ -58,10 +66,8 @@ class Child {
             if (err >= 0) dup2(err, 2);
             const int devnull = open("/dev/null", O_RDONLY);
             if (devnull >= 0) dup2(devnull, 0);
-            std::vector<std::string> copy = args;
-            copy.insert(copy.begin(), kBinary);
-            std::vector<char*> argv;
-            for (auto& a : copy) argv.push_back(a.data());
+            std::vector<char*> argv{const_cast<char*>(kBinary.c_str())};
+            for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
             argv.push_back(nullptr);
             execv(argv[0], argv.data());
             _exit(127);
@@ -85,22 +91,17 @@ class Child {
     // First stdout line ("listening 127.0.0.1:<port>") parsed to the port; 0 on failure.
     int readPort() {
         readInto(outFd_, out_, [](const std::string& b) { return b.find('\n') != std::string::npos; });
-        const std::string line = out_.substr(0, out_.find('\n'));
-        out_.erase(0, line.size() + 1);
         const std::string prefix = "listening 127.0.0.1:";
-        return line.starts_with(prefix) ? atoi(line.c_str() + prefix.size()) : 0;
+        const int port = out_.starts_with(prefix) ? atoi(out_.c_str() + prefix.size()) : 0;
+        out_.erase(0, out_.find('\n') + 1);
+        return port;
     }
     // Exit status after the child ends by itself; -1 if it does not within the limit.
     int waitExit() {
-        for (const auto end = deadline(); Clock::now() < end;) {
-            int status = 0;
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return -1;
+        int status = 0;
+        if (!waitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) return -1;
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     void signal(int sig) { kill(pid_, sig); }
 
@@ -127,7 +128,6 @@ class Client {
     ~Client() {
         if (fd_ >= 0) close(fd_);
     }
-    bool ok() const { return fd_ >= 0; }
     bool send(const std::string& s) {
         for (size_t off = 0; off < s.size();) {
             const ssize_t w = ::send(fd_, s.data() + off, s.size() - off, MSG_NOSIGNAL);
@@ -162,11 +162,7 @@ class QvCollector : public ::testing::Test {
     }
     // Waits until the file rel holds expected.
     bool waitForFile(const std::string& rel, const std::string& expected) {
-        for (const auto end = deadline(); Clock::now() < end;) {
-            if (dir_.read(rel) == expected) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
+        return waitUntil([&] { return dir_.read(rel) == expected; });
     }
     TempAgentHome dir_;
     Child child_;
@@ -185,7 +181,6 @@ TEST_F(QvCollector, AnswersHandshakeAndHeartbeatAndCapturesEveryConnection) {
     EXPECT_EQ(dir_.read("port"), std::to_string(port) + "\n");
 
     Client ctrl(port);
-    ASSERT_TRUE(ctrl.ok());
     // The handshake may arrive in pieces.
     ASSERT_TRUE(ctrl.send(kHandshake.substr(0, 20)));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
