@@ -46,7 +46,6 @@ TEST(MonitorGrowth, GrowsByMultiplesOfTwiceOldPlusOneAndZeroesNewEntries) {
 }
 
 TEST_F(MonitorModelTest, PoolRecordsGetRegisteredModelsAndBtId128Grows) {
-    EXPECT_EQ(qvMonitorModelCount(), 64);
     QVPerThreadData_t* r = take();
     QVMonitorDataModel* m = r->tlMonitorDataModel;
     ASSERT_NE(m, nullptr);
