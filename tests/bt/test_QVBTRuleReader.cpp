@@ -36,8 +36,7 @@ TEST_F(RuleReader, PassesSizeBeforePatternsAndPatternsWinOverGlobalRule) {
     fileMode();
     home_.write("BTRuleFile.txt", "# rules\n#1|1|x|y|FromFirst|1|-|-|-\n\n");
     QVBTConfigModelInit();
-    EXPECT_EQ(bt_rule, 0);  // comments only: the default rule
-    EXPECT_EQ(btName("/a/b/c"), "/a/b");
+    EXPECT_EQ(bt_rule, 0);                         // comments only: the default rule
     app_.QVBCISetting.fileBasedKeywordMode = '0';  // the character '0' means text mode
 
     // The size line comes after the patterns and still sizes the automaton.
@@ -70,12 +69,8 @@ TEST_F(RuleReader, GlobalRuleLines) {
 
 TEST_F(RuleReader, PatternLines) {
     int first = 1;
-    char few[] = "7|a|3|0|/a";
-    EXPECT_EQ(parse_pattern_rule(few, &first), -1);
-    char comment[] = "#7|a|3|0|/a|0";
-    EXPECT_EQ(parse_pattern_rule(comment, &first), -1);
-    char mode3[] = "7|a|3|0|/a|0|3|p=1";
-    EXPECT_EQ(parse_pattern_rule(mode3, &first), -1);
+    for (std::string bad : {"7|a|3|0|/a", "#7|a|3|0|/a|0", "7|a|3|0|/a|0|3|p=1"})
+        EXPECT_EQ(parse_pattern_rule(bad.data(), &first), -1) << bad;
     // A pattern the automaton refuses still makes its BT, and pattern naming is in force.
     readRules("7|a|3|0|/a\x01|0\n7|b|4|0\n");
     EXPECT_EQ(bt_rule, 7);

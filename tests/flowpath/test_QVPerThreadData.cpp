@@ -27,6 +27,14 @@ class PoolTest : public AgentTest {
     }
     // Free and busy counts, then records ever created.
     static std::vector<long long> counts() { return ints(gFreeTLSCnt, gBusyTLSCnt, g_tlsidx); }
+    // Takes the records numbered from..to-1 in order and marks their hotspot rows.
+    static void takeMarked(int from, int to) {
+        for (int i = from; i < to; i++) {
+            QVPerThreadData_t* r = take();
+            ASSERT_EQ(r->tlsIdx, i);
+            tlsdatastruct.load()[i] = TLSDataStruct{r, 7, 9};
+        }
+    }
 };
 
 int countFreeReachable() {
@@ -39,35 +47,28 @@ bool emptyRow(const TLSDataStruct& row) {
     return row.Tlsdata == nullptr && row.threadId == 0 && row.timestamp == 0;
 }
 
+// The table has `rows` rows: the first `marked` keep their mark, the rest are empty.
+void expectRows(int marked, int rows) {
+    ASSERT_EQ(getTlsHotspotTableRows(), rows);
+    TLSDataStruct* table = tlsdatastruct.load();
+    for (int i = 0; i < rows; i++) EXPECT_TRUE(i < marked ? table[i].threadId == 7 : emptyRow(table[i])) << i;
+}
+
 TEST_F(PoolTest, SixtyFifthTakeCarvesSecondBlockAndGrowsHotspotTableZeroed) {
     startPool();
-    EXPECT_EQ(getTlsHotspotTableRows(), 64);
-    for (int i = 0; i < 64; i++) {
-        QVPerThreadData_t* r = take();
-        ASSERT_EQ(r->tlsIdx, i);
-        tlsdatastruct.load()[r->tlsIdx] = TLSDataStruct{r, 7, 9};
-    }
+    takeMarked(0, 64);
+    expectRows(64, 64);
     QVPerThreadData_t* r65 = get_free_tls_slot();
     ASSERT_NE(r65, nullptr);
     // tlThreadId: the busy count at carving time, plus slot + 1.
     EXPECT_EQ(ints(gFreeTLSCnt, gBusyTLSCnt, g_tlsidx, size_array, r65->tlsIdx, r65->tlThreadId),
               ints(63, 65, 128, 128, 64, 65));
-    ASSERT_EQ(getTlsHotspotTableRows(), 128);
-    TLSDataStruct* table = tlsdatastruct.load();
-    for (int i = 0; i < 64; i++) EXPECT_EQ(table[i].threadId, 7) << i;  // kept by the growth
-    for (int i = 64; i < 128; i++) EXPECT_TRUE(emptyRow(table[i])) << i;
+    expectRows(64, 128);
 
     // Later growths (some into room allocated ahead, some into a new table) keep rows too.
     tlsdatastruct.load()[64] = TLSDataStruct{r65, 7, 9};
-    for (int i = 65; i < 257; i++) {
-        QVPerThreadData_t* r = take();
-        ASSERT_EQ(r->tlsIdx, i);
-        tlsdatastruct.load()[i] = TLSDataStruct{r, 7, 9};
-    }
-    ASSERT_EQ(getTlsHotspotTableRows(), 320);
-    table = tlsdatastruct.load();
-    for (int i = 0; i < 257; i++) EXPECT_EQ(table[i].threadId, 7) << i;
-    for (int i = 257; i < 320; i++) EXPECT_TRUE(emptyRow(table[i])) << i;
+    takeMarked(65, 257);
+    expectRows(257, 320);
 }
 
 // A record given back goes behind the untouched ones, cleared but keeping its identity; a second
@@ -79,13 +80,9 @@ TEST_F(PoolTest, RecordLifecycle) {
     apr_thread_mutex_t* blobLock = a->sequenceBlobLock;
     ASSERT_NE(blobLock, nullptr);
     const long long idx = a->tlsIdx;
-    a->tlStatusCode = 500;
-    a->qTimeInMS = 12;
-    a->sequenceBlobLen = 100;
+    a->tlStatusCode = 500, a->qTimeInMS = 12, a->sequenceBlobLen = 100, a->tlSQLObj.DBCallDepth = 3;
     strcpy(a->flowpathInstanceStr, "4611686018427387904");
-    a->tlSQLObj.DBCallDepth = 3;
-    a->tlSQLObj.sqlId = 41;
-    a->qvSessionId = 99;
+    a->tlSQLObj.sqlId = 41, a->qvSessionId = 99;
     tlsdatastruct.load()[idx] = TLSDataStruct{a, 1234, 5678};
     resetAllThreadLocals(a, tlsdatastruct);
     free_tls_slot(a);
@@ -214,7 +211,7 @@ TEST_F(PoolTest, FailedBlockAllocationReturnsNullAndRecovers) {
 #ifdef QV_FAULT_POINTS
     startPool();
     for (int i = 0; i < 64; i++) take();
-    qvTlsPoolReserveStop();  // no prepared block: the carve below allocates its own
+    qvTlsPoolReserveStop();                 // no prepared block: the carve below allocates its own
     qvlb_fault_arm(QV_FAULT_MALLOC, 1, 1);  // the first is the hotspot table's, before the lock
     EXPECT_EQ(get_free_tls_slot(), nullptr);
     qvlb_fault_reset();
