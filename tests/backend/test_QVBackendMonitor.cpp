@@ -66,8 +66,7 @@ TEST_F(BackendMonitorTest, KeywordsAndBackendLimit) {
     // Past the maximum, new backends fold into "Others".
     ASSERT_NE(backend("a:1", 1), nullptr);
     ASSERT_NE(backend("b:1", 1), nullptr);
-    int maxCount = 0;
-    int counter = 0;
+    int maxCount = 0, counter = 0;
     EXPECT_EQ(backendLimitReached(&maxCount, &counter), 1);
     EXPECT_TRUE(maxCount == 2 && counter == 2);
     EXPECT_STREQ(backend("c:1", 1)->methodName, "Others");
