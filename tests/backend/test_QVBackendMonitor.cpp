@@ -52,6 +52,11 @@ TEST_F(BackendMonitorTest, DatabaseBackendsAreNamedByDBIPName) {
     std::string longName(3000, 'd');
     setDBIPName(longName.data(), nullptr, -1);
     EXPECT_EQ(std::string(getDBIPName()), "ADO.NET_" + std::string(1015, 'd'));
+    for (const char* reset : {"NA", "-", ""}) {
+        setDBIPName(const_cast<char*>(reset), nullptr, -1);
+        EXPECT_STREQ(getDBIPName(), "ADO.NET_QuoteDB") << reset;
+        setDBIPName(const_cast<char*>("x"), nullptr, -1);
+    }
 }
 
 TEST_F(BackendMonitorTest, KeywordsAndBackendLimit) {

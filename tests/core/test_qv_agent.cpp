@@ -3,8 +3,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
-#include <iterator>
 #include <regex>
 #include <thread>
 #include <vector>
@@ -150,10 +148,7 @@ TEST_F(AgentTest, ForkedChildRollsOverInFilesOfItsOwn) {
     ASSERT_TRUE(childExitedCleanly(child));
     QV_TRACE_IF(true, "CONTROL_THREAD", "Info", "parent after");
 
-    auto read = [](const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    };
+    auto read = [&](const std::string& path) { return home_.read(path.substr(home_.path().size())); };
     const std::string parentText = read(parentFile);
     EXPECT_NE(parentText.find("parent before"), std::string::npos);
     EXPECT_NE(parentText.find("parent after"), std::string::npos);

@@ -124,17 +124,6 @@ TEST(SqlEscape, TableAndBound) {
     EXPECT_EQ(escapeHTML(small, 0, "abc") + escapeHTML(nullptr, 8, "abc") + escapeHTML(small, 8, nullptr), 0);
 }
 
-TEST(SqlDBIPName, KeywordValues) {
-    EXPECT_STREQ(getDBIPName(), "ADO.NET_QuoteDB");
-    for (const char* reset : {"NA", "-", ""}) {
-        setDBIPName(const_cast<char*>("x"), nullptr, -1);
-        setDBIPName(const_cast<char*>(reset), nullptr, -1);
-        EXPECT_STREQ(getDBIPName(), "ADO.NET_QuoteDB") << reset;
-    }
-    qvSQLProcessorResetForTest();
-    qvFreeRetiredStrs();
-}
-
 class SqlConcurrency : public SqlFixture {};
 
 TEST_F(SqlConcurrency, ManyThreadsMeetingNewQueriesAgreeOnOneIdEach) {
