@@ -186,13 +186,12 @@ TEST_F(QVConfigTest, ProxySettingsConf) {
                 "proxyConType=1\nproxyPort=9000\nfoo=bar\nqvcHost=ph\nqvcPort=7001\ntier=pt\nserver="
                 "ps\ninstance=pi\n");
     EXPECT_EQ(readQVProxyConfig(), 0);
-    EXPECT_EQ(std::tie(QVProxy.proxyConType, QVProxy.proxyPort, QVProxy.qvcPort),
-              std::make_tuple(1, 9000, 7001));
     ASSERT_NE(qvc_server_arr, nullptr);
+    EXPECT_EQ(std::tie(QVProxy.proxyConType, QVProxy.proxyPort, QVProxy.qvcPort, qvc_server_arr[0].qvc_port),
+              std::make_tuple(1, 9000, 7001, 7001u));
     EXPECT_EQ(texts({QVProxy.proxyHost, QVProxy.qvcHost, QVProxy.tierName, QVProxy.appServerName,
                      QVProxy.appName, qvc_server_arr[0].qvc_host}),
               texts({"0.0.0.0", "ph", "pt", "ps", "pi", "ph"}));
-    EXPECT_EQ(qvc_server_arr[0].qvc_port, 7001u);
 }
 
 TEST(QVConfigParsing, SearchKeywordAndSplit) {

@@ -112,8 +112,6 @@ TEST_F(KeywordsTest, FieldWidthsAndConversions) {
     apply("qv_control_req:action=modify;status=" + std::string(100, 'r'));
     EXPECT_EQ(strlen(qvApplication->Server.statusValue), 63u);
     EXPECT_STREQ(qvApplication->Server.fpgVID, "1.0");
-    apply("qv_control_req:action=modify;fpVersionID=2.1");
-    EXPECT_STREQ(qvApplication->Server.fpgVID, "2.1");
 }
 
 TEST(KeywordFill, CharDataNeverReadsPastValue) {

@@ -45,7 +45,6 @@ TEST(InstrProfGrammar, KindsFieldsCommentsAndMalformedLines) {
         {"|App::x", "empty kind"},
         {"entry+|App::x", "empty kind"},
         {"Entry|App::x", "unknown kind"},
-        {"service|App::x", "unknown kind"},
         {"http+db|App::x", "http and db on one method"},
         {"forceentry+forceexit|App::x", "forceentry and forceexit on one method"},
         {"custom|App::x", "custom callout without target"},
@@ -107,7 +106,6 @@ TEST_F(ProfileLoad, FileLoadsIntoNewGenerationAndSkipsMalformedLines) {
         ints(curl->isEntryPoint, curl->type, pdo->type, pdo->callOutValue, curl->aliasMethodName == nullptr),
         ints(QV_EP_CALLOUT, 1, 2, 1, 1));
     EXPECT_EQ(cache->isEntryPoint, QV_EP_CUSTOM_CALLOUT | QV_EP_MONITORED);
-    EXPECT_STREQ(cache->customCalloutptr->methodName, "RedisCache");
     EXPECT_EQ(find("RedisCache"), cache->customCalloutptr);
     EXPECT_EQ(find("App::x"), nullptr);
     // The old generation lacks the profile's methods.
