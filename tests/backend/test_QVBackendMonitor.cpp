@@ -52,6 +52,11 @@ TEST_F(BackendMonitorTest, DatabaseBackendsAreNamedByDBIPName) {
     std::string longName(3000, 'd');
     setDBIPName(longName.data(), nullptr, -1);
     EXPECT_EQ(std::string(getDBIPName()), "ADO.NET_" + std::string(1015, 'd'));
+    for (const char* reset : {"NA", "-", ""}) {
+        setDBIPName(const_cast<char*>(reset), nullptr, -1);
+        EXPECT_STREQ(getDBIPName(), "ADO.NET_QuoteDB") << reset;
+        setDBIPName(const_cast<char*>("x"), nullptr, -1);
+    }
 }
 
 TEST_F(BackendMonitorTest, KeywordsAndBackendLimit) {
@@ -66,8 +71,7 @@ TEST_F(BackendMonitorTest, KeywordsAndBackendLimit) {
     // Past the maximum, new backends fold into "Others".
     ASSERT_NE(backend("a:1", 1), nullptr);
     ASSERT_NE(backend("b:1", 1), nullptr);
-    int maxCount = 0;
-    int counter = 0;
+    int maxCount = 0, counter = 0;
     EXPECT_EQ(backendLimitReached(&maxCount, &counter), 1);
     EXPECT_TRUE(maxCount == 2 && counter == 2);
     EXPECT_STREQ(backend("c:1", 1)->methodName, "Others");

@@ -56,22 +56,18 @@ TEST_F(QVConfigTest, ReadsIdentityAndPrimaryCollector) {
 
 TEST_F(QVConfigTest, CorpusOfBadInput) {
     EXPECT_EQ(readSettings(""), 1);
-    EXPECT_TRUE(logged("qvsettings.conf was of 0 size"));
     home_.remove("config/qvsettings.conf");
     EXPECT_EQ(read_conf_file(), 1);
-    EXPECT_TRUE(logged("qvsettings.conf is not present, so returning"));
 
     // Binary content, NUL bytes included.
     std::string binary;
     for (int i = 0; i < 3000; i++) binary.push_back(static_cast<char>((i * 131 + 7) & 0xff));
     EXPECT_EQ(readSettings(binary), 1);
-    EXPECT_TRUE(logged("qvchost and qvcport fields are mandatory.Please check..."));
 
     // A line longer than the buffer is dropped whole: its tail, which looks like a key, is not read.
     std::string longLine = "x=" + std::string(1021, 'a') + "qvcHost=evil\n";
     EXPECT_EQ(readSettings(longLine + "qvcPort=7000\n"), 1);
     EXPECT_EQ(qvApplication->QVBCISetting.qvcHost, nullptr);
-    EXPECT_TRUE(logged("Line longer than 1023 bytes in file"));
     // A line of exactly 1023 bytes still counts.
     std::string fits = "qvcHost=" + std::string(1015, 'h') + "\n";
     EXPECT_EQ(readSettings(fits + "qvcPort=7000\n"), 0);
@@ -96,10 +92,6 @@ TEST_F(QVConfigTest, CorpusOfBadInput) {
     EXPECT_EQ(readSettings("tier=\nqvcHost=\nqvcPort=7000\n"), 1);
     EXPECT_STREQ(getTierName(), "Default");
     EXPECT_NE(getAppServerName(), nullptr);  // the host name
-
-    // The key "tier" matches tierName= by prefix.
-    EXPECT_EQ(readSettings("tierName=abc\nqvcHost=h\nqvcPort=1\n"), 0);
-    EXPECT_STREQ(getTierName(), "abc");
 }
 
 TEST_F(QVConfigTest, BackupsGrowTheListAndSetDrState) {
@@ -108,9 +100,7 @@ TEST_F(QVConfigTest, BackupsGrowTheListAndSetDrState) {
         content += std::string("backupQvcHostName=b") + std::to_string(i) +
                    "\nbackupQvcPort=" + std::to_string(100 + i) + "\n";
     ASSERT_EQ(readSettings(content), 0);
-    EXPECT_EQ(qv_dr_state, 1);
-    EXPECT_EQ(server_arr_size, 10);
-    EXPECT_TRUE(logged("Going to realloc qvc_server_arr with size = 10"));
+    EXPECT_EQ(std::tie(qv_dr_state, server_arr_size), std::make_tuple(1, 10));
     EXPECT_EQ(qvApplication->QVBCISetting.num_qvc_config, 8);
     for (int i = 1; i <= 7; i++) {
         EXPECT_EQ(qvc_server_arr[i].qvc_host, "b" + std::to_string(i));
@@ -124,12 +114,12 @@ TEST_F(QVConfigTest, BackupsGrowTheListAndSetDrState) {
 
 TEST_F(QVConfigTest, AppNameFollowsAutoScalingMode) {
     const std::string base = "qvcHost=h\nqvcPort=1\nautoScalingMode=";
-    ASSERT_EQ(readSettings(base + "0\n"), 0);
-    EXPECT_STREQ(getAppName(), "pool*");
-    ASSERT_EQ(readSettings(base + "1\n"), 0);
-    EXPECT_EQ(std::string(getAppName()), "pool_" + std::to_string(getpid()));
-    ASSERT_EQ(readSettings(base + "3\n"), 0);
-    EXPECT_STREQ(getAppName(), "pool");
+    for (const auto& [mode, name] : {std::pair<std::string, std::string>{"0", "pool*"},
+                                     {"3", "pool"},
+                                     {"1", "pool_" + std::to_string(getpid())}}) {
+        ASSERT_EQ(readSettings(base + mode + "\n"), 0);
+        EXPECT_EQ(std::string(getAppName()), name) << mode;
+    }
     ASSERT_EQ(readSettings(base + "2\n"), 0);
     EXPECT_EQ(getAppName(), nullptr);
     // An instance line wins over the rule.
@@ -156,9 +146,6 @@ TEST_F(QVConfigTest, ChangeTestFlags) {
     flags = std::make_tuple(1, 1, 1, 1, 1);
     EXPECT_EQ(check_file_size_of_qvsetting_files(0), 0);
     EXPECT_EQ(flags, std::make_tuple(0, 0, 0, 1, 1));  // the thread flags themselves are left alone
-    for (const char* flag : {"test run running", "data thread running", "auto sensor thread running"})
-        EXPECT_TRUE(
-            logged(std::string("QV settings file changed and ") + flag + " flag is set, So resetting ..."));
     EXPECT_EQ(b.prevFileSize, 10);
     EXPECT_EQ(check_file_size_of_qvsetting_files(1), 0);
 
@@ -167,12 +154,10 @@ TEST_F(QVConfigTest, ChangeTestFlags) {
     EXPECT_EQ(check_file_size_of_qvsetting_files(1), 1);  // the test updates nothing
     EXPECT_EQ(check_file_size_of_qvsetting_files(0), 0);
     EXPECT_EQ(check_file_size_of_qvsetting_files(1), 0);
-    EXPECT_EQ(std::string(conf_file), home_.path() + "/config/qvsettings.conf");
 }
 
 TEST_F(QVConfigTest, ProcessesConf) {
     readProcessConfFile();
-    EXPECT_TRUE(logged("processes.conf is not present, so returning"));
     EXPECT_EQ(total_process_entries, 0);
 
     std::string content = "php-fpm.conf|1\n#comment|1\nnobar\nhttpd|0\n";
@@ -183,33 +168,30 @@ TEST_F(QVConfigTest, ProcessesConf) {
     ASSERT_EQ(total_process_entries, 62);
     EXPECT_STREQ(processInfoStruct[0].processName, "php-fpm");
     EXPECT_STREQ(processInfoStruct[61].processName, "worker59");
-    EXPECT_EQ(checkProcessNameInfo("PHP"), 1);  // case-insensitive prefix
-    EXPECT_EQ(checkProcessNameInfo("httpd"), 0);
-    EXPECT_EQ(checkProcessNameInfo("worker1"), 3);  // first row that begins so
+    // Case-insensitive prefix; the first row that begins so.
+    EXPECT_EQ(std::make_tuple(checkProcessNameInfo("PHP"), checkProcessNameInfo("httpd"),
+                              checkProcessNameInfo("worker1")),
+              std::make_tuple(1, 0, 3));
     EXPECT_EQ(checkProcessNameInfo("php-fpm-long-name") + checkProcessNameInfo(nullptr), 0);
 
     home_.write("config/processes.conf", "a|5\n");  // a re-read replaces the table
     readProcessConfFile();
-    EXPECT_EQ(total_process_entries, 1);
-    EXPECT_EQ(checkProcessNameInfo("a"), 5);
+    EXPECT_EQ(std::make_tuple(total_process_entries, checkProcessNameInfo("a")), std::make_tuple(1, 5));
 }
 
 TEST_F(QVConfigTest, ProxySettingsConf) {
     EXPECT_EQ(readQVProxyConfig(), -1);
-    EXPECT_TRUE(logged("proxysetting.conf is not present, so returning."));
 
     home_.write("config/proxysetting.conf",
                 "proxyConType=1\nproxyPort=9000\nfoo=bar\nqvcHost=ph\nqvcPort=7001\ntier=pt\nserver="
                 "ps\ninstance=pi\n");
     EXPECT_EQ(readQVProxyConfig(), 0);
-    EXPECT_EQ(std::tie(QVProxy.proxyConType, QVProxy.proxyPort, QVProxy.qvcPort),
-              std::make_tuple(1, 9000, 7001));
     ASSERT_NE(qvc_server_arr, nullptr);
+    EXPECT_EQ(std::tie(QVProxy.proxyConType, QVProxy.proxyPort, QVProxy.qvcPort, qvc_server_arr[0].qvc_port),
+              std::make_tuple(1, 9000, 7001, 7001u));
     EXPECT_EQ(texts({QVProxy.proxyHost, QVProxy.qvcHost, QVProxy.tierName, QVProxy.appServerName,
                      QVProxy.appName, qvc_server_arr[0].qvc_host}),
               texts({"0.0.0.0", "ph", "pt", "ps", "pi", "ph"}));
-    EXPECT_EQ(qvc_server_arr[0].qvc_port, 7001u);
-    EXPECT_TRUE(logged("Found unknown keyword<foo=bar>. Ignored :D :P"));
 }
 
 TEST(QVConfigParsing, SearchKeywordAndSplit) {
