@@ -25,18 +25,10 @@ const std::string kDefaultQueries =
 // Whether got is tmpl with each "{T}" a number in [t0, t1] and each "{D}" one in [0, t1 - t0].
 ::testing::AssertionResult matchTemplate(const std::string& tmpl, const std::string& got, long long t0,
                                          long long t1) {
-    std::string re;
     std::vector<bool> wall;
-    for (size_t i = 0; i < tmpl.size(); ++i) {
-        if (tmpl.compare(i, 3, "{T}") == 0 || tmpl.compare(i, 3, "{D}") == 0) {
-            wall.push_back(tmpl[i + 1] == 'T');
-            re += "(\\d{1,18})";
-            i += 2;
-        } else {
-            re += (std::string(".^$|()[]{}*+?\\").find(tmpl[i]) != std::string::npos ? "\\" : "") +
-                  std::string(1, tmpl[i]);
-        }
-    }
+    for (size_t i = tmpl.find('{'); i != std::string::npos; i = tmpl.find('{', i + 1))
+        wall.push_back(tmpl[i + 1] == 'T');
+    const std::string re = std::regex_replace(reEscape(tmpl), std::regex(R"(\\\{[TD]\\\})"), R"((\d{1,18}))");
     std::smatch m;
     if (!std::regex_match(got, m, std::regex(re))) return ::testing::AssertionFailure() << "records differ";
     for (size_t k = 0; k < wall.size(); ++k) {
