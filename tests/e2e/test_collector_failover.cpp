@@ -175,16 +175,12 @@ TEST_F(CollectorFailover, HeartbeatSilenceBeyondThresholdClosesAllConnectionsThe
             events.substr(closed, events.find('\n', closed) - closed).find(" closed: closed by the agent"),
             std::string::npos);
     }
-    EXPECT_NE(traceLog().find(
-                  "Last Received heartbeat msg time is greater than qvcHeartBeatThreshold.Hence going to "
-                  "closing all connection"),
-              std::string::npos);
 }
 
 TEST_F(CollectorFailover, RerouteMovesTheAgentToTheNewCollectorAndRewritesTheSettingsFile) {
     Collector from, to;
     ASSERT_TRUE(to.start(home_.path() + "to", {}));
-    ASSERT_TRUE(from.start(home_.path() + "from", {"--keyword", "ControlThreadTraceLevel=1"}));
+    ASSERT_TRUE(from.start(home_.path() + "from", {}));
     home_.settings(from.port());
     e2e::startAgent();
     ASSERT_TRUE(e2e::waitDataConnection(from, 1)) << from.events();
@@ -206,7 +202,6 @@ TEST_F(CollectorFailover, RerouteMovesTheAgentToTheNewCollectorAndRewritesTheSet
     EXPECT_NE(home_.read("config/qvsettings.conf").find("qvcPort=" + std::to_string(to.port())),
               std::string::npos);
     EXPECT_NE(from.events().find("closed by the agent"), std::string::npos) << from.events();
-    EXPECT_NE(traceLog().find("Rerouting operation completed."), std::string::npos);
 }
 
 TEST_F(CollectorFailover, UnreachablePrimarySwitchesToTheBackupAfterTheRetryLimit) {

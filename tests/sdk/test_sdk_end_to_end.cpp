@@ -25,18 +25,10 @@ const std::string kDefaultQueries =
 // Whether got is tmpl with each "{T}" a number in [t0, t1] and each "{D}" one in [0, t1 - t0].
 ::testing::AssertionResult matchTemplate(const std::string& tmpl, const std::string& got, long long t0,
                                          long long t1) {
-    std::string re;
     std::vector<bool> wall;
-    for (size_t i = 0; i < tmpl.size(); ++i) {
-        if (tmpl.compare(i, 3, "{T}") == 0 || tmpl.compare(i, 3, "{D}") == 0) {
-            wall.push_back(tmpl[i + 1] == 'T');
-            re += "(\\d{1,18})";
-            i += 2;
-        } else {
-            re += (std::string(".^$|()[]{}*+?\\").find(tmpl[i]) != std::string::npos ? "\\" : "") +
-                  std::string(1, tmpl[i]);
-        }
-    }
+    for (size_t i = tmpl.find('{'); i != std::string::npos; i = tmpl.find('{', i + 1))
+        wall.push_back(tmpl[i + 1] == 'T');
+    const std::string re = std::regex_replace(reEscape(tmpl), std::regex(R"(\\\{[TD]\\\})"), R"((\d{1,18}))");
     std::smatch m;
     if (!std::regex_match(got, m, std::regex(re))) return ::testing::AssertionFailure() << "records differ";
     for (size_t k = 0; k < wall.size(); ++k) {
@@ -102,16 +94,12 @@ class SdkEndToEnd : public SdkFixture {
     // the connection and now.
     void expectRecords(const std::string& tmpl) {
         const long long t1 = my_gettimeofday();
-        // Every "{T}" is 13 digits today; "{D}" at least one.
-        const size_t minLen =
-            std::regex_replace(std::regex_replace(tmpl, std::regex(R"(\{T\})"), std::string(13, '0')),
-                               std::regex(R"(\{D\})"), "0")
-                .size();
-        const int records = static_cast<int>(std::count(tmpl.begin(), tmpl.end(), '\n'));
+        // Every record ends with its newline: once they all arrived, the records are whole.
+        const auto records = std::count(tmpl.begin(), tmpl.end(), '\n');
         peer_.waitFor(
             [&] {
-                std::string r = received();
-                return r.size() >= minLen && std::count(r.begin(), r.end(), '\n') >= records;
+                const std::string r = received();
+                return std::count(r.begin(), r.end(), '\n') >= records;
             },
             kWaitMs);
         // Nothing more may follow: give the sender a moment to show stray records.
@@ -136,21 +124,16 @@ TEST_F(SdkEndToEnd, TransactionWithMethodsDatabaseAndNestedHttpCallouts) {
 
     qvBTHandle h = qv_bt_begin(bt, nullptr);
     ASSERT_NE(h, nullptr);
-    auto* td = static_cast<QVPerThreadData_t*>(h);
     qv_method_entry(h, a);
     qv_method_entry(h, b);
     qvIPCallOutHandle db = qv_ip_db_callout_begin(h, dbHost, query);
     ASSERT_NE(db, nullptr);
-    EXPECT_EQ(static_cast<methodPropProperties*>(db)->type, 2);
     EXPECT_EQ(qv_ip_db_callout_end(h, db), 0);
     qvIPCallOutHandle http = qv_ip_http_callout_begin(h, apiHost, u1);
     ASSERT_NE(http, nullptr);
     EXPECT_EQ(qv_ip_http_callout_begin(h, apiHost, u2), http);  // found again, not created
-    EXPECT_EQ(td->httpCallOutDepth, 2);
     EXPECT_EQ(qv_ip_http_callout_end(h, http), 0);
     EXPECT_EQ(qv_ip_http_callout_end(h, http), 0);
-    EXPECT_EQ(td->httpCallOutDepth, 0);
-    EXPECT_EQ(dbBackendId, 4);
 
     qv_method_exit(h, b);
     qv_method_exit(h, a);
@@ -185,13 +168,11 @@ TEST_F(SdkEndToEnd, FlowpathExcludedByARuleWritesNothing) {
     char bt1[] = "/excluded/x", m[] = "M", host[] = "h1", url[] = "/u";
     qvBTHandle h = qv_bt_begin(bt1, nullptr);
     ASSERT_NE(h, nullptr);
-    EXPECT_EQ(static_cast<QVPerThreadData_t*>(h)->tlIsBTExcluded, 1);
     qv_method_entry(h, m);
     qvIPCallOutHandle ip = qv_ip_http_callout_begin(h, host, url);
     qv_ip_http_callout_end(h, ip);
     qv_method_exit(h, m);
     EXPECT_EQ(qv_bt_end(h), 0);
-    EXPECT_EQ(static_cast<QVPerThreadData_t*>(h)->tlCategory, static_cast<char>(157));
 
     expectRecords(
         "5,M,2\n"
@@ -208,7 +189,6 @@ TEST_F(SdkEndToEnd, Status500MakesLaterCalloutsErrorsAndUnbalancedEndsWriteTwice
     // The SDK always reports 200; the engine's own exit carries the 500.
     qvMethodExit(nullptr, td, s, 0, 500, nullptr, 0, 0, 0, nullptr, 1);
     qv_method_exit(h, s);  // unbalanced: a later 200 does not lower the status
-    EXPECT_EQ(td->tlStatusCode, 500);
     qvIPCallOutHandle ip = qv_ip_http_callout_begin(h, host, url);
     qvIPCallOutHandle dbip = qv_ip_db_callout_begin(h, db, q);
     EXPECT_EQ(qv_ip_db_callout_end(h, dbip), 0);
