@@ -14,6 +14,7 @@
 #include "flowpath/QVPerThreadData.h"
 #include "flowpath/QVSQLProcessor.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
@@ -26,14 +27,26 @@ constexpr QVBackendMonitor_t kStartValues = {
     0, QV_DEFAULT_MAX_IP_COUNT, "", "", 1, 0, QV_IP_INITIAL_AGG_SIZE, 0, 0, nullptr,
 };
 
-// Guards aggDataArraySize, aggIPDataArr and the prefixes, so that growth (registry), prefix
-// refresh (control thread) and generation (reporting thread) never overlap.
-apr_thread_mutex_t* ipAggLock = nullptr;
+struct BackendMonitorState {
+    QVBackendMonitor_t monitor = kStartValues;
+    // Guards aggDataArraySize, aggIPDataArr and the prefixes, so that growth (registry), prefix
+    // refresh (control thread) and generation (reporting thread) never overlap.
+    apr_thread_mutex_t* ipAggLock = nullptr;
+    // One report at a time and its own merged counters (see QVMonitorWorkArray): the merge runs
+    // without ipAggLock, which a callout to a new backend takes.
+    apr_thread_mutex_t* ipReportMutex = nullptr;
+    QVMonitorWorkArray<QVBackendMonitorDataCounters> work;
+};
 
-// One report at a time and its own merged counters (see QVMonitorWorkArray): the merge runs
-// without ipAggLock, which a callout to a new backend takes.
-apr_thread_mutex_t* ipReportMutex = nullptr;
-QVMonitorWorkArray<QVBackendMonitorDataCounters> work;
+}  // namespace
+
+QV_INSTANCE_STATE_DEFINE(BackendMonitorState, backendMonitorState)
+
+namespace {
+
+#define ipAggLock (backendMonitorState().ipAggLock)
+#define ipReportMutex (backendMonitorState().ipReportMutex)
+#define work (backendMonitorState().work)
 
 int ipTraceLevel() {
     return qvApplication ? qv_load(qvApplication->QVSys.backendMonTraceLevel) : 0;
@@ -86,7 +99,9 @@ void mergeModel(QVMonitorDataModel* model, void* ctx) {
 
 }  // namespace
 
-QVBackendMonitor_t QVBackendMonitor = kStartValues;
+QVBackendMonitor_t& qvBackendMonitorOfInstance() {
+    return backendMonitorState().monitor;
+}
 
 void createVectorPrefixBackend(QVBackendMonitor_t* monitor) {
     if (monitor == nullptr) return;

@@ -28,7 +28,9 @@ struct QVBackendMonitor_t {
     QVBackendMonitorDataCounters* aggIPDataArr;  // merged counters by backend identifier
 };
 
-extern QVBackendMonitor_t QVBackendMonitor;
+// One per application instance (see foundation/qvlb_instance.h).
+QVBackendMonitor_t& qvBackendMonitorOfInstance();
+#define QVBackendMonitor (qvBackendMonitorOfInstance())
 
 // Start-up and instrumentation start: prefixes, the 128-entry merged array when it does not exist
 // yet, every merged entry prepared with initOnStartInstrumentationIP (backends kept),

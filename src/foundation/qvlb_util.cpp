@@ -18,6 +18,7 @@
 
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_fault.h"
+#include "foundation/qvlb_instance.h"
 
 apr_pool_t* control_pool = nullptr;
 apr_pool_t* proxy_pool = nullptr;
@@ -83,6 +84,23 @@ int qvlb_mkdir_p(const char* dir) {
     return 0;
 }
 
+namespace {
+
+struct InheritedInstance {
+    apr_thread_start_t func;
+    void* data;
+    QVInstanceState* inst;
+};
+
+void* APR_THREAD_FUNC startWithInstance(apr_thread_t* thread, void* arg) {
+    const InheritedInstance start = *static_cast<InheritedInstance*>(arg);
+    delete static_cast<InheritedInstance*>(arg);
+    qvlb_set_current_instance(start.inst);
+    return start.func(thread, start.data);
+}
+
+}  // namespace
+
 apr_status_t qvlb_thread_create(apr_thread_t** thread, apr_thread_start_t func, void* data, apr_pool_t* pool,
                                 char* err_buf, int err_len) {
     if (thread != nullptr) *thread = nullptr;
@@ -100,6 +118,18 @@ apr_status_t qvlb_thread_create(apr_thread_t** thread, apr_thread_start_t func, 
         qvlb_apr_init();
         pool = control_pool;
     }
+    // A thread started for an instance of the proxy acts for that instance too.
+    InheritedInstance* inherit = nullptr;
+    if (QVInstanceState* inst = qvlb_current_instance(); inst != nullptr) {
+        inherit = new (std::nothrow) InheritedInstance{func, data, inst};
+        if (inherit == nullptr) {
+            if (err_buf != nullptr && err_len > 0)
+                snprintf(err_buf, static_cast<size_t>(err_len), "Out of memory");
+            return APR_ENOMEM;
+        }
+        func = startWithInstance;
+        data = inherit;
+    }
     apr_status_t rv;
     {
         // Thread creation allocates from the pool (and makes a sub-pool of it).
@@ -107,6 +137,7 @@ apr_status_t qvlb_thread_create(apr_thread_t** thread, apr_thread_start_t func, 
         rv = apr_thread_create(thread, nullptr, func, data, pool);
     }
     if (rv != APR_SUCCESS) {
+        delete inherit;
         *thread = nullptr;
         if (err_buf != nullptr && err_len > 0) apr_strerror(rv, err_buf, static_cast<apr_size_t>(err_len));
     }
