@@ -405,6 +405,8 @@ void handleRunTimeChangeCase(char* msg) {
         sendRespenseRunTimeChange(0);
         return;
     }
+    // The proxy's workers follow the running test's settings, as they follow its start.
+    if (isProxyServer()) forwardFramed(msg);
     qv_store(isInstrProfRequested, 1);
     qv_store(isModifiedInstrProf, 0);
     qv_store(app->Server.isRuntimeApplied, 1);

@@ -71,6 +71,8 @@ const char kModule[] = "PROXY";
 const char kStatusQuery[] = "status";
 // A dead worker's open flowpath ends with what the web server in front answers for it.
 constexpr int kInterruptedStatus = 502;
+// Modify messages kept for workers that join a running test; more are rare and lost to them.
+constexpr size_t kMaxKeptModifies = 32;
 
 long long nowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -97,8 +99,9 @@ struct Instance {
     // Guards workers and the kept lines; the relay sends under it, so no fd is closed meanwhile.
     std::mutex relayLock;
     std::vector<WorkerCtl> workers;
-    std::string keptReply;  // the collector's handshake reply, for workers that come later
-    std::string keptStart;  // the running test's start message (startInstMsg), likewise
+    std::string keptReply;                  // the collector's handshake reply, for workers that come later
+    std::string keptStart;                  // the running test's start message (startInstMsg), likewise
+    std::vector<std::string> keptModifies;  // and the modify messages since that start
     // Figures of connections already closed (loop thread).
     long long frames = 0, started = 0, ended = 0;
     std::unordered_map<long long, int> pids;  // worker processes with a live connection
@@ -377,6 +380,11 @@ bool startControl(Conn& c, std::string_view line) {
         sendNoWait(c.fd, in->keptStart.data(), in->keptStart.size());
         sendNoWait(c.fd, "\n", 1);
     }
+    for (const std::string& m : in->keptModifies) {
+        sendNoWait(c.fd, "\n", 1);
+        sendNoWait(c.fd, m.data(), m.size());
+        sendNoWait(c.fd, "\n", 1);
+    }
     return true;
 }
 
@@ -482,6 +490,7 @@ bool readConn(Conn& c) {
     for (int round = 0; round < 4; ++round) {
         if (c.kind == Kind::Drain) c.len = 0;
         const size_t room = server->opts.maxBuffer - c.len;
+        if (room == 0) return false;
         const ssize_t n = recv(c.fd, c.buf.get() + c.len, room, MSG_DONTWAIT);
         if (n == 0) return false;
         if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
@@ -605,12 +614,18 @@ void qvProxyForwardToProcesses(const char* data, int len) {
     if (in == nullptr || data == nullptr || len <= 0) return;
     const std::string_view d(data, static_cast<size_t>(len));
     std::lock_guard<std::mutex> g(in->relayLock);
-    if (d.rfind("qv_ctrl_msg_rep:", 0) == 0)
+    if (d.rfind("qv_ctrl_msg_rep:", 0) == 0) {
         in->keptReply.assign(d);
-    else if (d.rfind("qv_control_req:action=start_instrumentation", 0) == 0)
+    } else if (d.rfind("qv_control_req:action=start_instrumentation", 0) == 0) {
         in->keptStart.assign(d);
-    else if (d.rfind("qv_control_req:action=stop_instrumentation", 0) == 0)
+        in->keptModifies.clear();
+    } else if (d.rfind("qv_control_req:action=stop_instrumentation", 0) == 0) {
         in->keptStart.clear();
+        in->keptModifies.clear();
+    } else if (d.rfind("qv_control_req:action=modify", 0) == 0 && !in->keptStart.empty() &&
+               in->keptModifies.size() < kMaxKeptModifies) {
+        in->keptModifies.emplace_back(d);
+    }
     for (const WorkerCtl& w : in->workers) sendNoWait(w.fd, data, static_cast<size_t>(len));
 }
 
