@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <strings.h>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -390,9 +391,21 @@ void answerStatus(Conn& c) {
     closeConn(c);
 }
 
+// processes.conf can keep a pool away from the proxy: a row naming it (by prefix, in any case)
+// with flag 0. Pools it does not name are served.
+bool poolRefused(std::string_view pool) {
+    for (int i = 0; i < total_process_entries && processInfoStruct != nullptr; ++i) {
+        const char* name = processInfoStruct[i].processName;
+        if (name == nullptr || pool.empty() || strlen(name) < pool.size()) continue;
+        if (strncasecmp(name, pool.data(), pool.size()) == 0) return processInfoStruct[i].proxy_enabled == 0;
+    }
+    return false;
+}
+
 // A worker's handshake: joins (or founds) its instance and gets the collector's reply and the
 // running test's start message when they are known.
 bool startControl(Conn& c, std::string_view line) {
+    if (poolRefused(requestField(line, "agentName"))) return false;
     Instance* in = findOrCreateInstance(requestField(line, "appName"), requestField(line, "qvAppServerHost"),
                                         requestField(line, "tierName"));
     if (in == nullptr) return false;
