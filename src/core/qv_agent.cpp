@@ -252,6 +252,8 @@ int agent_init_instance() {
         QVAGENT_TRACE(0, "Error", "Unable to start application instance: out of memory");
         return -1;
     }
+    // Its connections may meet a collector that went away, as the process's own do.
+    apr_signal(SIGPIPE, SIG_IGN);
     setInstanceDefaults(inst);
     startInstancePools(inst);
     startInstanceRegistry(inst, nullptr);
