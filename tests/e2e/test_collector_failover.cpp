@@ -1,11 +1,7 @@
-// End to end when the collector goes away: killed and restarted mid-stream, silent beyond the
-// heartbeat threshold, rerouting the agent, or unreachable with a backup configured. The agent
-// runs in this process (qv_init without its pause); the collectors are real processes.
+// End to end when the collector goes away: killed and restarted mid-stream, or silent with a
+// backup configured (the control-thread tests cover silence, reroute and the retry limit). The
+// agent runs in this process (qv_init without its pause); the collectors are real processes.
 #include <gtest/gtest.h>
-
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -23,29 +19,6 @@ using e2e::Collector;
 using e2e::countRecords;
 
 class CollectorFailover : public e2e::AgentTest {};
-
-// A loopback port that refuses connections for the life of the object: bound, never listening.
-class DeadPort {
-  public:
-    DeadPort() {
-        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof(a);
-        if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 &&
-            getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-            port_ = ntohs(a.sin_port);
-    }
-    ~DeadPort() {
-        if (fd_ >= 0) close(fd_);
-    }
-    int port() const { return port_; }
-
-  private:
-    int fd_ = -1;
-    int port_ = 0;
-};
 
 // Every complete line of a data capture after its request line is a record ("<type>,...") or a
 // heartbeat (empty): a record cut in two by a reconnection would show up here.
@@ -136,86 +109,6 @@ TEST_F(CollectorFailover, KilledCollectorIsReconnectedAndRecordsBufferedMeanwhil
     EXPECT_EQ(e2e::countOf(after, ",/after/restart,"), 20);
     EXPECT_EQ(countRecords(after, 4), countRecords(after, 2)) << "end records without their header";
     EXPECT_EQ(e2e::completeLines(after).back(), "10,");
-}
-
-TEST_F(CollectorFailover, HeartbeatSilenceBeyondThresholdClosesAllConnectionsThenReconnects) {
-    Collector qvc;
-    // The collector's heartbeats (every 100 ms) keep the agent content until it goes silent.
-    ASSERT_TRUE(qvc.start(home_.path() + "qvc",
-                          {"--heartbeat-interval", "0.1", "--keyword", "qvcHeartBeatThreshold=1000",
-                           "--keyword", "ControlThreadTraceLevel=1", "--keyword", "qvMonitorInterval=5"}));
-    home_.settings(qvc.port());
-    e2e::startAgent();
-    ASSERT_TRUE(e2e::waitDataConnection(qvc, 1)) << qvc.events();
-    ASSERT_TRUE(e2e::waitUntil([&] { return countRecords(qvc.file("as-1.rec"), 74) >= 1; }));
-    EXPECT_EQ(qvc.events().find("closed"), std::string::npos) << "closed before the silence";
-
-    // After the silence the collector's heartbeats flow again. The agent's test run ended with
-    // its connections, so the collector starts one anew (on whichever control connection the
-    // agent holds once it settled) and the records go over a new data connection.
-    qvc.send("silence 3000\n");
-    qvc.send("sleep 300\nstart\nwait-reply qv_control_rep:action=start_instrumentation\n");
-    ASSERT_TRUE(e2e::waitUntil([] { return !e2e::testRunning(); })) << qvc.events();
-    ASSERT_EQ(e2e::runTransactions(5, "/after/silence"), 5);
-    // The data thread may reconnect once to end the old run before the new run's connection.
-    const auto ended = [&] {
-        int n = 0;
-        for (const char* f : {"data-2.rec", "data-3.rec", "data-4.rec"}) n += countRecords(qvc.file(f), 4);
-        return n;
-    };
-    ASSERT_TRUE(e2e::waitUntil([&] { return ended() == 5; })) << qvc.events();
-
-    const std::string events = qvc.events();
-    const size_t silence = events.find("silence for 3000 ms");
-    for (const char* conn : {"control-1 from", "data-1 from", "as-1 from"}) {
-        const size_t closed = events.find(std::string(conn), events.find(conn) + 1);
-        ASSERT_NE(closed, std::string::npos) << conn << "\n" << events;
-        EXPECT_GT(closed, silence) << conn;
-        EXPECT_NE(
-            events.substr(closed, events.find('\n', closed) - closed).find(" closed: closed by the agent"),
-            std::string::npos);
-    }
-}
-
-TEST_F(CollectorFailover, RerouteMovesTheAgentToTheNewCollectorAndRewritesTheSettingsFile) {
-    Collector from, to;
-    ASSERT_TRUE(to.start(home_.path() + "to", {}));
-    ASSERT_TRUE(from.start(home_.path() + "from", {}));
-    home_.settings(from.port());
-    e2e::startAgent();
-    ASSERT_TRUE(e2e::waitDataConnection(from, 1)) << from.events();
-
-    from.send("reroute host=127.0.0.1 port=" + std::to_string(to.port()) + " tier=ALL\n");
-    // The new collector starts a test run; the records of the requests after it go there.
-    ASSERT_TRUE(e2e::waitUntil([&] {
-        return to.file("control-1.log").find("start_instrumentation") != std::string::npos;
-    })) << from.events()
-        << to.events();
-    ASSERT_EQ(e2e::runTransactions(5, "/after/reroute"), 5);
-    ASSERT_TRUE(e2e::waitUntil([&] { return countRecords(to.file("data-1.rec"), 4) == 5; })) << to.events();
-    EXPECT_EQ(countRecords(from.file("data-1.rec"), 4), 0);
-
-    const std::string ctrl = to.file("control-1.log");
-    for (const std::string& want : {std::string(";requestType=2;"), std::string("tierName=E2E;"),  // ALL
-                                    ";connDestination=127.0.0.1:" + std::to_string(from.port()) + ";"})
-        EXPECT_NE(ctrl.find(want), std::string::npos) << want << "\n" << ctrl;
-    EXPECT_NE(home_.read("config/qvsettings.conf").find("qvcPort=" + std::to_string(to.port())),
-              std::string::npos);
-    EXPECT_NE(from.events().find("closed by the agent"), std::string::npos) << from.events();
-}
-
-TEST_F(CollectorFailover, UnreachablePrimarySwitchesToTheBackupAfterTheRetryLimit) {
-    DeadPort primary;
-    ASSERT_GT(primary.port(), 0);
-    Collector backup;
-    ASSERT_TRUE(backup.start(home_.path() + "backup", {}));
-    home_.settings(primary.port(),
-                   "backupQvcHostName=127.0.0.1\nbackupQvcPort=" + std::to_string(backup.port()) + "\n");
-    e2e::startAgent();
-    ASSERT_TRUE(e2e::waitDataConnection(backup, 1)) << backup.events();
-    EXPECT_NE(backup.file("control-1.log").find(";requestType=3;"), std::string::npos);
-    ASSERT_EQ(e2e::runTransactions(5, "/on/backup"), 5);
-    ASSERT_TRUE(e2e::waitUntil([&] { return countRecords(backup.file("data-1.rec"), 4) == 5; }));
 }
 
 TEST_F(CollectorFailover, UnansweredHeartbeatsSwitchToTheBackupCollector) {
