@@ -153,17 +153,21 @@ TEST_F(ControlThread, CommandFramingAcrossReadsAndBadLines) {
     ASSERT_TRUE(replies(4));
 
     // Over-long (larger than the receive buffer), binary and malformed lines: ignored, logged,
-    // the connection stays and the next command is answered.
+    // the connection stays and the next command is answered. A NUL ends a line's text.
     ASSERT_TRUE(qvc.sendTo(0, std::string(100000, 'x') + "\n"));
     ASSERT_TRUE(qvc.sendTo(0, std::string(QV_CONTROL_BUFFER_SIZE - 1, 'y')));
     ASSERT_TRUE(qvc.sendTo(0, "qv_control_req:action=modify;tail\n"));  // the end of the long line
     ASSERT_TRUE(qvc.sendTo(0, std::string("\x00\x01\xfe\xff binary\n", 12) + ";;;==\n\n\r\n"));
-    ASSERT_TRUE(qvc.sendTo(0, "qv_control_req:action=modify;d=4\n"));
+    ASSERT_TRUE(qvc.sendTo(0, "qv_control_req:action=start_instrumentatio\nno prefix at all\n"));
+    ASSERT_TRUE(qvc.sendTo(0, std::string("qv_control_req:action=modify\0;AgentTraceLevel=4\n", 48)));
     ASSERT_TRUE(replies(5));
     std::string expected;
     for (int i = 0; i < 5; ++i) expected += kRefusal;
     EXPECT_EQ(qvc.bytes(0).substr(hs), expected);
     EXPECT_FALSE(closedByAgent(qvc, 0, 50));
+    EXPECT_EQ(qv_load(app_->QVSys.agentTraceLevel), 0);
+    EXPECT_TRUE(logged("Control message longer than"));
+    EXPECT_TRUE(logged("Unknown message received from QVC, ignored: 'no prefix at all'"));
 }
 
 TEST_F(ControlThread, SilenceBeyondThresholdClosesAllConnections) {
