@@ -211,10 +211,13 @@ TEST_F(ControlThread, HeartbeatsCountAndUnansweredOnesSwitchOver) {
     ASSERT_TRUE(primary.sendTo(0, "qv_control_rep:action:result=Ok;\n"));
     ASSERT_TRUE(primary.waitFor(
         [&] { return primary.bytes(0).find(hb0, hs + hb0.size()) != std::string::npos; }, kWaitMs));
-    // Ten heartbeats left unanswered switch to the backup.
+    // Ten heartbeats left unanswered switch to the backup, which the data connection follows.
     ASSERT_EQ(answer(backup, kOkReply), 0);
     EXPECT_TRUE(closedByAgent(primary, 0));
     EXPECT_TRUE(contains(primary.bytes(0), "qv_control_req:action=reconnect;heartBeat 9;\n"));
+    qv_store(controlPollTimeoutMs, 100LL);
+    ASSERT_TRUE(backup.sendTo(0, "qv_control_req:action=start_instrumentation;ASReportInterval=0\n"));
+    EXPECT_GT(answer(backup, "", "qv_data_msg_req:"), 0);
 }
 
 TEST_F(ControlThread, ReroutesToNewCollectorAndInClusterModeAfterFallBackToMaster) {

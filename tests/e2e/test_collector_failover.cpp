@@ -1,6 +1,6 @@
-// End to end when the collector goes away: killed and restarted mid-stream, or silent with a
-// backup configured (the control-thread tests cover silence, reroute and the retry limit). The
-// agent runs in this process (qv_init without its pause); the collectors are real processes.
+// End to end when the collector is killed and restarted mid-stream (the control-thread tests cover
+// silence, heartbeats, backups and reroute). The agent runs in this process (qv_init without its
+// pause); the collectors are real processes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -109,26 +109,6 @@ TEST_F(CollectorFailover, KilledCollectorIsReconnectedAndRecordsBufferedMeanwhil
     EXPECT_EQ(e2e::countOf(after, ",/after/restart,"), 20);
     EXPECT_EQ(countRecords(after, 4), countRecords(after, 2)) << "end records without their header";
     EXPECT_EQ(e2e::completeLines(after).back(), "10,");
-}
-
-TEST_F(CollectorFailover, UnansweredHeartbeatsSwitchToTheBackupCollector) {
-    Collector primary, backup;
-    ASSERT_TRUE(backup.start(home_.path() + "backup", {}));
-    ASSERT_TRUE(primary.start(home_.path() + "primary", {"--keyword", "ControlThreadTraceLevel=1"}));
-    home_.settings(primary.port(),
-                   "backupQvcHostName=127.0.0.1\nbackupQvcPort=" + std::to_string(backup.port()) + "\n");
-    e2e::startAgent();
-    ASSERT_TRUE(e2e::waitDataConnection(primary, 1)) << primary.events();
-    // With a backup configured the agent sends heartbeats when idle and, after ten without an
-    // answer, switches over.
-    primary.send("silence 60000\n");
-    ASSERT_TRUE(e2e::waitUntil([&] {
-        return backup.file("control-1.log").find("start_instrumentation") != std::string::npos;
-    })) << primary.events()
-        << backup.events();
-    EXPECT_GE(e2e::countOf(primary.file("control-1.log"), "qv_control_req:action=reconnect;heartBeat"), 10);
-    ASSERT_EQ(e2e::runTransactions(5, "/on/backup"), 5);
-    ASSERT_TRUE(e2e::waitUntil([&] { return countRecords(backup.file("data-1.rec"), 4) == 5; }));
 }
 
 class CollectorFailoverConcurrency : public e2e::AgentTest {};
