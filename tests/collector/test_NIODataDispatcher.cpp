@@ -4,20 +4,11 @@
 
 #include "collector_fixture.h"
 #include "core/QVConfig.h"
-#include "foundation/qvlb_sock.h"
 
 namespace {
 
-class AutoSensor : public CollectorTest {
+class AutoSensor : public BareCollectorTest {
   protected:
-    void SetUp() override {
-        CollectorTest::SetUp();
-        useBareInstance();
-    }
-    void TearDown() override {
-        CollectorTest::TearDown();
-        qvlbSendTimeoutMs = 30000;
-    }
     void pool(int minCount, int maxCount, int size) {
         app_->QVSys.ASDataBuffMinCount = minCount;
         app_->QVSys.ASDataBuffMaxCount = maxCount;
