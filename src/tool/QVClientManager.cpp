@@ -39,7 +39,7 @@ const char* const kResourcePurpose = "Cached resource record";
 constexpr size_t kMaxRecord = 4160;
 
 struct ClientManagerState {
-    QVClientManager_t manager = {};
+    QVClientManager_t client = {};
     apr_thread_mutex_t* lock = nullptr;
     // Header and resource records kept for replay, by id.
     qvlb_lfmap_t* headers = nullptr;
@@ -52,7 +52,7 @@ struct ClientManagerState {
 QV_INSTANCE_STATE_DEFINE(ClientManagerState, clientManagerState)
 
 QVClientManager_t& qvClientManagerOfInstance() {
-    return clientManagerState().manager;
+    return clientManagerState().client;
 }
 
 namespace {
@@ -731,7 +731,7 @@ ClientManagerState::~ClientManagerState() {
     if (this == &clientManagerState_own) return;
     freeCache(&headers, kHeaderPurpose);
     freeCache(&resources, kResourcePurpose);
-    qvlb_free(manager.requestCopy, kRequestPurpose, -1);
+    qvlb_free(client.requestCopy, kRequestPurpose, -1);
 }
 
 void qvClientManagerResetForTest() {
