@@ -766,6 +766,11 @@ void qvProxyShutdown() {
         flushData();
     }
     QV_TRACE_IF(true, kModule, "Info", "Stopping. %s", qvProxyStatusJson().c_str());
+    // Every instance's threads learn of the stop at once; the joins below then overlap.
+    for (int i = 0; i < n; ++i) {
+        QVInstanceScope scope(s->instances[i]->state);
+        qv_store(qvAgentStopping, 1);
+    }
     for (int i = 0; i < n; ++i) {
         QVInstanceScope scope(s->instances[i]->state);
         qv_agent_shutdown_instance();
