@@ -751,7 +751,7 @@ int qvProxyInit(const QVProxyOptions& opts) {
     return 0;
 }
 
-void qvProxyShutdown() {
+void qvProxyShutdown(void (*afterStop)()) {
     Server* s = server;
     if (s == nullptr) return;
     s->stop.store(1);
@@ -786,6 +786,7 @@ void qvProxyShutdown() {
             QVInstanceScope scope(in->state);
             destroy_hashmap(in->app->fpi_tls_map);
             in->app->fpi_tls_map = nullptr;
+            if (afterStop != nullptr) afterStop();
         }
         if (in->state != nullptr) qvlb_instance_destroy(in->state);
         qvlbDecodeIdSetDestroy(in->ids);

@@ -26,8 +26,10 @@ struct QVProxyOptions {
 int qvProxyInit(const QVProxyOptions& opts);
 
 // Stops the loop thread, ends every worker connection's open flowpaths, flushes each instance's
-// buffered records to its collector and stops the instances' threads.
-void qvProxyShutdown();
+// buffered records to its collector, stops the instances' threads and destroys the instances.
+// afterStop, when given, runs acting for each instance between its stop and its destruction
+// (tests free the modules' state with it).
+void qvProxyShutdown(void (*afterStop)() = nullptr);
 
 // The status figures as one JSON line (no newline). Loop thread, or any thread once it stopped.
 std::string qvProxyStatusJson();

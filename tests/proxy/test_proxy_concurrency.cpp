@@ -109,7 +109,7 @@ TEST(ProxyConcurrency, TwoInstancesAtOnceKeepTheirOwnIdentityAndFlowpaths) {
     EXPECT_NE(dataOf(1).find("tierName=T1;") == std::string::npos,
               dataOf(2).find("tierName=T1;") == std::string::npos);
 
-    qvProxyShutdown();
+    qvProxyShutdown([] { resetWholeAgent(); });
     qvc.kill(SIGTERM);
     resetWholeAgent();
 }
