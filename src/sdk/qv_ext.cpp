@@ -109,6 +109,10 @@ struct Slot {
     // Even: free; odd: a request runs. Bumped at begin and end, so a handle names one request.
     std::atomic<uint32_t> gen{0};
     QVPerThreadData_t* td = nullptr;
+    // What the record held at begin: a test stop gives running records back to the pool, where
+    // another request may take this one.
+    long long fpi = 0;
+    long long startMs = 0;
     int depth = 0;  // may exceed kMaxDepth; frames beyond it are not kept
     int callouts = 0;
     Frame frames[kMaxDepth];
@@ -168,9 +172,23 @@ int fail(int code, const char* func, const char* what) {
     return code;
 }
 
-// In the child only the forking thread runs: plain stores, no locks, nothing freed. Requests of
-// the parent become stale, and no record or id of the parent's agent is used again.
+// Registrations and a child's start-up are not cut in half by a fork.
+void beforeFork() {
+    childStartLock.lock();
+    methods.lock.lock();
+    backends.lock.lock();
+}
+
+void afterForkInParent() {
+    backends.lock.unlock();
+    methods.lock.unlock();
+    childStartLock.unlock();
+}
+
+// In the child only the forking thread runs: plain stores, nothing freed. Requests of the parent
+// become stale, and no record or id of the parent's agent is used again.
 void afterForkInChild() {
+    afterForkInParent();
     if (state.load(std::memory_order_relaxed) != kRunning) return;
     for (Slot& s : slots) {
         const uint32_t g = s.gen.load(std::memory_order_relaxed);
@@ -178,9 +196,6 @@ void afterForkInChild() {
     }
     forgetRecords(methods);
     forgetRecords(backends);
-    new (&childStartLock) std::mutex();
-    new (&methods.lock) std::mutex();
-    new (&backends.lock) std::mutex();
     forkedChild.store(1, std::memory_order_relaxed);
 }
 
@@ -295,7 +310,7 @@ QV_EXPORT int qv_ext_init(void) {
     if (!state.compare_exchange_strong(expected, kRunning, std::memory_order_acq_rel))
         return expected == kRunning ? QV_EXT_OK : fail(QV_EXT_E_STATE, __func__, "Agent was shut down");
     static pthread_once_t handlers = PTHREAD_ONCE_INIT;
-    pthread_once(&handlers, [] { pthread_atfork(nullptr, nullptr, afterForkInChild); });
+    pthread_once(&handlers, [] { pthread_atfork(beforeFork, afterForkInParent, afterForkInChild); });
     monoAtAnchorNs.store(monoNs(), std::memory_order_relaxed);
     wallAtAnchorMs.store(my_gettimeofday(), std::memory_order_relaxed);
     qvlb_register_modules();
@@ -347,6 +362,11 @@ QV_EXPORT int qv_ext_request_begin(const char* url, const char* bt_header_value,
         return QV_EXT_NOT_TRACED;
     }
     s->td = static_cast<QVPerThreadData_t*>(td);
+    {
+        QVLockGuard guard(s->td->sequenceBlobLock);
+        s->fpi = s->td->flowpathInstance;
+        s->startMs = s->td->tlFlowPathTimeStampInMS;
+    }
     *request = handleOf(index, s->gen.load(std::memory_order_relaxed));
     return QV_EXT_OK;
 }
@@ -424,8 +444,15 @@ QV_EXPORT int qv_ext_request_end(qv_ext_request request, int http_status, int er
         methodExitOf(s, m, ns);
     }
     QVPerThreadData_t* td = s->td;
-    endFPEx(td, http_status, nullptr, agentMsAt(ns), error);
-    reset(td);
+    bool stillOurs;
+    {
+        QVLockGuard guard(td->sequenceBlobLock);
+        stillOurs = td->flowpathInstance == s->fpi && td->tlFlowPathTimeStampInMS == s->startMs;
+    }
+    if (stillOurs) {
+        endFPEx(td, http_status, nullptr, agentMsAt(ns), error);
+        reset(td);
+    }
     releaseSlot(s);
     return QV_EXT_OK;
 }
