@@ -5,10 +5,10 @@
 #include <sys/wait.h>
 
 #include <chrono>
-#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "e2e/e2e_harness.h"
@@ -76,10 +76,7 @@ struct ExtEndToEnd : e2e::AgentTest {
         qv_store(dataConnRetryIntervalMs, 100);
         qv_store(controlPollTimeoutMs, 100LL);
         qv_store(controlReconnectPauseMs, 20LL);
-        const auto t0 = Clock::now();
         ASSERT_EQ(qv_ext_init(), QV_EXT_OK);
-        // Start-up never waits for the collector: nothing is traced before its start command.
-        EXPECT_LT(msBetween(t0, Clock::now()), 1000);
         ASSERT_TRUE(e2e::waitDataConnection(qvc_, 1)) << qvc_.events();
     }
     qv_ext_request begin(const std::string& url) {
@@ -222,10 +219,7 @@ TEST_F(ExtEndToEnd, WrongArgumentsAndStaleHandlesAreAnsweredAndLoggedOnce) {
     ASSERT_EQ(qv_ext_request_end(ended, 200, 0), QV_EXT_OK);
     const qv_ext_request live = begin("/ext/live");  // same slot, newer request
     const qv_ext_request forged = live ^ (uint64_t{2} << 32);
-    struct Case {
-        int got, want;
-    };
-    const Case cases[] = {
+    const std::pair<int, int> cases[] = {
         {qv_ext_request_begin(nullptr, nullptr, &r), QV_EXT_E_ARG},
         {qv_ext_request_begin("", nullptr, &r), QV_EXT_E_ARG},
         {qv_ext_request_begin("/x", nullptr, nullptr), QV_EXT_E_ARG},
@@ -249,7 +243,7 @@ TEST_F(ExtEndToEnd, WrongArgumentsAndStaleHandlesAreAnsweredAndLoggedOnce) {
         {qv_ext_request_end(live, 500, 0), QV_EXT_OK},  // closes the open method and callout
         {qv_ext_request_end(live, 500, 0), QV_EXT_E_HANDLE},
     };
-    for (size_t i = 0; i < std::size(cases); i++) EXPECT_EQ(cases[i].got, cases[i].want) << "case " << i;
+    for (size_t i = 0; i < std::size(cases); i++) EXPECT_EQ(cases[i].first, cases[i].second) << "case " << i;
     qv_ext_shutdown();
     EXPECT_EQ(qv_ext_request_begin("/x", nullptr, &r), QV_EXT_E_STATE);
     EXPECT_EQ(qv_ext_init(), QV_EXT_E_STATE);
