@@ -40,6 +40,7 @@ constexpr int kRecordHeadRoom = 256;
 constexpr int kHeaderRecordSize = 4096;
 constexpr int kResourceNameMax = 4000;
 constexpr int kCategoryNormal = 10;
+constexpr int kCategoryError = 13;
 
 // Upstream tier sequences, one QV_TIER_SEQ_SIZE slot per record (by tlsIdx), carved in chunks of
 // 64 slots on first need: the record has only a pointer for it and must not allocate per flowpath.
@@ -927,6 +928,10 @@ char* getFPInstanceFromTL(QVPerThreadData_t* qvTD) {
 }
 
 void endFP(QVPerThreadData_t* qvTD, int statusCode, char* TLS) {
+    endFPEx(qvTD, statusCode, TLS, 0, 0);
+}
+
+void endFPEx(QVPerThreadData_t* qvTD, int statusCode, char* TLS, long long endTime, int isError) {
     QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method called");
     if (qvTD == nullptr || !testRunning()) return;
     if (forwardsOnly()) {
@@ -944,12 +949,14 @@ void endFP(QVPerThreadData_t* qvTD, int statusCode, char* TLS) {
                     qvTD->flowpathInstance);
         return;
     }
-    qvTD->tlDuration = wrapSub(nowMs(), qvTD->tlFlowPathTimeStampInMS);
+    const long long end = endTime == 0 ? nowMs() : wrapSub(endTime, korEpoch());
+    qvTD->tlDuration = wrapSub(end, qvTD->tlFlowPathTimeStampInMS);
     qvTD->setEndFPFlag = 1;
     char beginRequest[] = QV_DEFAULT_METHOD_NAME;
     qvMethodExitEx(DefaultMethod, qvTD, beginRequest, 0, statusCode, nullptr, qvTD->tlDuration, 1, 0, 0, TLS);
 
-    const int category = categoryOf(qvTD);
+    // An excluded BT stays excluded; any other failed request is an error whatever its status.
+    const int category = isError != 0 && !qvTD->tlIsBTExcluded ? kCategoryError : categoryOf(qvTD);
     setCategory(qvTD, category);
     dumpCompleteLocked(qvTD, category, 0, qvTD->tlDuration);
     if (!qvTD->tlIsBTExcluded && qvFlowpathHooks.updateCounterAndDurationForBT != nullptr)

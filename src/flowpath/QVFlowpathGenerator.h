@@ -118,6 +118,10 @@ char* getFPInstanceFromTL(QVPerThreadData_t* qvTD);
 // is looked up by TLS. A null record, a stopped test run or a flowpath already ended: nothing.
 void endFP(QVPerThreadData_t* qvTD, int statusCode, char* TLS);
 
+// endFP with the end time endTime (agent clock milliseconds as startFP's startTimeFP; 0: now),
+// and with isError non-zero the category error (13) unless the BT is excluded.
+void endFPEx(QVPerThreadData_t* qvTD, int statusCode, char* TLS, long long endTime, int isError);
+
 // Gives the record back to the pool (after resetting it). A flowpath that was started and not
 // ended first gives back its generation reference and fpiToTLS entry. Forwarding process: the
 // reset is encoded first. A null record or a stopped test run: nothing. The caller must not use
