@@ -1,0 +1,393 @@
+// Harness of the proxy server tests: tools/qvproxy, tools/qvcollector and tools/qvworker as real
+// child processes, a client of the proxy's status query, and readers that split the collector's
+// captures by application instance.
+#ifndef QV_PROXY_HARNESS_H
+#define QV_PROXY_HARNESS_H
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "e2e/e2e_harness.h"
+#include "support/temp_home.h"
+
+namespace proxytest {
+
+namespace fs = std::filesystem;
+using e2e::kWaitMs;
+
+// A child process with its stdin and stdout on pipes. Its descriptors other than 0-2 are closed,
+// so no child keeps another one's pipe (or the proxy's sockets) open.
+class Child {
+  public:
+    Child() = default;
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    ~Child() { kill(SIGKILL); }
+
+    // env entries ("K=V") are added to this process's environment; stderr goes to errFile.
+    bool start(const std::string& path, const std::vector<std::string>& args, const std::vector<std::string>& env,
+               const std::string& errFile) {
+        std::vector<std::string> argv = {path};
+        argv.insert(argv.end(), args.begin(), args.end());
+        std::vector<std::string> envs = env;
+        for (char** e = environ; *e != nullptr; ++e) envs.emplace_back(*e);
+        std::vector<char*> cargv, cenv;
+        for (std::string& a : argv) cargv.push_back(a.data());
+        for (std::string& e : envs) cenv.push_back(e.data());
+        cargv.push_back(nullptr);
+        cenv.push_back(nullptr);
+        int in[2], out[2];
+        if (pipe2(in, O_CLOEXEC) != 0) return false;
+        if (pipe2(out, O_CLOEXEC) != 0) {
+            close(in[0]);
+            close(in[1]);
+            return false;
+        }
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(in[0], 0);
+            dup2(out[1], 1);
+            const int err = open(errFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+            if (err >= 0) dup2(err, 2);
+            close_range(3, ~0U, 0);
+            execve(path.c_str(), cargv.data(), cenv.data());
+            _exit(127);
+        }
+        close(in[0]);
+        close(out[1]);
+        stdin_ = in[1];
+        stdout_ = out[0];
+        return pid_ > 0;
+    }
+
+    pid_t pid() const { return pid_; }
+
+    bool send(const std::string& text) {
+        for (size_t done = 0; done < text.size();) {
+            const ssize_t w = stdin_ >= 0 ? write(stdin_, text.data() + done, text.size() - done) : -1;
+            if (w <= 0) return false;
+            done += static_cast<size_t>(w);
+        }
+        return true;
+    }
+
+    // The next line of its stdout without the newline; "" when none came within ms.
+    std::string readLine(int ms = kWaitMs) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        for (;;) {
+            const size_t nl = buffered_.find('\n');
+            if (nl != std::string::npos) {
+                std::string line = buffered_.substr(0, nl);
+                buffered_.erase(0, nl + 1);
+                return line;
+            }
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            pollfd p{stdout_, POLLIN, 0};
+            if (stdout_ < 0 || left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) return "";
+            char buf[4096];
+            const ssize_t n = read(stdout_, buf, sizeof(buf));
+            if (n <= 0) return "";
+            buffered_.append(buf, static_cast<size_t>(n));
+        }
+    }
+
+    // Sends one command line and returns the answer line.
+    std::string ask(const std::string& command) { return send(command + "\n") ? readLine() : ""; }
+
+    bool alive() {
+        int st = 0;
+        return pid_ > 0 && waitpid(pid_, &st, WNOHANG) == 0;
+    }
+
+    // Exit code once it ended (128 + signal when killed), -1 if it still runs after ms.
+    int waitExit(int ms = kWaitMs) {
+        int st = 0;
+        const bool ended = e2e::waitUntil([&] { return pid_ <= 0 || waitpid(pid_, &st, WNOHANG) == pid_; }, ms);
+        if (pid_ <= 0) return exitCode_;
+        if (!ended) return -1;
+        exitCode_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+        pid_ = -1;
+        closePipes();
+        return exitCode_;
+    }
+
+    void kill(int sig) {
+        if (pid_ > 0 && ::kill(pid_, sig) == 0 && sig == SIGKILL) waitExit(10000);
+    }
+
+  private:
+    void closePipes() {
+        if (stdin_ >= 0) close(stdin_);
+        if (stdout_ >= 0) close(stdout_);
+        stdin_ = stdout_ = -1;
+    }
+
+    pid_t pid_ = -1;
+    int stdin_ = -1;
+    int stdout_ = -1;
+    int exitCode_ = -1;
+    std::string buffered_;
+};
+
+inline std::string tool(const char* name) {
+    return std::string(QV_BINARY_DIR) + "/tools/" + name;
+}
+
+// The value of "key" in a JSON object text (a number), -1 when absent.
+inline long long jsonNumber(const std::string& json, const std::string& key) {
+    const size_t at = json.find("\"" + key + "\":");
+    return at == std::string::npos ? -1 : atoll(json.c_str() + at + key.size() + 3);
+}
+
+// The objects of the status reply's instances_detail, by tier name.
+inline std::map<std::string, std::string> instancesByTier(const std::string& status) {
+    std::map<std::string, std::string> out;
+    size_t at = status.find("\"instances_detail\"");
+    while (at != std::string::npos && (at = status.find('{', at)) != std::string::npos) {
+        const size_t end = status.find('}', at);
+        if (end == std::string::npos) break;
+        const std::string obj = status.substr(at, end - at + 1);
+        const size_t t = obj.find("\"tier\":\"");
+        if (t != std::string::npos) out[obj.substr(t + 8, obj.find('"', t + 8) - t - 8)] = obj;
+        at = end;
+    }
+    return out;
+}
+
+// qvproxy in its own agent home, reporting to the collector on collectorPort.
+class Proxy {
+  public:
+    bool start(int collectorPort, const std::vector<std::string>& extraArgs = {}) {
+        fs::create_directories(home_.path() + "logs");
+        home_.write("config/proxysetting.conf", "proxyPort=0\nqvcHost=127.0.0.1\nqvcPort=" +
+                                                    std::to_string(collectorPort) + "\n");
+        home_.write("config/processes.conf", "qvsdk|1\n");
+        socket_ = home_.path() + "qvproxy.sock";
+        std::vector<std::string> args = {"--port", "0", "--socket", socket_, "--status-interval", "1"};
+        args.insert(args.end(), extraArgs.begin(), extraArgs.end());
+        if (!child_.start(tool("qvproxy"), args, {"QVHOME=" + home_.path()}, home_.path() + "stderr.log"))
+            return false;
+        const std::string ready = child_.readLine();
+        const size_t p = ready.find("port=");
+        if (ready.rfind("qvproxy ready ", 0) != 0 || p == std::string::npos) return false;
+        port_ = atoi(ready.c_str() + p + 5);
+        return port_ > 0;
+    }
+
+    // One status query on the Unix socket: the JSON line, "" on failure.
+    std::string status() const {
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        snprintf(a.sun_path, sizeof(a.sun_path), "%s", socket_.c_str());
+        std::string reply;
+        if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 &&
+            write(fd, "status\n", 7) == 7) {
+            char buf[65536];
+            pollfd p{fd, POLLIN, 0};
+            while (reply.find('\n') == std::string::npos && poll(&p, 1, 10000) > 0) {
+                const ssize_t n = read(fd, buf, sizeof(buf));
+                if (n <= 0) break;
+                reply.append(buf, static_cast<size_t>(n));
+            }
+        }
+        if (fd >= 0) close(fd);
+        return reply.substr(0, reply.find('\n'));
+    }
+
+    long long figure(const std::string& key) const { return jsonNumber(status(), key); }
+
+    // Open descriptors of the proxy process.
+    int descriptors() const {
+        std::error_code ec;
+        int n = 0;
+        for (auto it = fs::directory_iterator("/proc/" + std::to_string(child_.pid()) + "/fd", ec);
+             !ec && it != fs::directory_iterator(); it.increment(ec))
+            ++n;
+        return n;
+    }
+
+    Child& process() { return child_; }
+    int port() const { return port_; }
+    const std::string& socketPath() const { return socket_; }
+    std::string log() const { return home_.traceLogs() + home_.read("stderr.log"); }
+
+  private:
+    TempAgentHome home_;
+    Child child_;
+    std::string socket_;
+    int port_ = 0;
+};
+
+// One application instance: its identity and the agent home its workers share (file names of
+// the logs carry the process id).
+struct Instance {
+    std::string tier, server, app;
+    TempAgentHome home;
+
+    Instance(std::string t, std::string s, std::string a) : tier(std::move(t)), server(std::move(s)), app(std::move(a)) {
+        fs::create_directories(home.path() + "logs");
+    }
+    // Workers reach the proxy on TCP, or on its Unix socket when unixPath is given.
+    void settings(int proxyPort, const std::string& unixPath = "") const {
+        std::string conf = "tier=" + tier + "\nserver=" + server + "\ninstance=" + app +
+                           "\nqvcHost=127.0.0.1\nqvcPort=1\nproxyMode=1\nproxyIP=127.0.0.1\nproxyPort=" +
+                           std::to_string(proxyPort) + "\n";
+        if (!unixPath.empty()) conf += "proxyConType=1\nproxySocketPath=" + unixPath + "\n";
+        home.write("config/qvsettings.conf", conf);
+    }
+    std::string vectorPrefix() const { return tier + ">" + server + ">" + app + ">"; }
+};
+
+// A qvworker process of an instance; start() returns once it is ready to trace.
+class Worker {
+  public:
+    // Starts the process; with wait, returns once it is ready (see ready()).
+    bool start(const Instance& inst, bool wait = true) {
+        // The agent keeps process-lifetime state the leak check would report; the worker is
+        // not what these tests check.
+        const char* asan = getenv("ASAN_OPTIONS");
+        const std::string opts = std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":detect_leaks=0";
+        return child_.start(tool("qvworker"), {}, {"QVHOME=" + inst.home.path(), opts},
+                            inst.home.path() + "worker-stderr.log") &&
+               (!wait || ready());
+    }
+    // True once the worker has its test run and data connection.
+    bool ready() { return child_.readLine().rfind("ready", 0) == 0; }
+    // Sends a command without waiting for its answer (answer() reads it): workers run at once.
+    bool command(const std::string& line) { return child_.send(line + "\n"); }
+    // The number after key in the next answer, -1 when it is missing.
+    long long answer(const std::string& key) { return traced(child_.readLine(), key); }
+    // count transactions of pairs method pairs on url; returns how many were traced, -1 on a
+    // missing answer. must: a refused transaction is retried until traced.
+    long long run(long long count, int pairs, const std::string& url, bool must = false) {
+        return command(runCommand(count, pairs, url, must)) ? answer("traced ") : -1;
+    }
+    static std::string runCommand(long long count, int pairs, const std::string& url, bool must = false) {
+        return "run " + std::to_string(count) + " " + std::to_string(pairs) + " " + url + (must ? " must" : "");
+    }
+    long long open(long long count, const std::string& url) {
+        return traced(child_.ask("open " + std::to_string(count) + " " + url), "opened ");
+    }
+    long long close() { return traced(child_.ask("close"), "closed "); }
+    bool quit() { return child_.send("quit\n") && child_.waitExit() == 0; }
+    Child& process() { return child_; }
+
+  private:
+    static long long traced(const std::string& reply, const std::string& key) {
+        const size_t at = reply.find(key);
+        return at == std::string::npos ? -1 : atoll(reply.c_str() + at + key.size());
+    }
+    Child child_;
+};
+
+// The collector's captures of one instance: its control, data and auto-sensor connections, told
+// apart by the tier name of their first line.
+struct Capture {
+    std::vector<std::string> control, data, as;
+
+    std::string allData() const {
+        std::string s;
+        for (const auto& d : data) s += d;
+        return s;
+    }
+    std::string allAs() const {
+        std::string s;
+        for (const auto& d : as) s += d;
+        return s;
+    }
+};
+
+inline std::map<std::string, Capture> capturesByTier(const std::string& outDir) {
+    std::map<std::string, Capture> out;
+    std::error_code ec;
+    for (auto it = fs::directory_iterator(outDir, ec); !ec && it != fs::directory_iterator(); it.increment(ec)) {
+        const std::string name = it->path().filename().string();
+        std::vector<std::string> Capture::*list = nullptr;
+        if (name.rfind("control-", 0) == 0 && name.ends_with(".log")) list = &Capture::control;
+        if (name.rfind("data-", 0) == 0) list = &Capture::data;
+        if (name.rfind("as-", 0) == 0) list = &Capture::as;
+        if (list == nullptr) continue;
+        const std::string text = e2e::readFile(it->path());
+        const size_t t = text.find("tierName=");
+        if (t == std::string::npos || t > text.find('\n')) continue;
+        (out[text.substr(t + 9, text.find_first_of(";,\n", t) - t - 9)].*list).push_back(text);
+    }
+    return out;
+}
+
+// Flowpath ids of the complete records of one type ("<type>,<id>,...").
+inline std::multiset<std::string> flowpathIds(const std::string& data, int type) {
+    const std::string prefix = std::to_string(type) + ",";
+    std::multiset<std::string> ids;
+    for (const auto& line : e2e::completeLines(data))
+        if (line.rfind(prefix, 0) == 0) ids.insert(line.substr(prefix.size(), line.find(',', prefix.size()) - prefix.size()));
+    return ids;
+}
+
+// Sum of the request counts (fifth value) of the 74 records: of the overall record, or of every
+// other BT. foreign is set when a 74 record does not carry prefix.
+inline long long btCount(const std::string& as, const std::string& prefix, bool overall, bool* foreign) {
+    long long sum = 0;
+    for (const auto& line : e2e::completeLines(as)) {
+        if (line.rfind("74,", 0) != 0) continue;
+        const size_t colon = line.find(':'), bar = line.rfind('|');
+        if (colon == std::string::npos || bar == std::string::npos || bar < colon) continue;
+        if (line.compare(colon + 1, prefix.size(), prefix) != 0) {
+            *foreign = true;
+            continue;
+        }
+        if ((line.compare(colon + 1 + prefix.size(), bar - colon - 1 - prefix.size(), "AllTransactions") == 0) !=
+            overall)
+            continue;
+        std::istringstream values(line.substr(bar + 1));
+        std::string v;
+        for (int i = 0; i < 5 && values >> v; ++i) {
+        }
+        sum += atoll(v.c_str());
+    }
+    return sum;
+}
+
+// Base of the cases: SIGPIPE off (a dead child's pipe must not end the test) and, with
+// QV_E2E_KEEP=<dir>, the collector's captures and the proxy's logs of a failed case kept.
+class ProxyTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        signal(SIGPIPE, SIG_IGN);
+        ASSERT_TRUE(fs::exists(tool("qvproxy"))) << "build the qvproxy target";
+    }
+    void TearDown() override {
+        const char* keep = getenv("QV_E2E_KEEP");
+        if (keep == nullptr || *keep == '\0' || !HasFailure()) return;
+        const fs::path dir = fs::path(keep) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
+        std::error_code ec;
+        fs::create_directories(dir, ec);
+        fs::copy(work_.path(), dir, fs::copy_options::recursive | fs::copy_options::overwrite_existing, ec);
+        std::ofstream(dir / "proxy.log") << proxy_.log();
+    }
+    std::string out(const std::string& name) const { return work_.path() + name; }
+
+    TempAgentHome work_;  // collector captures
+    Proxy proxy_;
+};
+
+}  // namespace proxytest
+
+#endif
