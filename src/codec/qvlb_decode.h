@@ -83,6 +83,53 @@ void freeFrameStrings(int type);
 // byte share a key.
 void fpiTlsMapKey(long flowpathinstance, char key[9]);
 
+// One worker connection of the proxy: its own five decode records (so a Reset acts on the last
+// End of this connection) and its own transactions. Each transaction is entered in the
+// instance's fpi_tls_map under a copied key made of the connection id and the flowpath
+// instance, so two connections that use the same instance never meet. Used by one thread at a
+// time (the proxy loop thread); the flowpath calls it makes act for the calling thread's instance,
+// which must be the connection's.
+struct QVDecodeConn;
+// The flowpath instances in flight in one application instance, shared by its connections: a
+// Transaction Start whose instance is already in flight on another connection gets the next free
+// number instead (the records carry that number). Loop thread only.
+struct QVDecodeIdSet;
+
+struct QVDecodeConnStats {
+    long long frames;      // frames handed to the decoder
+    long long started;     // transactions started
+    long long ended;       // transactions ended by their own End frame
+    long long renumbered;  // starts that got another instance number
+    long long garbage;     // bytes skipped outside frames, or frames that were refused
+};
+
+QVDecodeIdSet* qvlbDecodeIdSetCreate();
+void qvlbDecodeIdSetDestroy(QVDecodeIdSet* ids);
+
+// A connection's decoder for inst (whose fpi_tls_map must exist) with the given id, unique for
+// the process's life. Null when out of memory.
+QVDecodeConn* qvlbDecodeConnCreate(QVProxyInstance_t* inst, QVDecodeIdSet* ids, unsigned long long connId);
+
+// Decodes every whole frame at the start of buf (n bytes) and returns how many bytes were used;
+// the caller keeps the rest (an incomplete frame) and calls again when more bytes arrived. Bytes
+// outside frames are skipped. A header that cannot start a frame (header_len other than 12, a
+// type above 4, total_len below 17 or above QV_MSG_MAX_FRAME) is skipped byte by byte.
+size_t qvlbDecodeConnFeed(QVDecodeConn* c, char* buf, size_t n);
+
+// The connection is gone. Its transactions not yet ended are ended with endStatus while the
+// instance's test run is running (*interruptedEnded), else only given back (*interruptedReset);
+// every record it still holds is given back, its map entries removed. Then frees c.
+void qvlbDecodeConnClose(QVDecodeConn* c, int endStatus, long long* interruptedEnded,
+                         long long* interruptedReset);
+
+const QVDecodeConnStats& qvlbDecodeConnStats(const QVDecodeConn* c);
+// Transactions of c started and not yet ended.
+long long qvlbDecodeConnOpen(const QVDecodeConn* c);
+
+// Number under which a Transaction Start of fpi on c is traced (fpi, or the next number not in
+// flight in the instance). Internal to the decoder.
+long qvlbDecodeConnAssignId(QVDecodeConn* c, long fpi);
+
 // Clears the shared records (freeing any strings) and unbinds every instance. Tests only.
 void qvlb_decode_reset_for_test();
 
