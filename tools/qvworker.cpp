@@ -62,7 +62,8 @@ bool waitReady(long long ms) {
     while (std::chrono::steady_clock::now() < deadline) {
         QVProxyInstance_t* app = qvApplication;
         if (app != nullptr && qv_load(app->Server.testRunRunning) == 1 &&
-            qv_load(app->qvcDataSocket) != nullptr && (qv_load(app->QVSys.proxyMode) != 0 || qv_load(maxBuffers) > 0))
+            qv_load(app->qvcDataSocket) != nullptr &&
+            (qv_load(app->QVSys.proxyMode) != 0 || qv_load(maxBuffers) > 0))
             return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
@@ -127,7 +128,8 @@ int main(int argc, char** argv) {
         long long count = 0;
         int pairs = 0;
         char must[8] = "";
-        if (sscanf(line, "run %lld %d %2047s %7s", &count, &pairs, url, must) >= 3 && count >= 0 && pairs >= 1) {
+        if (sscanf(line, "run %lld %d %2047s %7s", &count, &pairs, url, must) >= 3 && count >= 0 &&
+            pairs >= 1) {
             const long long before = cpuMicros();
             const auto giveUp = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMs);
             long long traced = 0;

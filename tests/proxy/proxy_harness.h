@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "e2e/e2e_harness.h"
+#include "support/piped_child.h"
 #include "support/temp_home.h"
 
 namespace proxytest {
@@ -30,120 +31,7 @@ namespace proxytest {
 namespace fs = std::filesystem;
 using e2e::kWaitMs;
 
-// A child process with its stdin and stdout on pipes. Its descriptors other than 0-2 are closed,
-// so no child keeps another one's pipe (or the proxy's sockets) open.
-class Child {
-  public:
-    Child() = default;
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-    ~Child() { kill(SIGKILL); }
-
-    // env entries ("K=V") are added to this process's environment; stderr goes to errFile.
-    bool start(const std::string& path, const std::vector<std::string>& args, const std::vector<std::string>& env,
-               const std::string& errFile) {
-        std::vector<std::string> argv = {path};
-        argv.insert(argv.end(), args.begin(), args.end());
-        std::vector<std::string> envs = env;
-        for (char** e = environ; *e != nullptr; ++e) envs.emplace_back(*e);
-        std::vector<char*> cargv, cenv;
-        for (std::string& a : argv) cargv.push_back(a.data());
-        for (std::string& e : envs) cenv.push_back(e.data());
-        cargv.push_back(nullptr);
-        cenv.push_back(nullptr);
-        int in[2], out[2];
-        if (pipe2(in, O_CLOEXEC) != 0) return false;
-        if (pipe2(out, O_CLOEXEC) != 0) {
-            close(in[0]);
-            close(in[1]);
-            return false;
-        }
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(in[0], 0);
-            dup2(out[1], 1);
-            const int err = open(errFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-            if (err >= 0) dup2(err, 2);
-            close_range(3, ~0U, 0);
-            execve(path.c_str(), cargv.data(), cenv.data());
-            _exit(127);
-        }
-        close(in[0]);
-        close(out[1]);
-        stdin_ = in[1];
-        stdout_ = out[0];
-        return pid_ > 0;
-    }
-
-    pid_t pid() const { return pid_; }
-
-    bool send(const std::string& text) {
-        for (size_t done = 0; done < text.size();) {
-            const ssize_t w = stdin_ >= 0 ? write(stdin_, text.data() + done, text.size() - done) : -1;
-            if (w <= 0) return false;
-            done += static_cast<size_t>(w);
-        }
-        return true;
-    }
-
-    // The next line of its stdout without the newline; "" when none came within ms.
-    std::string readLine(int ms = kWaitMs) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-        for (;;) {
-            const size_t nl = buffered_.find('\n');
-            if (nl != std::string::npos) {
-                std::string line = buffered_.substr(0, nl);
-                buffered_.erase(0, nl + 1);
-                return line;
-            }
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            pollfd p{stdout_, POLLIN, 0};
-            if (stdout_ < 0 || left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) return "";
-            char buf[4096];
-            const ssize_t n = read(stdout_, buf, sizeof(buf));
-            if (n <= 0) return "";
-            buffered_.append(buf, static_cast<size_t>(n));
-        }
-    }
-
-    // Sends one command line and returns the answer line.
-    std::string ask(const std::string& command) { return send(command + "\n") ? readLine() : ""; }
-
-    bool alive() {
-        int st = 0;
-        return pid_ > 0 && waitpid(pid_, &st, WNOHANG) == 0;
-    }
-
-    // Exit code once it ended (128 + signal when killed), -1 if it still runs after ms.
-    int waitExit(int ms = kWaitMs) {
-        int st = 0;
-        const bool ended = e2e::waitUntil([&] { return pid_ <= 0 || waitpid(pid_, &st, WNOHANG) == pid_; }, ms);
-        if (pid_ <= 0) return exitCode_;
-        if (!ended) return -1;
-        exitCode_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-        pid_ = -1;
-        closePipes();
-        return exitCode_;
-    }
-
-    void kill(int sig) {
-        if (pid_ > 0 && ::kill(pid_, sig) == 0 && sig == SIGKILL) waitExit(10000);
-    }
-
-  private:
-    void closePipes() {
-        if (stdin_ >= 0) close(stdin_);
-        if (stdout_ >= 0) close(stdout_);
-        stdin_ = stdout_ = -1;
-    }
-
-    pid_t pid_ = -1;
-    int stdin_ = -1;
-    int stdout_ = -1;
-    int exitCode_ = -1;
-    std::string buffered_;
-};
+using Child = PipedChild;
 
 inline std::string tool(const char* name) {
     return std::string(QV_BINARY_DIR) + "/tools/" + name;
@@ -175,8 +63,8 @@ class Proxy {
   public:
     bool start(int collectorPort, const std::vector<std::string>& extraArgs = {}) {
         fs::create_directories(home_.path() + "logs");
-        home_.write("config/proxysetting.conf", "proxyPort=0\nqvcHost=127.0.0.1\nqvcPort=" +
-                                                    std::to_string(collectorPort) + "\n");
+        home_.write("config/proxysetting.conf",
+                    "proxyPort=0\nqvcHost=127.0.0.1\nqvcPort=" + std::to_string(collectorPort) + "\n");
         home_.write("config/processes.conf", "qvsdk|1\n");
         socket_ = home_.path() + "qvproxy.sock";
         std::vector<std::string> args = {"--port", "0", "--socket", socket_, "--status-interval", "1"};
@@ -241,7 +129,8 @@ struct Instance {
     std::string tier, server, app;
     TempAgentHome home;
 
-    Instance(std::string t, std::string s, std::string a) : tier(std::move(t)), server(std::move(s)), app(std::move(a)) {
+    Instance(std::string t, std::string s, std::string a)
+        : tier(std::move(t)), server(std::move(s)), app(std::move(a)) {
         fs::create_directories(home.path() + "logs");
     }
     // Workers reach the proxy on TCP, or on its Unix socket when unixPath is given.
@@ -263,7 +152,8 @@ class Worker {
         // The agent keeps process-lifetime state the leak check would report; the worker is
         // not what these tests check.
         const char* asan = getenv("ASAN_OPTIONS");
-        const std::string opts = std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":detect_leaks=0";
+        const std::string opts =
+            std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":detect_leaks=0";
         return child_.start(tool("qvworker"), {}, {"QVHOME=" + inst.home.path(), opts},
                             inst.home.path() + "worker-stderr.log") &&
                (!wait || ready());
@@ -273,27 +163,24 @@ class Worker {
     // Sends a command without waiting for its answer (answer() reads it): workers run at once.
     bool command(const std::string& line) { return child_.send(line + "\n"); }
     // The number after key in the next answer, -1 when it is missing.
-    long long answer(const std::string& key) { return traced(child_.readLine(), key); }
+    long long answer(const std::string& key) { return child_.answer(key); }
     // count transactions of pairs method pairs on url; returns how many were traced, -1 on a
     // missing answer. must: a refused transaction is retried until traced.
     long long run(long long count, int pairs, const std::string& url, bool must = false) {
         return command(runCommand(count, pairs, url, must)) ? answer("traced ") : -1;
     }
     static std::string runCommand(long long count, int pairs, const std::string& url, bool must = false) {
-        return "run " + std::to_string(count) + " " + std::to_string(pairs) + " " + url + (must ? " must" : "");
+        return "run " + std::to_string(count) + " " + std::to_string(pairs) + " " + url +
+               (must ? " must" : "");
     }
     long long open(long long count, const std::string& url) {
-        return traced(child_.ask("open " + std::to_string(count) + " " + url), "opened ");
+        return command("open " + std::to_string(count) + " " + url) ? answer("opened ") : -1;
     }
-    long long close() { return traced(child_.ask("close"), "closed "); }
+    long long close() { return command("close") ? answer("closed ") : -1; }
     bool quit() { return child_.send("quit\n") && child_.waitExit() == 0; }
     Child& process() { return child_; }
 
   private:
-    static long long traced(const std::string& reply, const std::string& key) {
-        const size_t at = reply.find(key);
-        return at == std::string::npos ? -1 : atoll(reply.c_str() + at + key.size());
-    }
     Child child_;
 };
 
@@ -317,7 +204,8 @@ struct Capture {
 inline std::map<std::string, Capture> capturesByTier(const std::string& outDir) {
     std::map<std::string, Capture> out;
     std::error_code ec;
-    for (auto it = fs::directory_iterator(outDir, ec); !ec && it != fs::directory_iterator(); it.increment(ec)) {
+    for (auto it = fs::directory_iterator(outDir, ec); !ec && it != fs::directory_iterator();
+         it.increment(ec)) {
         const std::string name = it->path().filename().string();
         std::vector<std::string> Capture::*list = nullptr;
         if (name.rfind("control-", 0) == 0 && name.ends_with(".log")) list = &Capture::control;
@@ -337,7 +225,8 @@ inline std::multiset<std::string> flowpathIds(const std::string& data, int type)
     const std::string prefix = std::to_string(type) + ",";
     std::multiset<std::string> ids;
     for (const auto& line : e2e::completeLines(data))
-        if (line.rfind(prefix, 0) == 0) ids.insert(line.substr(prefix.size(), line.find(',', prefix.size()) - prefix.size()));
+        if (line.rfind(prefix, 0) == 0)
+            ids.insert(line.substr(prefix.size(), line.find(',', prefix.size()) - prefix.size()));
     return ids;
 }
 
@@ -353,8 +242,8 @@ inline long long btCount(const std::string& as, const std::string& prefix, bool 
             *foreign = true;
             continue;
         }
-        if ((line.compare(colon + 1 + prefix.size(), bar - colon - 1 - prefix.size(), "AllTransactions") == 0) !=
-            overall)
+        if ((line.compare(colon + 1 + prefix.size(), bar - colon - 1 - prefix.size(), "AllTransactions") ==
+             0) != overall)
             continue;
         std::istringstream values(line.substr(bar + 1));
         std::string v;

@@ -130,7 +130,8 @@ TEST_F(QvProxy, EightWorkersOfTwoInstancesShareOneCollectorSessionPerInstance) {
         const auto heads = proxytest::flowpathIds(data, 2), ends = proxytest::flowpathIds(data, 4);
         EXPECT_EQ(static_cast<long long>(heads.size()), sent[k]);
         EXPECT_EQ(heads, ends);
-        EXPECT_EQ(std::set<std::string>(heads.begin(), heads.end()).size(), heads.size()) << "flowpath ids repeat";
+        EXPECT_EQ(std::set<std::string>(heads.begin(), heads.end()).size(), heads.size())
+            << "flowpath ids repeat";
         EXPECT_EQ(data.find(other.tier), std::string::npos);
         // The monitors count every transaction once, under this instance's names only.
         bool foreign = false;
@@ -198,7 +199,8 @@ TEST_F(QvProxy, WorkersKilledMidTransactionLeaveNoOpenRecordsNorDescriptors) {
     const auto settled = [&] {
         const std::string s = proxy_.status();
         return proxytest::jsonNumber(s, "workers") == 4 && sumOver(s, "open_flowpaths") == 0 &&
-               proxytest::jsonNumber(s, "interrupted_ended") + proxytest::jsonNumber(s, "interrupted_reset") ==
+               proxytest::jsonNumber(s, "interrupted_ended") +
+                       proxytest::jsonNumber(s, "interrupted_reset") ==
                    interrupted &&
                proxy_.descriptors() == descriptors;
     };
@@ -206,7 +208,8 @@ TEST_F(QvProxy, WorkersKilledMidTransactionLeaveNoOpenRecordsNorDescriptors) {
     const std::string status = proxy_.status();
     EXPECT_EQ(proxytest::jsonNumber(status, "workers"), 4) << status;
     EXPECT_EQ(sumOver(status, "open_flowpaths"), 0) << status;
-    EXPECT_EQ(proxytest::jsonNumber(status, "interrupted_ended") + proxytest::jsonNumber(status, "interrupted_reset"),
+    EXPECT_EQ(proxytest::jsonNumber(status, "interrupted_ended") +
+                  proxytest::jsonNumber(status, "interrupted_reset"),
               interrupted)
         << status;
     EXPECT_EQ(proxy_.descriptors(), descriptors);
@@ -285,7 +288,8 @@ TEST_F(QvProxy, KilledCollectorLosesNothingUncounted) {
 TEST_F(QvProxy, HostileConnectionsAffectOnlyThemselves) {
     e2e::Collector qvc;
     ASSERT_TRUE(qvc.start(out("qvc"), {}));
-    ASSERT_TRUE(proxy_.start(qvc.port(), {"--max-connections", "16", "--max-buffer", "65536"})) << proxy_.log();
+    ASSERT_TRUE(proxy_.start(qvc.port(), {"--max-connections", "16", "--max-buffer", "65536"}))
+        << proxy_.log();
     Instance a("TierA", "ServerA", "AppA");
     a.settings(proxy_.port());
     Worker good;
@@ -309,7 +313,8 @@ TEST_F(QvProxy, HostileConnectionsAffectOnlyThemselves) {
     const std::string hello =
         "qv_ctrl_msg_req:appName=qvsdk;qvAppServerHost=ServerA;tierName=TierA;pid=424242;agentType=php\n";
     ASSERT_EQ(write(ctrl, hello.data(), hello.size()), static_cast<ssize_t>(hello.size()));
-    const std::string req = "qv_data_msg_req:appName=qvsdk;qvAppServerHost=ServerA;tierName=TierA;pid=424242\n\n";
+    const std::string req =
+        "qv_data_msg_req:appName=qvsdk;qvAppServerHost=ServerA;tierName=TierA;pid=424242\n\n";
     std::string frames = req + frameHeader(3, 0) + std::string(48, 'x') + frameHeader(-40, 2) +
                          std::string(48, 'y') + frameHeader(0x7fffffff, 1) + std::string(70000, 'z');
     (void)!write(data, frames.data(), frames.size());
@@ -334,7 +339,8 @@ TEST_F(QvProxy, HostileConnectionsAffectOnlyThemselves) {
     ASSERT_TRUE(waitUntil([&] {
         const std::string d = proxytest::capturesByTier(out("qvc"))[a.tier].allData();
         return headersOf(d, "/good/during") == 100 && headersOf(d, "/good/after") == 20;
-    })) << qvc.events() << proxy_.status();
+    })) << qvc.events()
+        << proxy_.status();
     EXPECT_TRUE(proxy_.process().alive());
     close(silent);
 
