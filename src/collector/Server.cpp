@@ -104,6 +104,10 @@ bool isProxyServer() {
 // commands to its application processes).
 void forwardToInstanceProcesses(const char* data, int len) {
     QVProxyInstance_t* app = qvApplication;
+    if (qvServerHooks.forwardToProcesses != nullptr && data != nullptr && len > 0) {
+        qvServerHooks.forwardToProcesses(data, len);
+        return;
+    }
     if (app == nullptr || app->processInfo == nullptr || data == nullptr || len <= 0) return;
     for (int i = 0; i < app->processCount; ++i) {
         apr_socket_t* s = app->processInfo[i].sock;
@@ -119,7 +123,9 @@ void forwardToInstanceProcesses(const char* data, int len) {
 // "\n", the message, "\n": the framing the proxy uses towards its processes.
 void forwardFramed(const char* msg) {
     QVProxyInstance_t* app = qvApplication;
-    if (app == nullptr || app->processInfo == nullptr || msg == nullptr) return;
+    if (app == nullptr || (app->processInfo == nullptr && qvServerHooks.forwardToProcesses == nullptr) ||
+        msg == nullptr)
+        return;
     forwardToInstanceProcesses("\n", 1);
     forwardToInstanceProcesses(msg, static_cast<int>(strlen(msg)));
     forwardToInstanceProcesses("\n", 1);
@@ -399,6 +405,8 @@ void handleRunTimeChangeCase(char* msg) {
         sendRespenseRunTimeChange(0);
         return;
     }
+    // The proxy's workers follow the running test's settings, as they follow its start.
+    if (isProxyServer()) forwardFramed(msg);
     qv_store(isInstrProfRequested, 1);
     qv_store(isModifiedInstrProf, 0);
     qv_store(app->Server.isRuntimeApplied, 1);

@@ -20,6 +20,9 @@ struct QVServerHooks {
     void (*setToStopThread)(int stop);        // stop: tells the worker threads to stop
     void (*clearHashMapTable)();              // once per poll round of the control loop
     void (*processClientMessage)(char* msg);  // metadata request; may reply with controlConnectionSendBuffer
+    // The proxy server's relay to the processes of the acting instance; replaces the send to each
+    // processInfo socket (which another thread may be closing) when set.
+    void (*forwardToProcesses)(const char* data, int len);
 };
 extern QVServerHooks qvServerHooks;
 

@@ -244,6 +244,11 @@ const char* printable(const char* s, size_t len, char* out, size_t cap) {
 // Sends line and its newline to every process of the instance that has a socket.
 void forwardReply(const char* line, size_t len) {
     QVProxyInstance_t* app = qvApplication;
+    if (qvServerHooks.forwardToProcesses != nullptr) {
+        qvServerHooks.forwardToProcesses(line, static_cast<int>(len));
+        qvServerHooks.forwardToProcesses("\n", 1);
+        return;
+    }
     if (app == nullptr || app->processInfo == nullptr) return;
     for (int i = 0; i < app->processCount; ++i) {
         apr_socket_t* s = app->processInfo[i].sock;
@@ -648,9 +653,11 @@ void* APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t*, void*) {
         // honoured even after a fall-back to the master.
         connectToMaster = false;
         QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Going to clear old QVC servers configurartion");
-        if (!isProxyApplication() && !isClusterMode()) clear_qvc_server_setting();
+        // The proxy server's collector comes from its own settings file, read at start-up.
+        const bool proxyServer = qv_load(QVProxy.proxyServerFlag) != 0;
+        if (!isProxyApplication() && !isClusterMode() && !proxyServer) clear_qvc_server_setting();
         QV_TRACE_IF(ctlLevel() > 0, kModule, "Info", "Going to read configration file.");
-        if (read_conf_file() != 0) {
+        if (!proxyServer && read_conf_file() != 0) {
             QV_TRACE_IF(ctlLevel() > 0, kModule, "Error",
                         "Unable to read conf file, Going to sleep for [%lld] micro-seconds",
                         static_cast<long long>(retry_policy.time_interval));

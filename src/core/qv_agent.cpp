@@ -261,6 +261,7 @@ void qv_agent_reset_for_test() {
     qvlb_free(QVProxy.tierName, "QVProxy.tierName", -1);
     qvlb_free(QVProxy.appServerName, "QVProxy.appServerName", -1);
     qvlb_free(QVProxy.appName, "QVProxy.appName", -1);
+    qvlb_free(QVProxy.socketPath, "QVProxy.socketPath", -1);
     QVProxy = QVProxy_t{};
     QVAgentSetting = QVAgentSetting_t{};
     startedWithExc = 0;

@@ -119,6 +119,7 @@ struct QVProxy_t {
     char* tierName;
     char* appServerName;
     char* appName;
+    char* socketPath;  // Unix-domain socket the proxy server listens on ("proxySocketPath")
     char proxyHost[512];
 };
 

@@ -1,7 +1,8 @@
-// Proxy mode end to end, three real processes: an application in proxy mode (this binary run
-// again) sends frames to qvproxyloop, which writes the rebuilt records to a loopback collector;
-// this process runs the same transactions in direct mode against it. The two record streams,
-// heartbeats dropped and wall-clock milliseconds (ten or more digits) masked, must be equal.
+// Proxy mode end to end, four real processes: an application in proxy mode (this binary run
+// again) introduces itself to qvproxy and sends it frames; qvproxy writes the rebuilt records to
+// the collector simulator, which started the test; this process runs the same transactions in
+// direct mode against a loopback collector. The two record streams, heartbeats dropped and
+// wall-clock milliseconds (ten or more digits) masked, must be equal.
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -9,6 +10,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <regex>
 #include <thread>
 #include <vector>
@@ -94,7 +97,7 @@ pid_t spawn(const std::string& path, std::vector<std::string> args, int outFd) {
     return pid;
 }
 
-// Reads the "port N" line the tool prints; 0 when it does not come.
+// Reads the ready line qvproxy prints and returns its TCP port; 0 when it does not come.
 int readPort(int fd) {
     std::string line;
     while (line.find('\n') == std::string::npos) {
@@ -105,7 +108,8 @@ int readPort(int fd) {
         if (n <= 0) return 0;
         line.append(buf, static_cast<size_t>(n));
     }
-    return line.rfind("port ", 0) == 0 ? atoi(line.c_str() + 5) : 0;
+    const size_t p = line.find(" port=");
+    return line.rfind("qvproxy ready", 0) == 0 && p != std::string::npos ? atoi(line.c_str() + p + 6) : 0;
 }
 
 int waitExit(pid_t pid, int timeoutMs) {
@@ -127,48 +131,68 @@ TEST(ProxyEndToEnd, DISABLED_ApplicationSide) {
     const char* port = getenv("QV_E2E_PROXY_PORT");
     if (port == nullptr) GTEST_SKIP() << "run by ApplicationTransactionsAreRebuiltByTheProxy";
     auto home = makeHome();
-    home->write("config/qvsettings.conf", std::string("qvcHost=127.0.0.1\nqvcPort=1\nproxyMode=1\n") +
-                                              "proxyIP=127.0.0.1\nproxyPort=" + port + "\n");
-    // No collector behind the proxy loop: the control thread is not wanted.
-    QVProxyInstance_t* app = startAgent();
+    home->write("config/qvsettings.conf", std::string("tier=T\nserver=S\nqvcHost=127.0.0.1\nqvcPort=1\n") +
+                                              "proxyMode=1\nproxyIP=127.0.0.1\nproxyPort=" + port + "\n");
+    // The control thread introduces this process to the proxy, which relays the collector's start.
+    qv_init_internal(0);
+    QVProxyInstance_t* app = qvApplication;
     ASSERT_NE(app, nullptr);
-    qv_codec_register_hooks();
-    commonSettings(app);
-    ASSERT_NO_FATAL_FAILURE(startDataThread(app));
     for (int i = 0; i < kWaitMs / 10 && qv_load(app->qvcDataSocket) == nullptr; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_NE(qv_load(app->qvcDataSocket), nullptr);
+    commonSettings(app);
     runScenario();
     resetWholeAgent();
 }
 
 TEST(ProxyEndToEnd, ApplicationTransactionsAreRebuiltByTheProxy) {
-    const std::string tool = std::string(QV_BINARY_DIR) + "/tools/qvproxyloop";
-    ASSERT_TRUE(std::filesystem::exists(tool)) << "build the qvproxyloop target first: " << tool;
-    LoopbackPeer collector;
-    ASSERT_TRUE(collector.start());
+    const std::string tool = std::string(QV_BINARY_DIR) + "/tools/qvproxy";
+    const std::string qvc = std::string(QV_BINARY_DIR) + "/tools/qvcollector";
+    ASSERT_TRUE(std::filesystem::exists(tool) && std::filesystem::exists(qvc))
+        << "build qvproxy and qvcollector";
 
-    // The proxy, in its own home (QVHOME while it lives): its data connection is the collector's
-    // connection 0. It keeps the agent's process-lifetime state until it exits; a leak check at its
-    // exit (sanitizer builds) would report that state, not a fault of the run.
+    // The collector simulator starts the test with only the keywords both runs share.
+    auto collectorHome = makeHome();
+    const std::string portFile = collectorHome->path() + "qvc.port";
+    const std::string outDir = collectorHome->path() + "out";
+    const pid_t qvcPid = spawn(qvc,
+                               {"--port", "0", "--port-file", portFile, "--out", outDir, "--quiet",
+                                "--no-default-keywords", "--keyword", "bciInstrSessionPct=100", "--keyword",
+                                "maxCharInSeqBlob=60", "--heartbeat-interval", "0"},
+                               -1);
+    ASSERT_GT(qvcPid, 0);
+    auto fileText = [](const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    int qvcPort = 0;
+    for (int i = 0; i < kWaitMs / 10 && qvcPort == 0; ++i) {
+        qvcPort = atoi(fileText(portFile).c_str());
+        if (qvcPort == 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_GT(qvcPort, 0);
+
+    // The proxy, in its own home: its data connection is the collector's data connection 1. It
+    // keeps the agent's process-lifetime state until it exits; a leak check at its exit (sanitizer
+    // builds) would report that state, not a fault of the run.
     auto proxyHome = makeHome();
+    proxyHome->write("config/proxysetting.conf",
+                     "qvcHost=127.0.0.1\nqvcPort=" + std::to_string(qvcPort) + "\n");
     int out[2];
     ASSERT_EQ(pipe(out), 0);
     const char* asan = getenv("ASAN_OPTIONS");
     const std::string asanBefore = asan != nullptr ? asan : "";
     setenv("ASAN_OPTIONS", (asanBefore + ":detect_leaks=0").c_str(), 1);
-    const pid_t proxy = spawn(tool,
-                              {"--port", "0", "--collector", "127.0.0.1:" + std::to_string(collector.port()),
-                               "--keywords", "bciInstrSessionPct=100;maxCharInSeqBlob=60"},
-                              out[1]);
+    const pid_t proxy = spawn(tool, {"--port", "0", "--socket", proxyHome->path() + "proxy.sock"}, out[1]);
     setenv("ASAN_OPTIONS", asanBefore.c_str(), 1);
     close(out[1]);
     ASSERT_GT(proxy, 0);
     const int proxyPort = readPort(out[0]);
     close(out[0]);
     ASSERT_GT(proxyPort, 0);
-    ASSERT_TRUE(collector.waitForContains(0, kNewConn, kWaitMs));
 
+    LoopbackPeer collector;
+    ASSERT_TRUE(collector.start());
     // The application in proxy mode.
     const std::string self = std::filesystem::read_symlink("/proc/self/exe");
     setenv("QV_E2E_PROXY_PORT", std::to_string(proxyPort).c_str(), 1);
@@ -179,7 +203,7 @@ TEST(ProxyEndToEnd, ApplicationTransactionsAreRebuiltByTheProxy) {
     ASSERT_GT(appPid, 0);
     EXPECT_EQ(waitExit(appPid, 120000), 0);
 
-    // The same transactions in direct mode, here: the collector's connection 1.
+    // The same transactions in direct mode, here: the loopback collector's connection 0.
     auto home = makeHome();
     QVProxyInstance_t* app = startAgent();
     ASSERT_NE(app, nullptr);
@@ -190,25 +214,31 @@ TEST(ProxyEndToEnd, ApplicationTransactionsAreRebuiltByTheProxy) {
     active_qvc_idx = 0;
     qv_store(app->QVBCISetting.qvcPort, collector.port());
     ASSERT_NO_FATAL_FAILURE(startDataThread(app));
-    ASSERT_TRUE(collector.waitForContains(1, kNewConn, kWaitMs));
+    ASSERT_TRUE(collector.waitForContains(0, kNewConn, kWaitMs));
     runScenario();
 
-    auto records = [&](int conn) {
-        const std::string all = collector.bytes(conn);
+    auto records = [&](const std::string& all) {
         const size_t p = all.find(kNewConn);
         return p == std::string::npos ? std::string() : all.substr(p + kNewConn.size() - 1);
     };
-    EXPECT_TRUE(
-        collector.waitFor([&] { return countEnds(records(0)) >= 3 && countEnds(records(1)) >= 3; }, kWaitMs));
+    const std::string proxyData = outDir + "/data-1.rec";
+    EXPECT_TRUE(collector.waitFor(
+        [&] {
+            return countEnds(records(fileText(proxyData))) >= 3 &&
+                   countEnds(records(collector.bytes(0))) >= 3;
+        },
+        kWaitMs));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));  // let stray records show
-    const std::string viaProxy = normalise(records(0));
-    const std::string direct = normalise(records(1));
+    const std::string viaProxy = normalise(records(fileText(proxyData)));
+    const std::string direct = normalise(records(collector.bytes(0)));
     EXPECT_EQ(countEnds(direct), 3) << direct;
     EXPECT_NE(direct.find("\n3,"), std::string::npos) << direct;
     EXPECT_EQ(viaProxy, direct);
 
     kill(proxy, SIGTERM);
     EXPECT_EQ(waitExit(proxy, kWaitMs), 0);
+    kill(qvcPid, SIGTERM);
+    waitExit(qvcPid, kWaitMs);
     qvc_server_arr = nullptr;  // the entry above is not the configuration's to free
     server_arr_size = 0;
     active_qvc_idx = 0;
