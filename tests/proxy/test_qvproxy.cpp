@@ -66,6 +66,22 @@ std::string frameHeader(int totalLen, int type) {
     return f + "|";
 }
 
+// A Transaction Start of url and its Transaction End, as a worker encodes them.
+std::string transactionFrames(long fpi, const std::string& url) {
+    struct {
+        int lens[6];
+        long fpi, qTime, start;
+    } start{{0, static_cast<int>(url.size()) + 1, 0, 0, 0, 0}, fpi, 0, 0};
+    struct {
+        int status, pad;
+        long fpi;
+    } end{200, 0, fpi};
+    return frameHeader(static_cast<int>(12 + sizeof(start) + 3 + url.size() + 1), 2) +
+           std::string(reinterpret_cast<const char*>(&start), sizeof(start)) + url + "\n" + '\0' +
+           frameHeader(static_cast<int>(12 + sizeof(end) + 3), 3) +
+           std::string(reinterpret_cast<const char*>(&end), sizeof(end)) + "\n";
+}
+
 TEST_F(QvProxy, EightWorkersOfTwoInstancesShareOneCollectorSessionPerInstance) {
     e2e::Collector qvc;
     ASSERT_TRUE(qvc.start(out("qvc"), {"--keyword", "qvMonitorInterval=1"}));
@@ -76,6 +92,7 @@ TEST_F(QvProxy, EightWorkersOfTwoInstancesShareOneCollectorSessionPerInstance) {
     Worker workers[8];
     for (int i = 0; i < 8; ++i) ASSERT_TRUE(workers[i].start(i % 2 == 0 ? a : b, false));
     for (int i = 0; i < 8; ++i) ASSERT_TRUE(workers[i].ready()) << i << proxy_.log();
+    ASSERT_TRUE(e2e::waitDataConnection(qvc, 1) && e2e::waitDataConnection(qvc, 2)) << qvc.events();
 
     const auto url = [](int i) { return std::string(i % 2 == 0 ? "/a/w" : "/b/w") + std::to_string(i); };
     for (int i = 0; i < 8; ++i) ASSERT_TRUE(workers[i].command(Worker::runCommand(150 + 10 * i, 3, url(i))));
@@ -156,7 +173,8 @@ TEST_F(QvProxy, WorkersKilledMidTransactionLeaveNoOpenRecordsNorDescriptors) {
     e2e::Collector qvc;
     ASSERT_TRUE(qvc.start(out("qvc"), {}));
     ASSERT_TRUE(proxy_.start(qvc.port())) << proxy_.log();
-    Instance a("TierA", "ServerA", "AppA"), b("TierB", "ServerB", "AppB");
+    // One instance, its workers on TCP (a) and on the Unix socket (b).
+    Instance a("TierA", "ServerA", "AppA"), b("TierA", "ServerA", "AppA");
     a.settings(proxy_.port());
     b.settings(proxy_.port(), proxy_.socketPath());
     Worker load[4];
@@ -226,18 +244,18 @@ TEST_F(QvProxy, KilledCollectorLosesNothingUncounted) {
     ASSERT_TRUE(first.start(out("qvc1"), {}));
     const int port = first.port();
     ASSERT_TRUE(proxy_.start(port)) << proxy_.log();
-    Instance a("TierA", "ServerA", "AppA"), b("TierB", "ServerB", "AppB");
+    Instance a("TierA", "ServerA", "AppA"), b("TierA", "ServerA", "AppA");
     a.settings(proxy_.port());
     b.settings(proxy_.port(), proxy_.socketPath());
     Worker workers[4];
     for (int i = 0; i < 4; ++i) ASSERT_TRUE(workers[i].start(i % 2 == 0 ? a : b)) << proxy_.log();
+    ASSERT_TRUE(e2e::waitDataConnection(first, 1)) << first.events();
 
     long long before = 0, across = 0, during = 0, after = 0;
     for (Worker& w : workers) before += w.run(50, 3, "/before/kill");
     ASSERT_EQ(before, 200);
     const auto endRecords = [&](const std::string& dir) {
-        auto caps = proxytest::capturesByTier(out(dir));
-        return countRecords(caps[a.tier].allData(), 4) + countRecords(caps[b.tier].allData(), 4);
+        return countRecords(proxytest::capturesByTier(out(dir))[a.tier].allData(), 4);
     };
     ASSERT_TRUE(waitUntil([&] { return endRecords("qvc1") == before; })) << first.events();
     for (Worker& w : workers) across += w.open(3, "/open/across");
@@ -246,10 +264,7 @@ TEST_F(QvProxy, KilledCollectorLosesNothingUncounted) {
     for (Worker& w : workers) during += w.run(50, 3, "/during/outage");
 
     ASSERT_TRUE(second.start(out("qvc2"), {}, port));
-    ASSERT_TRUE(waitUntil([&] {
-        auto caps = proxytest::capturesByTier(out("qvc2"));
-        return caps[a.tier].data.size() == 1 && caps[b.tier].data.size() == 1;
-    })) << second.events();
+    ASSERT_TRUE(e2e::waitDataConnection(second, 1)) << second.events();
     for (Worker& w : workers) {
         EXPECT_EQ(w.close(), 3);
         after += w.run(50, 3, "/after/restart", true);
@@ -257,8 +272,7 @@ TEST_F(QvProxy, KilledCollectorLosesNothingUncounted) {
     ASSERT_EQ(after, 200);
     std::string data;
     ASSERT_TRUE(waitUntil([&] {
-        auto caps = proxytest::capturesByTier(out("qvc2"));
-        data = caps[a.tier].allData() + caps[b.tier].allData();
+        data = proxytest::capturesByTier(out("qvc2"))[a.tier].allData();
         return headersOf(data, "/after/restart") == after;
     })) << second.events();
 
@@ -288,12 +302,14 @@ TEST_F(QvProxy, KilledCollectorLosesNothingUncounted) {
 TEST_F(QvProxy, HostileConnectionsAffectOnlyThemselves) {
     e2e::Collector qvc;
     ASSERT_TRUE(qvc.start(out("qvc"), {}));
-    ASSERT_TRUE(proxy_.start(qvc.port(), {"--max-connections", "16", "--max-buffer", "65536"}))
+    ASSERT_TRUE(proxy_.start(qvc.port(), {"--max-connections", "16", "--max-buffer", "131072"}))
         << proxy_.log();
     Instance a("TierA", "ServerA", "AppA");
     a.settings(proxy_.port());
     Worker good;
     ASSERT_TRUE(good.start(a)) << proxy_.log();
+    // Records an instance makes before its data connection has its buffers are discarded.
+    ASSERT_TRUE(e2e::waitDataConnection(qvc, 1)) << qvc.events();
 
     // A connection that never speaks, held for the whole case.
     const int silent = tcpConnect(proxy_.port());
@@ -304,8 +320,8 @@ TEST_F(QvProxy, HostileConnectionsAffectOnlyThemselves) {
     std::string junk;
     for (int i = 0; i < 200000; ++i) junk.push_back(static_cast<char>(i % 7 == 0 ? '^' : (i * 131) & 0xff));
     (void)!write(garbage, junk.data(), junk.size());
-    // A worker's handshake and data request, then frames whose total_len cannot be right: too
-    // small, negative, and far beyond the receive buffer.
+    // A worker's handshake and data request, then frames whose total_len cannot be right (too
+    // small, negative, far beyond the receive buffer) and a good transaction: it is found.
     const int ctrl = tcpConnect(proxy_.port());
     const int data = tcpConnect(proxy_.port());
     ASSERT_GE(ctrl, 0);
@@ -316,9 +332,9 @@ TEST_F(QvProxy, HostileConnectionsAffectOnlyThemselves) {
     const std::string req =
         "qv_data_msg_req:appName=qvsdk;qvAppServerHost=ServerA;tierName=TierA;pid=424242\n\n";
     std::string frames = req + frameHeader(3, 0) + std::string(48, 'x') + frameHeader(-40, 2) +
-                         std::string(48, 'y') + frameHeader(0x7fffffff, 1) + std::string(70000, 'z');
+                         std::string(48, 'y') + frameHeader(0x7fffffff, 1) + std::string(70000, 'z') +
+                         transactionFrames(77, "/hostile/resync");
     (void)!write(data, frames.data(), frames.size());
-    EXPECT_TRUE(closedByPeer(data, e2e::kWaitMs)) << "a frame beyond --max-buffer was kept waiting for";
 
     // More connections than allowed: the surplus is closed, the good worker goes on.
     std::vector<int> flood;
@@ -338,9 +354,10 @@ TEST_F(QvProxy, HostileConnectionsAffectOnlyThemselves) {
     EXPECT_EQ(late.run(20, 3, "/good/after"), 20);
     ASSERT_TRUE(waitUntil([&] {
         const std::string d = proxytest::capturesByTier(out("qvc"))[a.tier].allData();
-        return headersOf(d, "/good/during") == 100 && headersOf(d, "/good/after") == 20;
+        return headersOf(d, "/good/during") == 100 && headersOf(d, "/good/after") == 20 &&
+               headersOf(d, "/hostile/resync") == 1;
     })) << qvc.events()
-        << proxy_.status();
+        << proxy_.status() << proxytest::capturesByTier(out("qvc"))[a.tier].allData();
     EXPECT_TRUE(proxy_.process().alive());
     close(silent);
 
