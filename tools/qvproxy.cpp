@@ -35,7 +35,8 @@ void usage(FILE* out) {
             "                         <home>/run/qvproxy.sock)\n"
             "  --socket-mode MODE     permissions of the socket file, octal (default 0600)\n"
             "  --max-connections N    worker connections at once; more are refused (default 1024)\n"
-            "  --max-buffer BYTES     receive buffer per connection (default 262144, at least 131072)\n"
+            "  --max-buffer BYTES     receive buffer per connection (default 262144, at least 4096); a\n"
+            "                         frame longer than it (or than 131072) is refused\n"
             "  --status-interval S    seconds between status lines in the trace log (default 60; 0 off)\n"
             "  -h, --help             this text\n");
 }
@@ -75,7 +76,7 @@ int main(int argc, char** argv) {
             ok = parseLong(v, 1, 1000000, &n);
             opts.maxConnections = static_cast<int>(n);
         } else if (a == "--max-buffer") {
-            ok = parseLong(v, 131072, 1L << 30, &n);
+            ok = parseLong(v, 4096, 1L << 30, &n);
             opts.maxBuffer = static_cast<size_t>(n);
         } else if (a == "--status-interval") {
             ok = parseLong(v, 0, 86400, &n);

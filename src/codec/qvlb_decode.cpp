@@ -336,6 +336,7 @@ struct QVDecodeConn {
     QVProxyInstance_t* inst = nullptr;
     QVDecodeIdSet* ids = nullptr;
     unsigned long long id = 0;
+    long long maxFrame = QV_MSG_MAX_FRAME;
     std::unordered_map<long, ConnTx> txs;  // by the instance number the worker sent
     long pendingTraced = 0;                // number given to the Start being handled
     long long open = 0;
@@ -493,13 +494,15 @@ void qvlbDecodeIdSetDestroy(QVDecodeIdSet* ids) {
     delete ids;
 }
 
-QVDecodeConn* qvlbDecodeConnCreate(QVProxyInstance_t* inst, QVDecodeIdSet* ids, unsigned long long connId) {
+QVDecodeConn* qvlbDecodeConnCreate(QVProxyInstance_t* inst, QVDecodeIdSet* ids, unsigned long long connId,
+                                   long long maxFrame) {
     if (inst == nullptr) return nullptr;
     auto* c = new (std::nothrow) QVDecodeConn();
     if (c == nullptr) return nullptr;
     c->inst = inst;
     c->ids = ids;
     c->id = connId;
+    c->maxFrame = maxFrame < QV_MSG_MAX_FRAME ? maxFrame : QV_MSG_MAX_FRAME;
     return c;
 }
 
@@ -529,7 +532,7 @@ size_t qvlbDecodeConnFeed(QVDecodeConn* c, char* buf, size_t n) {
         memcpy(&hdr, buf + i + 1, sizeof(hdr));
         const long long total = hdr.total_len;
         if (hdr.header_len != QV_MSG_HEADER_LEN || hdr.msg_type < QV_MSG_METHOD_ENTRY ||
-            hdr.msg_type > QV_MSG_TRANSACTION_RESET || total < kMinScan || total > QV_MSG_MAX_FRAME) {
+            hdr.msg_type > QV_MSG_TRANSACTION_RESET || total < kMinScan || total > c->maxFrame) {
             ++i;
             ++c->stats.garbage;
             continue;

@@ -107,13 +107,15 @@ QVDecodeIdSet* qvlbDecodeIdSetCreate();
 void qvlbDecodeIdSetDestroy(QVDecodeIdSet* ids);
 
 // A connection's decoder for inst (whose fpi_tls_map must exist) with the given id, unique for
-// the process's life. Null when out of memory.
-QVDecodeConn* qvlbDecodeConnCreate(QVProxyInstance_t* inst, QVDecodeIdSet* ids, unsigned long long connId);
+// the process's life; frames longer than maxFrame (at most QV_MSG_MAX_FRAME) are refused. Null
+// when out of memory.
+QVDecodeConn* qvlbDecodeConnCreate(QVProxyInstance_t* inst, QVDecodeIdSet* ids, unsigned long long connId,
+                                   long long maxFrame = QV_MSG_MAX_FRAME);
 
 // Decodes every whole frame at the start of buf (n bytes) and returns how many bytes were used;
 // the caller keeps the rest (an incomplete frame) and calls again when more bytes arrived. Bytes
 // outside frames are skipped. A header that cannot start a frame (header_len other than 12, a
-// type above 4, total_len below 17 or above QV_MSG_MAX_FRAME) is skipped byte by byte.
+// type above 4, total_len below 17 or above the connection's frame limit) is skipped byte by byte.
 size_t qvlbDecodeConnFeed(QVDecodeConn* c, char* buf, size_t n);
 
 // The connection is gone. Its transactions not yet ended are ended with endStatus while the

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <strings.h>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -73,6 +74,8 @@ const char kStatusQuery[] = "status";
 constexpr int kInterruptedStatus = 502;
 // Modify messages kept for workers that join a running test; more are rare and lost to them.
 constexpr size_t kMaxKeptModifies = 32;
+// Room for the longest request line a worker sends.
+constexpr size_t kMinBuffer = 4096;
 
 long long nowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -102,6 +105,9 @@ struct Instance {
     std::string keptReply;                  // the collector's handshake reply, for workers that come later
     std::string keptStart;                  // the running test's start message (startInstMsg), likewise
     std::vector<std::string> keptModifies;  // and the modify messages since that start
+    // Set when a start is relayed: the workers may send frames before this instance's own start
+    // finished, and those wait in their buffers until it has.
+    std::atomic<bool> starting{false};
     // Figures of connections already closed (loop thread).
     long long frames = 0, started = 0, ended = 0;
     std::unordered_map<long long, int> pids;  // worker processes with a live connection
@@ -307,27 +313,51 @@ void removePid(Instance* in, long long pid) {
 
 // ---- connections ----
 
+// The instance's start has run and its data connection is open.
+bool started(const Instance* in) {
+    return qv_load(in->app->Server.testRunRunning) != 0 && qv_load(in->app->qvcDataSocket) != nullptr;
+}
+
+// Frames that came before this instance's own start finished wait for it (not longer than their
+// buffer allows).
+bool holdsBack(const Conn& c) {
+    return c.len > 0 && c.inst->starting.load() && !started(c.inst);
+}
+
+void feedData(Conn& c, bool force = false) {
+    if (c.len == 0 || c.dec == nullptr) return;
+    if (holdsBack(c) && c.len < server->opts.maxBuffer && !force) return;
+    if (c.inst->starting.load() && started(c.inst)) c.inst->starting.store(false);
+    QVInstanceScope scope(c.inst->state);
+    const size_t used = qvlbDecodeConnFeed(c.dec, c.buf.get(), c.len);
+    memmove(c.buf.get(), c.buf.get() + used, c.len - used);
+    c.len -= used;
+}
+
+// The decoder of a closed connection: what it still holds is replayed, its open flowpaths are
+// ended or reset.
+void finishDecoder(Conn& c) {
+    feedData(c, true);
+    QVInstanceScope scope(c.inst->state);
+    const QVDecodeConnStats& st = qvlbDecodeConnStats(c.dec);
+    c.inst->frames += st.frames;
+    c.inst->started += st.started;
+    c.inst->ended += st.ended;
+    server->closedFrames += st.frames;
+    long long ended = 0, reset = 0;
+    qvlbDecodeConnClose(c.dec, kInterruptedStatus, &ended, &reset);
+    c.dec = nullptr;
+    if (ended + reset > 0)
+        QV_TRACE_IF(true, kModule, "Info",
+                    "Connection %llu of process %lld closed with %lld open flowpaths: %lld ended, %lld reset",
+                    c.id, c.pid, ended + reset, ended, reset);
+    server->interruptedEnded += ended;
+    server->interruptedReset += reset;
+    c.inst->ended += ended;
+}
+
 void closeConn(Conn& c) {
     if (c.fd < 0) return;
-    if (c.dec != nullptr) {
-        QVInstanceScope scope(c.inst->state);
-        const QVDecodeConnStats& st = qvlbDecodeConnStats(c.dec);
-        c.inst->frames += st.frames;
-        c.inst->started += st.started;
-        c.inst->ended += st.ended;
-        server->closedFrames += st.frames;
-        long long ended = 0, reset = 0;
-        qvlbDecodeConnClose(c.dec, kInterruptedStatus, &ended, &reset);
-        c.dec = nullptr;
-        if (ended + reset > 0)
-            QV_TRACE_IF(
-                true, kModule, "Info",
-                "Connection %llu of process %lld closed with %lld open flowpaths: %lld ended, %lld reset",
-                c.id, c.pid, ended + reset, ended, reset);
-        server->interruptedEnded += ended;
-        server->interruptedReset += reset;
-        c.inst->ended += ended;
-    }
     if (c.kind == Kind::Control && c.inst != nullptr) {
         std::lock_guard<std::mutex> g(c.inst->relayLock);
         auto& w = c.inst->workers;
@@ -342,6 +372,8 @@ void closeConn(Conn& c) {
     }
     if (c.kind == Kind::Control || c.kind == Kind::Data) removePid(c.inst, c.pid);
     c.fd = -1;
+    c.since = nowMs();
+    if (c.dec != nullptr && !holdsBack(c)) finishDecoder(c);
 }
 
 void answerStatus(Conn& c) {
@@ -359,9 +391,21 @@ void answerStatus(Conn& c) {
     closeConn(c);
 }
 
+// processes.conf can keep a pool away from the proxy: a row naming it (by prefix, in any case)
+// with flag 0. Pools it does not name are served.
+bool poolRefused(std::string_view pool) {
+    for (int i = 0; i < total_process_entries && processInfoStruct != nullptr; ++i) {
+        const char* name = processInfoStruct[i].processName;
+        if (name == nullptr || pool.empty() || strlen(name) < pool.size()) continue;
+        if (strncasecmp(name, pool.data(), pool.size()) == 0) return processInfoStruct[i].proxy_enabled == 0;
+    }
+    return false;
+}
+
 // A worker's handshake: joins (or founds) its instance and gets the collector's reply and the
 // running test's start message when they are known.
 bool startControl(Conn& c, std::string_view line) {
+    if (poolRefused(requestField(line, "agentName"))) return false;
     Instance* in = findOrCreateInstance(requestField(line, "appName"), requestField(line, "qvAppServerHost"),
                                         requestField(line, "tierName"));
     if (in == nullptr) return false;
@@ -403,7 +447,7 @@ bool startData(Conn& c, std::string_view line) {
                                   requestField(line, "tierName"));
     if (in == nullptr) return false;
     c.inst = in;
-    c.dec = qvlbDecodeConnCreate(in->app, in->ids, c.id);
+    c.dec = qvlbDecodeConnCreate(in->app, in->ids, c.id, static_cast<long long>(server->opts.maxBuffer));
     if (c.dec == nullptr) return false;
     c.kind = Kind::Data;
     addPid(in, c.pid);
@@ -476,13 +520,6 @@ bool takeLines(Conn& c) {
         c.dropLine = true;
     }
     return true;
-}
-
-void feedData(Conn& c) {
-    QVInstanceScope scope(c.inst->state);
-    const size_t used = qvlbDecodeConnFeed(c.dec, c.buf.get(), c.len);
-    memmove(c.buf.get(), c.buf.get() + used, c.len - used);
-    c.len -= used;
 }
 
 // Reads what the connection has. False: it is to be closed.
@@ -559,10 +596,15 @@ void periodic(long long now) {
         s->lastStatusMs = now;
         QV_TRACE_IF(true, kModule, "Info", "Status %s", qvProxyStatusJson().c_str());
     }
-    // Connections that never said who they are.
+    // Connections that never said who they are; frames held back while their instance started.
     const long long deadline = s->opts.firstLineTimeoutSec * 1000LL;
-    for (auto& c : s->conns)
+    for (auto& c : s->conns) {
         if (c->fd >= 0 && c->kind == Kind::Pending && now - c->since > deadline) closeConn(*c);
+        if (c->fd >= 0 && c->kind == Kind::Data) feedData(*c);
+        // A closed connection whose frames waited for the start: replayed once it is done.
+        if (c->fd < 0 && c->dec != nullptr && (!holdsBack(*c) || now - c->since > deadline))
+            finishDecoder(*c);
+    }
 }
 
 void loopBody() {
@@ -586,7 +628,8 @@ void loopBody() {
         if (fds[1].revents != 0) acceptAll(s->unixFd, true);
         periodic(nowMs());
         for (size_t i = s->conns.size(); i-- > 0;)
-            if (s->conns[i]->fd < 0) s->conns.erase(s->conns.begin() + static_cast<long>(i));
+            if (s->conns[i]->fd < 0 && s->conns[i]->dec == nullptr)
+                s->conns.erase(s->conns.begin() + static_cast<long>(i));
     }
 }
 
@@ -619,6 +662,7 @@ void qvProxyForwardToProcesses(const char* data, int len) {
     } else if (d.rfind("qv_control_req:action=start_instrumentation", 0) == 0) {
         in->keptStart.assign(d);
         in->keptModifies.clear();
+        in->starting.store(true);
     } else if (d.rfind("qv_control_req:action=stop_instrumentation", 0) == 0) {
         in->keptStart.clear();
         in->keptModifies.clear();
@@ -697,7 +741,7 @@ int qvProxyInit(const QVProxyOptions& opts) {
 
     auto* s = new Server();
     s->opts = opts;
-    if (s->opts.maxBuffer < static_cast<size_t>(QV_MSG_MAX_FRAME)) s->opts.maxBuffer = QV_MSG_MAX_FRAME;
+    if (s->opts.maxBuffer < kMinBuffer) s->opts.maxBuffer = kMinBuffer;
     const int port = opts.port >= 0 ? opts.port : QVProxy.proxyPort;
     s->tcpFd = listenTcp(QVProxy.proxyHost, port, &s->tcpPort);
     if (!opts.socketPath.empty())
@@ -736,7 +780,10 @@ void qvProxyShutdown() {
     if (s == nullptr) return;
     s->stop.store(1);
     if (s->loop.joinable()) s->loop.join();
-    for (auto& c : s->conns) closeConn(*c);
+    for (auto& c : s->conns) {
+        closeConn(*c);
+        if (c->dec != nullptr) finishDecoder(*c);
+    }
     const int n = s->instanceCount.load(std::memory_order_acquire);
     for (int i = 0; i < n; ++i) {
         QVInstanceScope scope(s->instances[i]->state);

@@ -13,7 +13,7 @@ struct QVProxyOptions {
     int port = -1;                  // TCP port; -1 takes proxyPort of the settings file, 0 picks one
     std::string socketPath;         // Unix socket; empty takes proxySocketPath, else <home>run/qvproxy.sock
     int maxConnections = 1024;      // worker connections at once; more are refused
-    size_t maxBuffer = 262144;      // receive buffer of one connection (at least one whole frame)
+    size_t maxBuffer = 262144;      // receive buffer of one connection; longer frames are refused
     int statusIntervalSec = 60;     // period of the status line in the trace log
     int socketMode = 0600;          // permissions of the Unix socket file
     int firstLineTimeoutSec = 10;   // a connection that does not introduce itself in time is closed

@@ -140,6 +140,10 @@ TEST(ProxyEndToEnd, DISABLED_ApplicationSide) {
     for (int i = 0; i < kWaitMs / 10 && qv_load(app->qvcDataSocket) == nullptr; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_NE(qv_load(app->qvcDataSocket), nullptr);
+    // Until the proxy's own data connection is up, its records would have nowhere to go.
+    const char* go = getenv("QV_E2E_GO");
+    for (int i = 0; i < kWaitMs / 10 && go != nullptr && !std::filesystem::exists(go); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     commonSettings(app);
     runScenario();
     resetWholeAgent();
@@ -196,11 +200,18 @@ TEST(ProxyEndToEnd, ApplicationTransactionsAreRebuiltByTheProxy) {
     // The application in proxy mode.
     const std::string self = std::filesystem::read_symlink("/proc/self/exe");
     setenv("QV_E2E_PROXY_PORT", std::to_string(proxyPort).c_str(), 1);
+    const std::string goFile = collectorHome->path() + "go";
+    setenv("QV_E2E_GO", goFile.c_str(), 1);
     const pid_t appPid = spawn(
         self, {"--gtest_filter=ProxyEndToEnd.DISABLED_ApplicationSide", "--gtest_also_run_disabled_tests"},
         -1);
     unsetenv("QV_E2E_PROXY_PORT");
+    unsetenv("QV_E2E_GO");
     ASSERT_GT(appPid, 0);
+    const std::string proxyData = outDir + "/data-1.rec";
+    for (int i = 0; i < kWaitMs / 10 && fileText(proxyData).find(kNewConn) == std::string::npos; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::ofstream(goFile).put('\n');
     EXPECT_EQ(waitExit(appPid, 120000), 0);
 
     // The same transactions in direct mode, here: the loopback collector's connection 0.
@@ -221,7 +232,6 @@ TEST(ProxyEndToEnd, ApplicationTransactionsAreRebuiltByTheProxy) {
         const size_t p = all.find(kNewConn);
         return p == std::string::npos ? std::string() : all.substr(p + kNewConn.size() - 1);
     };
-    const std::string proxyData = outDir + "/data-1.rec";
     EXPECT_TRUE(collector.waitFor(
         [&] {
             return countEnds(records(fileText(proxyData))) >= 3 &&
