@@ -5,6 +5,8 @@
 // mode, transactions per second, the workers' and the proxy's CPU time per transaction.
 //
 //   qvproxybench [--transactions N] [--workers W] [--pairs P] [--modes direct,tcp,unix]
+// The proxy's peak resident memory is reported too: workers that never reset their transactions
+// (the SDK) leave every record with the proxy until they disconnect.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -62,6 +64,7 @@ struct Result {
     std::string mode;
     long long traced = 0, delivered = 0;
     double seconds = 0, workerUsPerTx = 0, proxyUsPerTx = 0;
+    long long proxyPeakKb = 0;
     bool ok = false;
 };
 
@@ -161,6 +164,11 @@ Result runMode(const std::string& self, const std::string& mode, const fs::path&
         workerCpu += w[i]->answer("cpu_us ") - cpu0[i];
     }
     const long long proxyCpu = proxy.pid() > 0 ? processCpuMicros(proxy.pid()) - proxyCpu0 : 0;
+    if (proxy.pid() > 0) {
+        const std::string st = readFile("/proc/" + std::to_string(proxy.pid()) + "/status");
+        const size_t at = st.find("VmHWM:");
+        if (at != std::string::npos) r.proxyPeakKb = atoll(st.c_str() + at + 6);
+    }
     if (r.traced > 0) {
         r.workerUsPerTx = static_cast<double>(workerCpu) / static_cast<double>(r.traced);
         r.proxyUsPerTx = static_cast<double>(proxyCpu) / static_cast<double>(r.traced);
@@ -210,16 +218,21 @@ int main(int argc, char** argv) {
     const std::string self = fs::read_symlink("/proc/self/exe").string();
 
     printf("%lld transactions of %d method pairs on %d worker processes\n", total, pairs, workers);
-    printf("%-7s %10s %10s %9s %16s %15s\n", "mode", "tx/s", "delivered", "seconds", "worker CPU us/tx",
-           "proxy CPU us/tx");
+    printf("%-7s %10s %10s %9s %16s %15s %13s\n", "mode", "tx/s", "delivered", "seconds", "worker CPU us/tx",
+           "proxy CPU us/tx", "proxy peak MB");
     fflush(stdout);
     bool ok = true;
     std::stringstream list(modes);
     for (std::string mode; std::getline(list, mode, ',');) {
         const Result r = runMode(self, mode, root, total, workers, pairs);
-        printf("%-7s %10.0f %10lld %9.2f %16.2f %15s\n", mode.c_str(),
+        char proxyCpu[32] = "-", proxyMb[32] = "-";
+        if (mode != "direct") {
+            snprintf(proxyCpu, sizeof(proxyCpu), "%.2f", r.proxyUsPerTx);
+            snprintf(proxyMb, sizeof(proxyMb), "%.0f", r.proxyPeakKb / 1024.0);
+        }
+        printf("%-7s %10.0f %10lld %9.2f %16.2f %15s %13s\n", mode.c_str(),
                r.seconds > 0 ? r.delivered / r.seconds : 0.0, r.delivered, r.seconds, r.workerUsPerTx,
-               mode == "direct" ? "-" : std::to_string(r.proxyUsPerTx).substr(0, 8).c_str());
+               proxyCpu, proxyMb);
         fflush(stdout);
         ok = ok && r.ok;
     }
