@@ -123,25 +123,24 @@ class Proxy {
     int port_ = 0;
 };
 
-// One application instance: its identity and the agent home its workers share (file names of
-// the logs carry the process id).
+// One application instance: its identity (with the SDK's application name "qvsdk") and the agent
+// home its workers share (the file names of their logs carry the process id).
 struct Instance {
-    std::string tier, server, app;
+    std::string tier, server;
     TempAgentHome home;
 
-    Instance(std::string t, std::string s, std::string a)
-        : tier(std::move(t)), server(std::move(s)), app(std::move(a)) {
+    Instance(std::string t, std::string s) : tier(std::move(t)), server(std::move(s)) {
         fs::create_directories(home.path() + "logs");
     }
     // Workers reach the proxy on TCP, or on its Unix socket when unixPath is given.
     void settings(int proxyPort, const std::string& unixPath = "") const {
-        std::string conf = "tier=" + tier + "\nserver=" + server + "\ninstance=" + app +
+        std::string conf = "tier=" + tier + "\nserver=" + server +
                            "\nqvcHost=127.0.0.1\nqvcPort=1\nproxyMode=1\nproxyIP=127.0.0.1\nproxyPort=" +
                            std::to_string(proxyPort) + "\n";
         if (!unixPath.empty()) conf += "proxyConType=1\nproxySocketPath=" + unixPath + "\n";
         home.write("config/qvsettings.conf", conf);
     }
-    std::string vectorPrefix() const { return tier + ">" + server + ">" + app + ">"; }
+    std::string vectorPrefix() const { return tier + ">" + server + ">qvsdk>"; }
 };
 
 // A qvworker process of an instance; start() returns once it is ready to trace.
@@ -184,21 +183,11 @@ class Worker {
     Child child_;
 };
 
-// The collector's captures of one instance: its control, data and auto-sensor connections, told
+// The collector's captures of one instance, concatenated per kind of connection, which are told
 // apart by the tier name of their first line.
 struct Capture {
-    std::vector<std::string> control, data, as;
-
-    std::string allData() const {
-        std::string s;
-        for (const auto& d : data) s += d;
-        return s;
-    }
-    std::string allAs() const {
-        std::string s;
-        for (const auto& d : as) s += d;
-        return s;
-    }
+    int controls = 0, datas = 0, ases = 0;  // connections
+    std::string control, data, as;
 };
 
 inline std::map<std::string, Capture> capturesByTier(const std::string& outDir) {
@@ -206,16 +195,13 @@ inline std::map<std::string, Capture> capturesByTier(const std::string& outDir) 
     std::error_code ec;
     for (auto it = fs::directory_iterator(outDir, ec); !ec && it != fs::directory_iterator();
          it.increment(ec)) {
-        const std::string name = it->path().filename().string();
-        std::vector<std::string> Capture::*list = nullptr;
-        if (name.rfind("control-", 0) == 0 && name.ends_with(".log")) list = &Capture::control;
-        if (name.rfind("data-", 0) == 0) list = &Capture::data;
-        if (name.rfind("as-", 0) == 0) list = &Capture::as;
-        if (list == nullptr) continue;
-        const std::string text = e2e::readFile(it->path());
+        const std::string name = it->path().filename().string(), text = e2e::readFile(it->path());
         const size_t t = text.find("tierName=");
         if (t == std::string::npos || t > text.find('\n')) continue;
-        (out[text.substr(t + 9, text.find_first_of(";,\n", t) - t - 9)].*list).push_back(text);
+        Capture& c = out[text.substr(t + 9, text.find_first_of(";,\n", t) - t - 9)];
+        if (name.rfind("control-", 0) == 0 && name.ends_with(".log")) ++c.controls, c.control += text;
+        if (name.rfind("data-", 0) == 0) ++c.datas, c.data += text;
+        if (name.rfind("as-", 0) == 0) ++c.ases, c.as += text;
     }
     return out;
 }
@@ -235,41 +221,25 @@ inline std::multiset<std::string> flowpathIds(const std::string& data, int type)
 inline long long btCount(const std::string& as, const std::string& prefix, bool overall, bool* foreign) {
     long long sum = 0;
     for (const auto& line : e2e::completeLines(as)) {
-        if (line.rfind("74,", 0) != 0) continue;
         const size_t colon = line.find(':'), bar = line.rfind('|');
-        if (colon == std::string::npos || bar == std::string::npos || bar < colon) continue;
-        if (line.compare(colon + 1, prefix.size(), prefix) != 0) {
-            *foreign = true;
-            continue;
-        }
-        if ((line.compare(colon + 1 + prefix.size(), bar - colon - 1 - prefix.size(), "AllTransactions") ==
-             0) != overall)
-            continue;
+        if (line.rfind("74,", 0) != 0 || colon == std::string::npos || bar == std::string::npos) continue;
+        const std::string name = line.substr(colon + 1, bar - colon - 1);
+        *foreign = *foreign || name.rfind(prefix, 0) != 0;
+        if ((name == prefix + "AllTransactions") != overall) continue;
         std::istringstream values(line.substr(bar + 1));
-        std::string v;
-        for (int i = 0; i < 5 && values >> v; ++i) {
-        }
-        sum += atoll(v.c_str());
+        double v = 0;
+        for (int i = 0; i < 5; ++i) values >> v;
+        sum += static_cast<long long>(v);
     }
     return sum;
 }
 
-// Base of the cases: SIGPIPE off (a dead child's pipe must not end the test) and, with
-// QV_E2E_KEEP=<dir>, the collector's captures and the proxy's logs of a failed case kept.
+// Base of the cases: SIGPIPE off, so that a dead child's pipe does not end the test.
 class ProxyTest : public ::testing::Test {
   protected:
     void SetUp() override {
         signal(SIGPIPE, SIG_IGN);
         ASSERT_TRUE(fs::exists(tool("qvproxy"))) << "build the qvproxy target";
-    }
-    void TearDown() override {
-        const char* keep = getenv("QV_E2E_KEEP");
-        if (keep == nullptr || *keep == '\0' || !HasFailure()) return;
-        const fs::path dir = fs::path(keep) / ::testing::UnitTest::GetInstance()->current_test_info()->name();
-        std::error_code ec;
-        fs::create_directories(dir, ec);
-        fs::copy(work_.path(), dir, fs::copy_options::recursive | fs::copy_options::overwrite_existing, ec);
-        std::ofstream(dir / "proxy.log") << proxy_.log();
     }
     std::string out(const std::string& name) const { return work_.path() + name; }
 

@@ -95,8 +95,6 @@ class PipedChild {
         }
     }
 
-    // Sends one command line and returns the answer line.
-    std::string ask(const std::string& command) { return send(command + "\n") ? readLine() : ""; }
     // The number after key in the next line, -1 when it is missing.
     long long answer(const std::string& key) {
         const std::string line = readLine();
