@@ -359,7 +359,11 @@ QVPerThreadData_t* findTx(const Keys& k, long fpi) {
         fpiTlsMapKey(fpi, key);
     else
         connKey(k.conn, fpi, key, sizeof(key));
-    return static_cast<QVPerThreadData_t*>(search_hashmap(k.map, key));
+    auto* td = static_cast<QVPerThreadData_t*>(search_hashmap(k.map, key));
+    if (td == nullptr || k.conn == nullptr) return td;
+    // A test stop gives every busy record back; one that serves another transaction now is not ours.
+    auto it = k.conn->txs.find(fpi);
+    return it != k.conn->txs.end() && td->flowpathInstance == it->second.traced ? td : nullptr;
 }
 
 // Gives back a connection's transaction: map entry, in-flight number, and its record when asked.

@@ -327,8 +327,12 @@ bool holdsBack(const Conn& c) {
 void feedData(Conn& c, bool force = false) {
     if (c.len == 0 || c.dec == nullptr) return;
     if (holdsBack(c) && c.len < server->opts.maxBuffer && !force) return;
-    if (c.inst->starting.load() && started(c.inst)) c.inst->starting.store(false);
     QVInstanceScope scope(c.inst->state);
+    if (c.inst->starting.load() && started(c.inst)) {
+        // The send buffers come with the data connection; the first records must not find none.
+        buff_list_init();
+        c.inst->starting.store(false);
+    }
     const size_t used = qvlbDecodeConnFeed(c.dec, c.buf.get(), c.len);
     memmove(c.buf.get(), c.buf.get() + used, c.len - used);
     c.len -= used;
@@ -794,7 +798,22 @@ void qvProxyShutdown() {
         QVInstanceScope scope(s->instances[i]->state);
         qv_agent_shutdown_instance();
     }
+    qv_agent_shutdown();  // the process's own instance: its record pool's helper thread
     close(s->tcpFd);
     close(s->unixFd);
     unlink(s->unixPath.c_str());
+    // Nothing acts for the instances any more.
+    for (int i = 0; i < n; ++i) {
+        Instance* in = s->instances[i];
+        {
+            QVInstanceScope scope(in->state);
+            destroy_hashmap(in->app->fpi_tls_map);
+            in->app->fpi_tls_map = nullptr;
+        }
+        if (in->state != nullptr) qvlb_instance_destroy(in->state);
+        qvlbDecodeIdSetDestroy(in->ids);
+        delete in;
+    }
+    server = nullptr;
+    delete s;
 }
