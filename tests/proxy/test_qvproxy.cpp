@@ -79,7 +79,6 @@ TEST_F(QvProxy, EightWorkersOfTwoInstancesShareOneCollectorSessionPerInstance) {
     Worker workers[8];
     for (int i = 0; i < 8; ++i) ASSERT_TRUE(workers[i].start(i % 2 == 0 ? a : b, false));
     for (int i = 0; i < 8; ++i) ASSERT_TRUE(workers[i].ready()) << i << proxy_.log();
-    ASSERT_TRUE(e2e::waitDataConnection(qvc, 1) && e2e::waitDataConnection(qvc, 2)) << qvc.events();
 
     const auto url = [](int i) { return std::string(i % 2 == 0 ? "/a/w" : "/b/w") + std::to_string(i); };
     for (int i = 0; i < 8; ++i) ASSERT_TRUE(workers[i].command(Worker::runCommand(150 + 10 * i, 3, url(i))));
@@ -227,7 +226,6 @@ TEST_F(QvProxy, KilledCollectorLosesNothingUncounted) {
     b.settings(proxy_.port(), proxy_.socketPath());
     Worker workers[4];
     for (int i = 0; i < 4; ++i) ASSERT_TRUE(workers[i].start(i % 2 == 0 ? a : b)) << proxy_.log();
-    ASSERT_TRUE(e2e::waitDataConnection(first, 1)) << first.events();
 
     long long before = 0, across = 0, during = 0, after = 0;
     for (Worker& w : workers) before += w.run(50, 3, "/before/kill");
@@ -286,8 +284,6 @@ TEST_F(QvProxy, HostileConnectionsAffectOnlyThemselves) {
     a.settings(proxy_.port());
     Worker good;
     ASSERT_TRUE(good.start(a)) << proxy_.log();
-    // Records an instance makes before its data connection has its buffers are discarded.
-    ASSERT_TRUE(e2e::waitDataConnection(qvc, 1)) << qvc.events();
 
     // A connection that never speaks, held for the whole case.
     const int silent = tcpConnect(proxy_.port());
