@@ -33,6 +33,13 @@ using e2e::kWaitMs;
 
 using Child = PipedChild;
 
+// The agent keeps process-lifetime state (pools, registries) that a leak check at a child's exit
+// would report; the children's exits are not what these tests check.
+inline std::string noLeakCheck() {
+    const char* asan = getenv("ASAN_OPTIONS");
+    return std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":detect_leaks=0";
+}
+
 inline std::string tool(const char* name) {
     return std::string(QV_BINARY_DIR) + "/tools/" + name;
 }
@@ -69,7 +76,8 @@ class Proxy {
         socket_ = home_.path() + "qvproxy.sock";
         std::vector<std::string> args = {"--port", "0", "--socket", socket_, "--status-interval", "1"};
         args.insert(args.end(), extraArgs.begin(), extraArgs.end());
-        if (!child_.start(tool("qvproxy"), args, {"QVHOME=" + home_.path()}, home_.path() + "stderr.log"))
+        if (!child_.start(tool("qvproxy"), args, {"QVHOME=" + home_.path(), noLeakCheck()},
+                          home_.path() + "stderr.log"))
             return false;
         const std::string ready = child_.readLine();
         const size_t p = ready.find("port=");
@@ -148,12 +156,7 @@ class Worker {
   public:
     // Starts the process; with wait, returns once it is ready (see ready()).
     bool start(const Instance& inst, bool wait = true) {
-        // The agent keeps process-lifetime state the leak check would report; the worker is
-        // not what these tests check.
-        const char* asan = getenv("ASAN_OPTIONS");
-        const std::string opts =
-            std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") + ":detect_leaks=0";
-        return child_.start(tool("qvworker"), {}, {"QVHOME=" + inst.home.path(), opts},
+        return child_.start(tool("qvworker"), {}, {"QVHOME=" + inst.home.path(), noLeakCheck()},
                             inst.home.path() + "worker-stderr.log") &&
                (!wait || ready());
     }
