@@ -46,7 +46,6 @@ namespace {
 
 #define ipAggLock (backendMonitorState().ipAggLock)
 #define ipReportMutex (backendMonitorState().ipReportMutex)
-#define work (backendMonitorState().work)
 
 int ipTraceLevel() {
     return qvApplication ? qv_load(qvApplication->QVSys.backendMonTraceLevel) : 0;
@@ -89,6 +88,7 @@ void mergeModel(QVMonitorDataModel* model, void* ctx) {
                  aggSize);
         return;
     }
+    auto& work = backendMonitorState().work;
     for (int i = 0; i < size; i++) {
         QVBackendMonitorDataCounters* block = model->ipmDataArray[i];
         if (block == nullptr) continue;
@@ -216,6 +216,7 @@ bool generateAndDumpBackendMonitoringRecord(char* buf, int* len) {
         return false;
     }
     QVLockGuard report(qvMonitorLazyLock(&ipReportMutex));
+    auto& work = backendMonitorState().work;
     int size;
     {
         QVLockGuard guard(ipLock());
@@ -268,7 +269,7 @@ void QVBackendMonitorKeywordInit() {
 void qvBackendMonitorResetForTest() {
     {
         QVLockGuard report(qvMonitorLazyLock(&ipReportMutex));
-        qvMonitorWorkFree(&work, "backend monitor report");
+        qvMonitorWorkFree(&backendMonitorState().work, "backend monitor report");
     }
     qvlb_free(QVBackendMonitor.aggIPDataArr, "aggIPDataArr", -1);
     QVBackendMonitor = kStartValues;

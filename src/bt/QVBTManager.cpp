@@ -15,6 +15,7 @@
 #include "core/QVSys.h"
 #include "core/qv_agent.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
@@ -34,8 +35,19 @@ struct PatternTable {
 
 const char kTablePurpose[] = "BT pattern table";
 
-PatternTable* patternTable = nullptr;   // published, read with acquire
-PatternTable* buildingTable = nullptr;  // reader thread only
+struct PatternTableState {
+    PatternTable* patternTable = nullptr;   // published, read with acquire
+    PatternTable* buildingTable = nullptr;  // reader thread only
+};
+
+}  // namespace
+
+QV_INSTANCE_STATE(PatternTableState, patternTableState)
+
+namespace {
+
+#define patternTable (patternTableState().patternTable)
+#define buildingTable (patternTableState().buildingTable)
 
 void free_table(void* p) {
     auto* t = static_cast<PatternTable*>(p);

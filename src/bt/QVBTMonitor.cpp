@@ -13,12 +13,11 @@
 #include "core/qv_agent.h"
 #include "flowpath/QVPerThreadData.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
 #include "qvbt/qvbt_bt_object.h"
-
-QVBTMonitor_t QVBTMonitor = {};
 
 namespace {
 
@@ -31,14 +30,29 @@ constexpr double kUnsetMinReported = 500000.0;
 // Longest 74 record: prefixes (1087) + name (128) + 40 values of at most ~330 characters.
 constexpr int kLineSize = 16384;
 
-// Guards the merged array (which growth may move), the entries' tlBTObj and the prefixes. Held
-// only briefly by a report (never across the merge), as a request naming a new BT takes it.
-apr_thread_mutex_t* mergeLock = nullptr;
+struct BTMonitorState {
+    QVBTMonitor_t monitor = {};
+    // Guards the merged array (which growth may move), the entries' tlBTObj and the prefixes. Held
+    // only briefly by a report (never across the merge), as a request naming a new BT takes it.
+    apr_thread_mutex_t* mergeLock = nullptr;
+    // One report at a time, and the report's own merged counters (see QVMonitorWorkArray). Taken
+    // before mergeLock; no application thread takes it.
+    apr_thread_mutex_t* reportMutex = nullptr;
+    QVMonitorWorkArray<QVBTMonitorDataCounters> work;
+};
 
-// One report at a time, and the report's own merged counters (see QVMonitorWorkArray). Taken
-// before mergeLock; no application thread takes it.
-apr_thread_mutex_t* reportMutex = nullptr;
-QVMonitorWorkArray<QVBTMonitorDataCounters> work;
+}  // namespace
+
+QV_INSTANCE_STATE(BTMonitorState, btMonitorState)
+
+QVBTMonitor_t& qvBTMonitorOfInstance() {
+    return btMonitorState().monitor;
+}
+
+namespace {
+
+#define mergeLock (btMonitorState().mergeLock)
+#define reportMutex (btMonitorState().reportMutex)
 
 apr_thread_mutex_t* monitorLock() {
     apr_thread_mutex_t* m = qv_load_acquire(mergeLock);
@@ -116,6 +130,7 @@ void mergeModel(QVMonitorDataModel* m, void* ctx) {
                     aggSize);
         return;
     }
+    QVMonitorWorkArray<QVBTMonitorDataCounters>& work = btMonitorState().work;
     for (int i = 0; i < size; i++) {
         QVBTMonitorDataCounters* t = m->btmDataArray[i];
         // A block with nothing counted since the last merge must not make a record.
@@ -273,6 +288,7 @@ bool generateAndDumpBTMonitoringRecord(char* buf, int* usedLen) {
         return false;
     }
     QVLockGuard report(qvMonitorLazyLock(&reportMutex));
+    QVMonitorWorkArray<QVBTMonitorDataCounters>& work = btMonitorState().work;
     int size;
     {
         QVLockGuard guard(monitorLock());
@@ -380,7 +396,7 @@ int parseDoNotDiscardVal(char* value, char* keyword, int index) {
 
 void qvBTMonitorResetForTest() {
     QVLockGuard report(qvMonitorLazyLock(&reportMutex));
-    qvMonitorWorkFree(&work, "BT monitor report");
+    qvMonitorWorkFree(&btMonitorState().work, "BT monitor report");
     QVLockGuard guard(monitorLock());
     qvlb_free(QVBTMonitor.aggBTDataArr, kAggPurpose, -1);
     QVBTMonitor = QVBTMonitor_t{};

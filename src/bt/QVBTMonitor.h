@@ -28,7 +28,9 @@ struct QVBTMonitor_t {
     char doNotDisacrdAnyTransaction;  // keyword doNotDiscardFlowPaths: stores '0' for values >= 1
 };
 
-extern QVBTMonitor_t QVBTMonitor;
+// One per application instance (see foundation/qvlb_instance.h).
+QVBTMonitor_t& qvBTMonitorOfInstance();
+#define QVBTMonitor (qvBTMonitorOfInstance())
 
 // Start-up (from QVBTConfigModelInit): builds the prefixes, allocates and initialises the merged
 // array of 128 blocks when absent, and sets the defaults (isBTMonitorOn 1, maxBTCount 256, ...).

@@ -14,6 +14,7 @@
 #include "core/QVSettingRecords.h"
 #include "core/qv_agent.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
@@ -43,8 +44,18 @@ int bt_level() {
     return qvApplication ? qv_load(qvApplication->QVSys.btMonitorTraceLevel) : 0;
 }
 
-// The automaton the pattern pass is building; published by qvbt_read_rule_file.
-qvlbStateMachine* building_machine = nullptr;
+struct RuleReaderState {
+    // The automaton the pattern pass is building; published by qvbt_read_rule_file.
+    qvlbStateMachine* building_machine = nullptr;
+};
+
+}  // namespace
+
+QV_INSTANCE_STATE(RuleReaderState, ruleReaderState)
+
+namespace {
+
+#define building_machine (ruleReaderState().building_machine)
 
 void drop_building_machine() {
     qvbt_free_state_machine(building_machine);

@@ -6,13 +6,20 @@
 
 #include "core/qv_agent.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
 
 namespace {
-long long droppedRecords = 0;  // atomic through qv_load/__atomic_fetch_add
+struct DroppedRecordsState {
+    long long droppedRecords = 0;  // atomic through qv_load/__atomic_fetch_add
+};
 }  // namespace
+
+QV_INSTANCE_STATE(DroppedRecordsState, droppedRecordsState)
+
+#define droppedRecords (droppedRecordsState().droppedRecords)
 
 int handleSizeDataArr(void** dataArr, int oldLen, int id, int elemSize, const char* purpose) {
     if (dataArr == nullptr) return oldLen;

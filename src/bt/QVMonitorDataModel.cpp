@@ -14,41 +14,70 @@
 #include "flowpath/QVTlsPoolReserve.h"
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_hashmap.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_util.h"
-
-qvlb_hashmap_t* threadBasedModelMap = nullptr;
 
 namespace {
 
 const char* const kModule = "BT_MONITOR";
 constexpr int kInitialArrayBytes = QV_MONITOR_INITIAL_ARRAY_SIZE * 8;
 
-// Every model ever made, so the test reset can free those a destroyed registry no longer
-// reaches. Under the registry lock.
-QVMonitorDataModel** allModels = nullptr;
-int allModelCount = 0;
-int allModelCap = 0;
-
-// The registered models in registration order, readable without any lock so that a merge never
-// holds up a registration: fixed chunks that never move, filled under the registry lock, with
-// the count published last (release). registeredCount drops to 0 when the registry is emptied; the
-// chunks are kept for the next registrations. A reader that raced with that merges a model just
-// unregistered, which is harmless (models are never freed while the agent runs).
 constexpr int kChunkModels = 4096;
 constexpr int kMaxChunks = 4096;  // 16 M models; registration fails beyond
-QVMonitorDataModel** registeredChunks[kMaxChunks];
-int registeredCount = 0;
 
-// Next "#k" to try per thread identifier, so that the thousandth record sharing a number is
-// registered without probing the keys of the 999 before it. Under the registry lock; emptied with
-// the registry. Only a hint: the key is still checked before use. Never destroyed, as agent
-// threads may still register while the process exits.
-std::unordered_map<long long, int>& keySuffixes() {
-    static auto* map = new std::unordered_map<long long, int>;
-    return *map;
+// The model registry of one application instance.
+struct ModelRegistryState {
+    qvlb_hashmap_t* modelMap = nullptr;  // threadBasedModelMap
+    // Every model ever made, so the test reset can free those a destroyed registry no longer
+    // reaches. Under the registry lock.
+    QVMonitorDataModel** allModels = nullptr;
+    int allModelCount = 0;
+    int allModelCap = 0;
+    // The registered models in registration order, readable without any lock so that a merge
+    // never holds up a registration: fixed chunks that never move, filled under the registry lock,
+    // with the count published last (release). registeredCount drops to 0 when the registry is
+    // emptied; the chunks are kept for the next registrations. A reader that raced with that
+    // merges a model just unregistered, which is harmless (models are never freed while the agent
+    // runs).
+    QVMonitorDataModel** registeredChunks[kMaxChunks] = {};
+    int registeredCount = 0;
+    // Next "#k" to try per thread identifier, so that the thousandth record sharing a number is
+    // registered without probing the keys of the 999 before it. Under the registry lock; emptied
+    // with the registry; made on first use. Only a hint: the key is still checked before use.
+    std::unordered_map<long long, int>* keySuffixes = nullptr;
+    ~ModelRegistryState();
+};
+
+}  // namespace
+
+QV_INSTANCE_STATE(ModelRegistryState, modelRegistryState)
+
+qvlb_hashmap_t*& qvThreadBasedModelMapOfInstance() {
+    return modelRegistryState().modelMap;
+}
+
+namespace {
+
+// The process's own hints are never destroyed, as agent threads may still register while the
+// process exits.
+ModelRegistryState::~ModelRegistryState() {
+    if (this != &modelRegistryState_own) delete keySuffixes;
+}
+
+#define allModels (modelRegistryState().allModels)
+#define allModelCount (modelRegistryState().allModelCount)
+#define allModelCap (modelRegistryState().allModelCap)
+#define registeredChunks (modelRegistryState().registeredChunks)
+#define registeredCount (modelRegistryState().registeredCount)
+
+// Null when memory is short. Caller holds the registry lock.
+std::unordered_map<long long, int>* keySuffixes() {
+    std::unordered_map<long long, int>*& map = modelRegistryState().keySuffixes;
+    if (map == nullptr) map = new (std::nothrow) std::unordered_map<long long, int>;
+    return map;
 }
 
 // Slot for registration number i, allocating its chunk when needed. Caller holds the registry lock.
@@ -148,7 +177,8 @@ bool registerModel(long long threadId, QVMonitorDataModel* m) {
     // A number already taken by an earlier block's record: keep both models under distinct keys.
     int* hint = nullptr;
     try {
-        hint = &keySuffixes().try_emplace(threadId, 2).first->second;
+        if (std::unordered_map<long long, int>* suffixes = keySuffixes())
+            hint = &suffixes->try_emplace(threadId, 2).first->second;
     } catch (const std::bad_alloc&) {
         // Without the hint the keys are probed from "#2".
     }
@@ -276,7 +306,7 @@ void destroyQVMonitorDataModel() {
         return;
     }
     clear_hashmap(map);
-    keySuffixes().clear();
+    if (std::unordered_map<long long, int>* suffixes = modelRegistryState().keySuffixes) suffixes->clear();
     qv_store_release(registeredCount, 0);
     QV_TRACE_IF(methodLevel() > 0, "METHOD_MON", "Info", "Sucessfully destroyed the MonitorDataModel. %p",
                 static_cast<void*>(map));
@@ -356,7 +386,7 @@ void qvMonitorDataModelResetForTest() {
         registeredChunks[c] = nullptr;
     }
     registeredCount = 0;
-    keySuffixes().clear();
+    if (std::unordered_map<long long, int>* suffixes = modelRegistryState().keySuffixes) suffixes->clear();
     destroy_hashmap(registry());
     qv_store_release(threadBasedModelMap, static_cast<qvlb_hashmap_t*>(nullptr));
 }

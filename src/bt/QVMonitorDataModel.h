@@ -35,7 +35,9 @@ struct QVMonitorDataModel {
 // fewer than all earlier records are busy numbers its records from the busy count); the first is
 // registered under "<id>", later ones under "<id>#2", "<id>#3", ... so every model stays merged.
 // Lookups by thread identifier use "<id>" and so find the first model of that number.
-extern qvlb_hashmap_t* threadBasedModelMap;
+// One per application instance (see foundation/qvlb_instance.h).
+qvlb_hashmap_t*& qvThreadBasedModelMapOfInstance();
+#define threadBasedModelMap (qvThreadBasedModelMapOfInstance())
 
 // Creates threadBasedModelMap if absent (agent start-up; also done on first registration).
 void initThreadBasedModelMap();

@@ -12,6 +12,7 @@
 #include "collector/control_thread.h"
 #include "core/qv_agent.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
@@ -24,62 +25,33 @@ namespace {
 // is sent for and stored again, so that attempt neither counts a discard nor warns.
 thread_local bool firstAttempt = false;
 
-void countDiscard() {
+}  // namespace
+
+void qvCountASDiscard() {
     if (!firstAttempt) qvCountDiscard();
 }
 
-// Grows again (up to ASDataBuffMaxCount) when an initialisation finds no free buffer; nodes is
-// curBuffers.
-QVSendBufferPool asBuffers = {.growsWhenDrained = true,
-                              .countDiscard = countDiscard,
-                              .nodeTag = "auto sensor buffer node",
-                              .bufferTag = "auto sensor buffer"};
+QV_INSTANCE_STATE_DEFINE(QVAutoSensorState, qvAutoSensorState)
 
-}  // namespace
-
-nioSettings_t*& writeListAS = asBuffers.writeList;
-nioSettings_t*& writeListLastAS = asBuffers.writeListLast;
-int& writeListSizeAS = asBuffers.writeListSize;
-nioSettings_t*& readListAS = asBuffers.readList;
-nioSettings_t*& readListLastAS = asBuffers.readListLast;
-int& readListSizeAS = asBuffers.readListSize;
-nioSettings_t*& QVBCIAgentBBAS = asBuffers.agentBB;
-nioSettings_t*& QVCollectorBBAS = asBuffers.collectorBB;
-int& maxBuffersAS = asBuffers.maxBuffers;
-int& dataBufferSizeAS = asBuffers.bufferSize;
-int& curBuffers = asBuffers.nodes;
-apr_thread_mutex_t*& bufferWriteLockAS = asBuffers.writeLock;
-apr_thread_mutex_t*& bufferMoveLockAS = asBuffers.moveLock;
-apr_thread_mutex_t* counterLock = nullptr;
-socketInfo_t autoSensor = {};
-apr_thread_t* autoSensor_thread_id = nullptr;
-apr_pool_t* autoSensor_pool = nullptr;
-char autoSensor_err_buf[1024];
-int retryFlag = 0;
+#define asBuffers (qvAutoSensorState().buffers)
+#define retryFlag (qvAutoSensorState().retryFlag)
+#define asSendLock (qvAutoSensorState().sendLock)
+#define asSktLock (qvAutoSensorState().sktLock)
+#define asConnPool (qvAutoSensorState().connPool)
+#define asThreadStop (qvAutoSensorState().threadStop)
+#define totalDumpBytes (qvAutoSensorState().totalDumpBytes)
+#define totalSentToQVCBytes (qvAutoSensorState().totalSentToQVCBytes)
+#define msgCount (qvAutoSensorState().msgCount)
 
 namespace {
 
 const char* const kModule = "CONTROL_THREAD";
 
-// Sends on the connection and its close, as in the data dispatcher: the socket pointer changes
-// only with both held (send lock first); the close shuts the socket down under asSktLock alone
-// first so a send blocked on another thread returns.
-apr_thread_mutex_t* asSendLock = nullptr;
-apr_thread_mutex_t* asSktLock = nullptr;
-// Pool of the current connection's socket, destroyed with it.
-apr_pool_t* asConnPool = nullptr;
-// Set when the reporting thread is to end; polled with qv_load.
-int asThreadStop = 0;
-// Counters of the warning line (under counterLock).
-long long totalDumpBytes = 0;
-long long totalSentToQVCBytes = 0;
-long long msgCount = 0;
 // Set on the reporting thread while checkAndStopThreadAS flushes, so the sends of that flush do
 // not start another stop.
 thread_local bool inStopFlush = false;
 std::recursive_mutex& threadCtlMutex() {
-    static std::recursive_mutex m;
-    return m;
+    return qvAutoSensorState().threadCtl;
 }
 
 int ctlLevel() {
@@ -239,14 +211,14 @@ int dumpAndSendDataToQVC(char* data, int len, int flush) {
         // No room: send what is queued and store once more. The record is dropped (and counted)
         // only when that fails too.
         if (sendDataToQVC() < 0) {
-            countDiscard();
+            qvCountASDiscard();
             return rc;
         }
         rc = dumpASData(data, len);
         if (rc != 0) return rc;
     } else if (rc != 0) {
         // Cut (-3: part of it and a newline are stored) or no pool: a second store cannot help.
-        countDiscard();
+        qvCountASDiscard();
         return rc;
     }
     if (flush != 0) {
@@ -436,6 +408,13 @@ char* nioASDataDispatcherToString(char* buf, int len) {
         "bufferSize = %d, totalDumpBytes = %lld, totalSentToQVCBytes = %lld, MsgCount = %lld",
         wsize, rsize, made, maxCount, size, dumped, sent, msgs);
     return buf;
+}
+
+QVAutoSensorState::~QVAutoSensorState() {
+    // The process's own pool lives until exit: the reporting thread may still use it then.
+    if (this == &qvAutoSensorState_own) return;
+    qvPoolFree(buffers);
+    if (pool != nullptr) apr_pool_destroy(pool);
 }
 
 void nio_data_dispatcher_reset_for_test() {

@@ -8,34 +8,74 @@
 #include <apr_thread_mutex.h>
 #include <apr_thread_proc.h>
 
+#include <mutex>
+
 #include "collector/QVDataDispatcher.h"
+
+// countDiscard of the auto-sensor pool: a record dropped on the reporting thread's first store
+// attempt is not counted (it is sent for and stored again).
+void qvCountASDiscard();
+
+// The auto-sensor connection of one application instance (see foundation/qvlb_instance.h): its
+// pool, socket, reporting thread and locks. Reached through the module names below.
+struct QVAutoSensorState {
+    // Grows again (up to ASDataBuffMaxCount) when an initialisation finds no free buffer; nodes
+    // is curBuffers.
+    QVSendBufferPool buffers = {.growsWhenDrained = true,
+                                .countDiscard = qvCountASDiscard,
+                                .nodeTag = "auto sensor buffer node",
+                                .bufferTag = "auto sensor buffer"};
+    apr_thread_mutex_t* counterMutex = nullptr;
+    socketInfo_t conn = {};
+    apr_thread_t* thread = nullptr;
+    apr_pool_t* pool = nullptr;
+    char errBuf[1024] = {};
+    int retryFlag = 0;  // 1 after a send failure closed the connection; cleared by a new connection
+    // Sends on the connection and its close, as in the data dispatcher: the socket pointer changes
+    // only with both held (send lock first); the close shuts the socket down under sktLock alone
+    // first so a send blocked on another thread returns.
+    apr_thread_mutex_t* sendLock = nullptr;
+    apr_thread_mutex_t* sktLock = nullptr;
+    // Pool of the current connection's socket, destroyed with it.
+    apr_pool_t* connPool = nullptr;
+    // Set when the reporting thread is to end; polled with qv_load.
+    int threadStop = 0;
+    // Counters of the warning line (under counterMutex).
+    long long totalDumpBytes = 0;
+    long long totalSentToQVCBytes = 0;
+    long long msgCount = 0;
+    // Guards pool creation and thread between the control side and shutdown.
+    std::recursive_mutex threadCtl;
+    ~QVAutoSensorState();
+};
+QVAutoSensorState& qvAutoSensorState();
 
 // Fields of this connection's send-buffer pool under their module names, as in the data
 // dispatcher: the head of writeListAS is the buffer being filled (QVBCIAgentBBAS), the head of
 // readListAS the one being sent (QVCollectorBBAS). They change only with bufferMoveLockAS held
 // (and bufferWriteLockAS, taken first, by producers).
-extern nioSettings_t*& writeListAS;
-extern nioSettings_t*& writeListLastAS;
-extern int& writeListSizeAS;
-extern nioSettings_t*& readListAS;
-extern nioSettings_t*& readListLastAS;
-extern int& readListSizeAS;
-extern nioSettings_t*& QVBCIAgentBBAS;
-extern nioSettings_t*& QVCollectorBBAS;
-extern int& maxBuffersAS;      // ASDataBuffMaxCount at the last initialisation
-extern int& dataBufferSizeAS;  // bytes per buffer (bciASDataBufferMaxSize)
-extern int& curBuffers;        // buffers that exist now; never more than maxBuffersAS
+#define writeListAS (qvAutoSensorState().buffers.writeHead)
+#define writeListLastAS (qvAutoSensorState().buffers.writeTail)
+#define writeListSizeAS (qvAutoSensorState().buffers.writeCount)
+#define readListAS (qvAutoSensorState().buffers.readHead)
+#define readListLastAS (qvAutoSensorState().buffers.readTail)
+#define readListSizeAS (qvAutoSensorState().buffers.readCount)
+#define QVBCIAgentBBAS (qvAutoSensorState().buffers.agentBB)
+#define QVCollectorBBAS (qvAutoSensorState().buffers.collectorBB)
+#define maxBuffersAS (qvAutoSensorState().buffers.maxNodes)  // ASDataBuffMaxCount at the last initialisation
+#define dataBufferSizeAS \
+    (qvAutoSensorState().buffers.bufferSize)  // bytes per buffer (bciASDataBufferMaxSize)
+#define curBuffers \
+    (qvAutoSensorState().buffers.nodes)  // buffers that exist now; never more than maxBuffersAS
 // Nested mutexes in autoSensor_pool, created by ASNioInit and published with a release store.
-extern apr_thread_mutex_t*& bufferWriteLockAS;
-extern apr_thread_mutex_t*& bufferMoveLockAS;
-extern apr_thread_mutex_t* counterLock;  // byte and message counters
+#define bufferWriteLockAS (qvAutoSensorState().buffers.writeLock)
+#define bufferMoveLockAS (qvAutoSensorState().buffers.moveLock)
+#define counterLock (qvAutoSensorState().counterMutex)  // byte and message counters
 // The connection; its socket changes only under the module's send lock (use the functions).
-extern socketInfo_t autoSensor;
-extern apr_thread_t* autoSensor_thread_id;
-extern apr_pool_t* autoSensor_pool;
-extern char autoSensor_err_buf[1024];
-// 1 after a send failure closed the connection; cleared by a new connection.
-extern int retryFlag;
+#define autoSensor (qvAutoSensorState().conn)
+#define autoSensor_thread_id (qvAutoSensorState().thread)
+#define autoSensor_pool (qvAutoSensorState().pool)
+#define autoSensor_err_buf (qvAutoSensorState().errBuf)
 
 // Creates autoSensor_pool and the three mutexes if absent and logs "AutoSensor Thread started.".
 // Any thread; thread-safe.

@@ -7,12 +7,24 @@
 #include "collector/control_thread.h"
 #include "core/qv_agent.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_util.h"
 
-retryPolicy retry_policy;
+namespace {
+struct ServerConfigState {
+    retryPolicy policy = {};
+};
+}  // namespace
+
+QV_INSTANCE_STATE_DEFINE(ServerConfigState, serverConfigState)
+
+retryPolicy& qvRetryPolicyOfInstance() {
+    return serverConfigState().policy;
+}
+
 long long controlRetryIntervalMs = 60000;
 
 namespace {

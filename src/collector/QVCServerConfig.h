@@ -18,7 +18,9 @@ struct retryPolicy {
     apr_interval_time_t time_interval;                  // wait between attempts (microseconds)
     apr_interval_time_t health_check_request_interval;  // reserved
 };
-extern retryPolicy retry_policy;
+// One per application instance (see foundation/qvlb_instance.h).
+retryPolicy& qvRetryPolicyOfInstance();
+#define retry_policy (qvRetryPolicyOfInstance())
 
 // Wait between connection attempts in milliseconds, copied into retry_policy.time_interval by
 // init_qvc_server_config (default 60000). Tests shorten it before the control thread starts.

@@ -10,40 +10,23 @@
 #include "collector/control_thread.h"
 #include "core/qv_agent.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_sock.h"
 #include "foundation/qvlb_util.h"
 
-namespace {
+QV_INSTANCE_STATE_DEFINE(QVDataDispatcherState, qvDataDispatcherState)
 
-// Made once per process; nodes tells "no free buffer now" (-2) from "never initialised" (-99)
-// while every node sits in the send list.
-QVSendBufferPool dataBuffers = {.growsWhenDrained = false,
-                                .countDiscard = qvCountDiscard,
-                                .nodeTag = "data buffer node",
-                                .bufferTag = "data buffer"};
+#define dataBuffers (qvDataDispatcherState().buffers)
+#define dataSendLock (qvDataDispatcherState().sendLock)
+#define dataSktLock (qvDataDispatcherState().sktLock)
+#define dataThreadStop (qvDataDispatcherState().threadStop)
+#define dataThreadEnding (qvDataDispatcherState().threadEnding)
+#define heartBeatCountdown (qvDataDispatcherState().heartBeatCountdown)
+#define inRetryFlush (qvDataDispatcherState().inRetryFlush)
 
-}  // namespace
-
-nioSettings_t*& writeList = dataBuffers.writeList;
-nioSettings_t*& writeListLast = dataBuffers.writeListLast;
-int& writeListSize = dataBuffers.writeListSize;
-nioSettings_t*& readList = dataBuffers.readList;
-nioSettings_t*& readListLast = dataBuffers.readListLast;
-int& readListSize = dataBuffers.readListSize;
-nioSettings_t*& QVBCIAgentBB = dataBuffers.agentBB;
-nioSettings_t*& QVCollectorBB = dataBuffers.collectorBB;
-int& maxBuffers = dataBuffers.maxBuffers;
-int& dataBufferSize = dataBuffers.bufferSize;
-apr_thread_mutex_t*& bufferWriteLock = dataBuffers.writeLock;
-apr_thread_mutex_t*& bufferMoveLock = dataBuffers.moveLock;
-apr_thread_mutex_t* read_raw_file = nullptr;
-socketInfo_t dataSkt;
-apr_thread_t* data_thread_id = nullptr;
-apr_pool_t* data_pool = nullptr;
-int dumpHeartBeat = 0;
 int dataConnRetryIntervalMs = 60000;
 QVDispatcherHooks qvDispatcherHooks = {};
 
@@ -52,29 +35,8 @@ namespace {
 const char* const kModule = "CONTROL_THREAD";
 const long long kLoopSleepMs = 100;
 
-// Serialises every write to the data socket and its close, so records from the buffered
-// sends and from sendBufferDataCon never interleave and no send uses a closed descriptor.
-// Also makes the sender side (processData) single-consumer whoever calls it.
-apr_thread_mutex_t* dataSendLock = nullptr;
-// Guards dataSkt. The socket pointer changes only with both locks held (send lock first), so
-// holding either one is enough to read it.
-apr_thread_mutex_t* dataSktLock = nullptr;
-
-// Set when the data thread is to end; the thread polls it with qv_load.
-int dataThreadStop = 0;
-// Set by the data thread once it has decided to stop (its test run ended) and is writing out the
-// last records; a start arriving meanwhile waits for it instead of finding it "already there".
-int dataThreadEnding = 0;
-// Heartbeat countdown of handleHeartBeat (data thread only).
-int heartBeatCountdown = 0;
-// Set (under dataSendLock) while processData drains the buffers because the control
-// connection went away; keeps that drain from recursing into itself.
-bool inRetryFlush = false;
-
-// Guards data_pool creation and data_thread_id between the control side and shutdown.
 std::recursive_mutex& threadCtlMutex() {
-    static std::recursive_mutex m;
-    return m;
+    return qvDataDispatcherState().threadCtl;
 }
 
 int ctlLevel() {
@@ -495,6 +457,13 @@ void qv_data_thread_stop() {
     apr_thread_join(&st, data_thread_id);
     data_thread_id = nullptr;
     if (qvApplication != nullptr) qv_store(qvApplication->QVBCISetting.data_thread_running, 0);
+}
+
+QVDataDispatcherState::~QVDataDispatcherState() {
+    // The process's own pool lives until exit: producers may still write to it then.
+    if (this == &qvDataDispatcherState_own) return;
+    qvPoolFree(buffers);
+    if (pool != nullptr) apr_pool_destroy(pool);
 }
 
 void qv_data_dispatcher_reset_for_test() {

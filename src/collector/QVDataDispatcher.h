@@ -9,37 +9,77 @@
 #include <apr_thread_mutex.h>
 #include <apr_thread_proc.h>
 
+#include <mutex>
+
 #include "collector/QVSendBufferPool.h"
+
+// The data connection of one application instance (see foundation/qvlb_instance.h): its pool,
+// socket, thread and locks. Reached through the module names below.
+struct QVDataDispatcherState {
+    // Made once per instance; nodes tells "no free buffer now" (-2) from "never initialised" (-99)
+    // while every node sits in the send list.
+    QVSendBufferPool buffers = {.growsWhenDrained = false,
+                                .countDiscard = qvCountDiscard,
+                                .nodeTag = "data buffer node",
+                                .bufferTag = "data buffer"};
+    apr_thread_mutex_t* rawFileLock = nullptr;
+    socketInfo_t skt = {};
+    apr_thread_t* thread = nullptr;
+    apr_pool_t* pool = nullptr;
+    int heartBeats = 0;
+    // Serialises every write to the data socket and its close, so records from the buffered
+    // sends and from sendBufferDataCon never interleave and no send uses a closed descriptor.
+    // Also makes the sender side (processData) single-consumer whoever calls it.
+    apr_thread_mutex_t* sendLock = nullptr;
+    // Guards skt. The socket pointer changes only with both locks held (send lock first), so
+    // holding either one is enough to read it.
+    apr_thread_mutex_t* sktLock = nullptr;
+    // Set when the data thread is to end; the thread polls it with qv_load.
+    int threadStop = 0;
+    // Set by the data thread once it has decided to stop (its test run ended) and is writing out
+    // the last records; a start arriving meanwhile waits for it instead of finding it "already there".
+    int threadEnding = 0;
+    // Heartbeat countdown of handleHeartBeat (data thread only).
+    int heartBeatCountdown = 0;
+    // Set (under sendLock) while processData drains the buffers because the control connection
+    // went away; keeps that drain from recursing into itself.
+    bool inRetryFlush = false;
+    // Guards pool creation and thread between the control side and shutdown.
+    std::recursive_mutex threadCtl;
+    ~QVDataDispatcherState();
+};
+QVDataDispatcherState& qvDataDispatcherState();
 
 // Fields of this connection's send-buffer pool under their module names (other modules and
 // tests read them). They change only with bufferMoveLock held (and bufferWriteLock too, except
 // when the data thread queues its sent buffer back). The head of writeList is the buffer
 // producers fill (QVBCIAgentBB); the head of readList the one being sent (QVCollectorBB).
-extern nioSettings_t*& writeList;
-extern nioSettings_t*& writeListLast;
-extern int& writeListSize;
-extern nioSettings_t*& readList;
-extern nioSettings_t*& readListLast;
-extern int& readListSize;
-extern nioSettings_t*& QVBCIAgentBB;
-extern nioSettings_t*& QVCollectorBB;
-extern int& maxBuffers;      // node count, from QVSys.dataBuffMaxCount at pool creation
-extern int& dataBufferSize;  // bytes per node, from QVSys.bciDataBufferMaxSize at pool creation
-
+#define writeList (qvDataDispatcherState().buffers.writeHead)
+#define writeListLast (qvDataDispatcherState().buffers.writeTail)
+#define writeListSize (qvDataDispatcherState().buffers.writeCount)
+#define readList (qvDataDispatcherState().buffers.readHead)
+#define readListLast (qvDataDispatcherState().buffers.readTail)
+#define readListSize (qvDataDispatcherState().buffers.readCount)
+#define QVBCIAgentBB (qvDataDispatcherState().buffers.agentBB)
+#define QVCollectorBB (qvDataDispatcherState().buffers.collectorBB)
+// node count, from QVSys.dataBuffMaxCount at pool creation
+#define maxBuffers (qvDataDispatcherState().buffers.maxNodes)
+// bytes per node, from QVSys.bciDataBufferMaxSize at pool creation
+#define dataBufferSize (qvDataDispatcherState().buffers.bufferSize)
 // Nested mutexes in data_pool, created by check_data_thread (or buff_list_init) and published
 // with a release store: read them with qv_load_acquire. Order: bufferWriteLock before
 // bufferMoveLock. read_raw_file is created here for other modules' use.
-extern apr_thread_mutex_t*& bufferWriteLock;
-extern apr_thread_mutex_t*& bufferMoveLock;
-extern apr_thread_mutex_t* read_raw_file;
-
+#define bufferWriteLock (qvDataDispatcherState().buffers.writeLock)
+#define bufferMoveLock (qvDataDispatcherState().buffers.moveLock)
+#define read_raw_file (qvDataDispatcherState().rawFileLock)
 // The data connection. dataSkt.skt is written only with both the send lock and the socket
 // lock of this module held; use close_data_connection / sendBufferDataCon, never the socket
 // directly.
-extern socketInfo_t dataSkt;
-extern apr_thread_t* data_thread_id;
-extern apr_pool_t* data_pool;
-extern int dumpHeartBeat;  // heartbeats since they were last logged (data thread only)
+#define dataSkt (qvDataDispatcherState().skt)
+#define data_thread_id (qvDataDispatcherState().thread)
+#define data_pool (qvDataDispatcherState().pool)
+#define dumpHeartBeat \
+    (qvDataDispatcherState().heartBeats)  // heartbeats since they were last logged (data thread only)
 
 // Wait between data connection attempts, in milliseconds (default 60000). The wait ends early
 // when the agent stops, the thread is told to stop or the test run ends. Tests shorten it.

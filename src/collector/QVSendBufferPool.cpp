@@ -52,8 +52,8 @@ int qvPoolStore(QVSendBufferPool& p, const char* data, int len, int* wsize, int*
     }
     QVLockGuard guard(lock);
     const int rc = qvPoolAdd(p, data, len);
-    *wsize = p.writeListSize;
-    *rsize = p.readListSize;
+    *wsize = p.writeCount;
+    *rsize = p.readCount;
     return rc;
 }
 
@@ -110,19 +110,19 @@ void append(nioSettings_t*& head, nioSettings_t*& last, nioSettings_t* n) {
 // Moves the head of the free list to the send list (toRead) or back. The cursors are the list
 // heads, so they follow the lists. Caller holds moveLock.
 void moveHead(QVSendBufferPool& p, bool toRead) {
-    nioSettings_t*& from = toRead ? p.writeList : p.readList;
-    nioSettings_t*& fromLast = toRead ? p.writeListLast : p.readListLast;
-    nioSettings_t*& to = toRead ? p.readList : p.writeList;
-    nioSettings_t*& toLast = toRead ? p.readListLast : p.writeListLast;
+    nioSettings_t*& from = toRead ? p.writeHead : p.readHead;
+    nioSettings_t*& fromLast = toRead ? p.writeTail : p.readTail;
+    nioSettings_t*& to = toRead ? p.readHead : p.writeHead;
+    nioSettings_t*& toLast = toRead ? p.readTail : p.writeTail;
     nioSettings_t* n = from;
     if (n == nullptr) return;
     from = n->next;
     if (from == nullptr) fromLast = nullptr;
     append(to, toLast, n);
-    p.writeListSize += toRead ? -1 : 1;
-    p.readListSize += toRead ? 1 : -1;
-    p.agentBB = p.writeList;
-    p.collectorBB = p.readList;
+    p.writeCount += toRead ? -1 : 1;
+    p.readCount += toRead ? 1 : -1;
+    p.agentBB = p.writeHead;
+    p.collectorBB = p.readHead;
 }
 
 }  // namespace
@@ -178,7 +178,7 @@ void qvPoolFlush(QVSendBufferPool& p, int (*send)()) {
 bool qvPoolReady(QVSendBufferPool& p, int* existing) {
     QVLockGuard guard(qv_load_acquire(p.writeLock));
     *existing = p.nodes;
-    return p.growsWhenDrained ? p.writeList != nullptr : p.nodes > 0;
+    return p.growsWhenDrained ? p.writeHead != nullptr : p.nodes > 0;
 }
 
 int qvPoolAddNodes(QVSendBufferPool& p, int count, int size, int maxCount, int expected) {
@@ -202,29 +202,29 @@ int qvPoolAddNodes(QVSendBufferPool& p, int count, int size, int maxCount, int e
     }
     QVLockGuard write(qv_load_acquire(p.writeLock));
     QVLockGuard move(qv_load_acquire(p.moveLock));
-    const bool ready = p.growsWhenDrained ? p.writeList != nullptr : p.nodes > 0;
+    const bool ready = p.growsWhenDrained ? p.writeHead != nullptr : p.nodes > 0;
     if (ready || p.nodes != expected) {  // another caller won the race
         freeNodes(p, head);
         return ready ? 2 : 1;
     }
     // Not ready means the free list is empty: the new nodes are all of it.
-    p.writeList = head;
-    p.writeListLast = last;
-    p.writeListSize = count;
-    p.agentBB = p.writeList;
+    p.writeHead = head;
+    p.writeTail = last;
+    p.writeCount = count;
+    p.agentBB = p.writeHead;
     p.nodes += count;
-    p.maxBuffers = maxCount;
+    p.maxNodes = maxCount;
     p.bufferSize = size;
     return 0;
 }
 
 void qvPoolFree(QVSendBufferPool& p) {
-    freeNodes(p, p.writeList);
-    freeNodes(p, p.readList);
-    p.writeList = p.writeListLast = p.readList = p.readListLast = nullptr;
+    freeNodes(p, p.writeHead);
+    freeNodes(p, p.readHead);
+    p.writeHead = p.writeTail = p.readHead = p.readTail = nullptr;
     p.agentBB = p.collectorBB = nullptr;
-    p.writeListSize = p.readListSize = 0;
-    p.maxBuffers = p.bufferSize = p.nodes = 0;
+    p.writeCount = p.readCount = 0;
+    p.maxNodes = p.bufferSize = p.nodes = 0;
     qv_store(p.writeLock, nullptr);
     qv_store(p.moveLock, nullptr);
 }

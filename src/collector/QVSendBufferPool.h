@@ -32,20 +32,21 @@ struct socketInfo_t {
     apr_socket_t* skt;
 };
 
-// One pool. agentBB, the buffer producers fill, is always the head of writeList; collectorBB,
-// the one being sent, always the head of readList. Lists and cursors change only with moveLock held, and with
-// writeLock too except when the sender queues its sent buffer back; writeLock is taken first.
-// The locks are published with a release store: read them with qv_load_acquire.
+// One pool. agentBB, the buffer producers fill, is always the head of the free list (writeHead);
+// collectorBB, the one being sent, always the head of the send list (readHead). The fields are
+// named apart from the modules' writeList/readList names, which are macros over them. Lists and cursors
+// change only with moveLock held, and with writeLock too except when the sender queues its sent buffer back;
+// writeLock is taken first. The locks are published with a release store: read them with qv_load_acquire.
 struct QVSendBufferPool {
-    nioSettings_t* writeList = nullptr;
-    nioSettings_t* writeListLast = nullptr;
-    int writeListSize = 0;
-    nioSettings_t* readList = nullptr;
-    nioSettings_t* readListLast = nullptr;
-    int readListSize = 0;
+    nioSettings_t* writeHead = nullptr;
+    nioSettings_t* writeTail = nullptr;
+    int writeCount = 0;
+    nioSettings_t* readHead = nullptr;
+    nioSettings_t* readTail = nullptr;
+    int readCount = 0;
     nioSettings_t* agentBB = nullptr;
     nioSettings_t* collectorBB = nullptr;
-    int maxBuffers = 0;  // limit recorded at the last growth
+    int maxNodes = 0;    // limit recorded at the last growth
     int bufferSize = 0;  // bytes per node
     int nodes = 0;       // nodes that exist (under writeLock)
     apr_thread_mutex_t* writeLock = nullptr;

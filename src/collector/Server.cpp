@@ -26,16 +26,14 @@
 #include "core/qv_agent.h"
 #include "core/qvlb_keywords.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_sock.h"
 #include "foundation/qvlb_util.h"
 
 QVServerHooks qvServerHooks = {};
-int qvAgentHashMapChanged = 0;
-int isRunTime = 0;
-int isInstrProfRequested = 0;
-int isModifiedInstrProf = 0;
+QV_INSTANCE_STATE_DEFINE(QVServerState, qvServerState)
 long long stopDrainMinuteMs = 60000;
 
 namespace {

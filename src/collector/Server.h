@@ -26,15 +26,24 @@ struct QVServerHooks {
 };
 extern QVServerHooks qvServerHooks;
 
+// Command-handling flags of one application instance (see foundation/qvlb_instance.h).
+struct QVServerState {
+    int hashMapChanged = 0;
+    int runTime = 0;
+    int instrProfRequested = 0;
+    int modifiedInstrProf = 0;
+};
+QVServerState& qvServerState();
+
 // Set (qv_store) by a keyword handler when a modify changed one of the agent's hash maps; the
 // modify then calls buildAgentHashMap and clears it. Control thread.
-extern int qvAgentHashMapChanged;
+#define qvAgentHashMapChanged (qvServerState().hashMapChanged)
 // 1 while a modify's keywords are being applied (handlers may test it). Control thread.
-extern int isRunTime;
+#define isRunTime (qvServerState().runTime)
 // Instrumentation-profile exchange state of the last modify: a profile request is due, and
 // whether the profile was modified. Owned by the method registry's profile handling.
-extern int isInstrProfRequested;
-extern int isModifiedInstrProf;
+#define isInstrProfRequested (qvServerState().instrProfRequested)
+#define isModifiedInstrProf (qvServerState().modifiedInstrProf)
 
 // Minutes of the stop's drain wait are dumpremainingtstime times this many milliseconds
 // (default 60000). The wait ends early when the agent stops or the test run stops. Tests shorten it.

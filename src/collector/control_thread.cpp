@@ -19,18 +19,26 @@
 #include "core/QVSys.h"
 #include "core/qv_agent.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_sock.h"
 #include "foundation/qvlb_util.h"
 
-controlSocketBuffer_t ctrlBufInfo = {};
-socketInfo_t control = {};
-int isMasterQvc = 0;
-int heartbeat_count = 0;
-char health_check_fail = 0;
-char is_switch_over = 0;
+QV_INSTANCE_STATE_DEFINE(QVControlThreadState, qvControlThreadState)
+
+#define ctrlConn (qvControlThreadState().conn)
+#define ctrlSendLock (qvControlThreadState().sendLock)
+#define ctrlSktLock (qvControlThreadState().sktLock)
+#define ctrlConnPool (qvControlThreadState().connPool)
+#define peerHost (qvControlThreadState().peerHost)
+#define peerPort (qvControlThreadState().peerPort)
+#define discardingLongLine (qvControlThreadState().discardingLongLine)
+#define idleRounds (qvControlThreadState().idleRounds)
+#define connectToMaster (qvControlThreadState().connectToMaster)
+#define lastInvalidReply (qvControlThreadState().lastInvalidReply)
+
 long long controlPollTimeoutMs = 10000;
 long long controlReconnectPauseMs = 1000;
 
@@ -42,23 +50,6 @@ const char* const kReplyNotRunning = "qv_ctrl_msg_rep:result=Ok;status=NOT_RUNNI
 const char* const kReplyRunning = "qv_ctrl_msg_rep:result=Ok;status=RUNNING";
 const char* const kReplyOk = "qv_ctrl_msg_rep:result=Ok;";
 constexpr long long kPollSliceMs = 100;
-
-// Serialises sends on the control socket with its close. The socket pointer changes only with
-// both locks held (send lock first); the close shuts the socket down under the socket lock alone
-// first, so a send blocked on another thread returns and releases the send lock.
-apr_thread_mutex_t* ctrlSendLock = nullptr;
-apr_thread_mutex_t* ctrlSktLock = nullptr;
-// Pool of the current socket; destroyed with it.
-apr_pool_t* ctrlConnPool = nullptr;
-// Collector of the current (or last) connection; guarded by ctrlSktLock.
-char peerHost[1024];
-int peerPort = 0;
-
-// Receive-side state, control thread only.
-bool discardingLongLine = false;
-int idleRounds = 0;
-// Cluster mode: the next attempt goes to the master (entry 0) after the node failed.
-bool connectToMaster = false;
 
 char handshakeHost[257];
 std::once_flag handshakeHostOnce;
@@ -183,11 +174,11 @@ void setControlSocket(apr_socket_t* s, apr_pool_t* pool, const QVPeer& peer) {
     ensureLocks();
     QVLockGuard send(ctrlSendLock);
     QVLockGuard guard(ctrlSktLock);
-    memset(control.sourceIp, 0, sizeof(control.sourceIp));
-    memset(control.dstIp, 0, sizeof(control.dstIp));
-    get_src_addr(s, control.sourceIp, sizeof(control.sourceIp), &control.srcPort);
-    get_dst_addr(s, control.dstIp, sizeof(control.dstIp), &control.dstPort);
-    control.skt = s;
+    memset(ctrlConn.sourceIp, 0, sizeof(ctrlConn.sourceIp));
+    memset(ctrlConn.dstIp, 0, sizeof(ctrlConn.dstIp));
+    get_src_addr(s, ctrlConn.sourceIp, sizeof(ctrlConn.sourceIp), &ctrlConn.srcPort);
+    get_dst_addr(s, ctrlConn.dstIp, sizeof(ctrlConn.dstIp), &ctrlConn.dstPort);
+    ctrlConn.skt = s;
     ctrlConnPool = pool;
     snprintf(peerHost, sizeof(peerHost), "%s", peer.host);
     peerPort = peer.port;
@@ -198,13 +189,13 @@ void setControlSocket(apr_socket_t* s, apr_pool_t* pool, const QVPeer& peer) {
 // (or no whole line) came in time, -2 when the connection closed.
 int readReplyLine(controlSocketBuffer_t* buf, char* err, size_t errLen) {
     CtrlPoll poll;
-    if (poll.open(control.skt, err, errLen) != APR_SUCCESS) return -2;
+    if (poll.open(ctrlConn.skt, err, errLen) != APR_SUCCESS) return -2;
     for (;;) {
         const int cap = static_cast<int>(buf->read_len) - 1 - buf->writeOffset;
         if (cap <= 0) return buf->readBytes;
         const int w = poll.wait(qv_load(controlPollTimeoutMs), err, errLen);
         if (w <= 0) return buf->readBytes > 0 ? buf->readBytes : -1;
-        const int n = qvlb_read_bytes(control.skt, buf->read_socket_buf + buf->writeOffset, cap, err,
+        const int n = qvlb_read_bytes(ctrlConn.skt, buf->read_socket_buf + buf->writeOffset, cap, err,
                                       static_cast<int>(errLen));
         if (n == -2) return -2;
         if (n == -1) return buf->readBytes > 0 ? buf->readBytes : -1;
@@ -217,14 +208,11 @@ int readReplyLine(controlSocketBuffer_t* buf, char* err, size_t errLen) {
     }
 }
 
-// Last invalid reply, for the control thread's "Unexpected response" line.
-char lastInvalidReply[512];
-
 void closeForInvalidReply(const char* shown) {
     snprintf(lastInvalidReply, sizeof(lastInvalidReply), "%s", shown);
     QV_TRACE_IF(ctlLevel() > 0, kModule, "Error",
                 "Going to close control connection with server %s:%d due to invalid message receive %s",
-                control.dstIp, control.dstPort, shown);
+                ctrlConn.dstIp, ctrlConn.dstPort, shown);
     control_connection_cleanup();
     QV_TRACE_IF(ctlLevel() > 0, kModule, "Error",
                 "Control connection was closed. Invalid message receive,'%s'.", shown);
@@ -362,7 +350,7 @@ bool send_control_con_req_msg_to_qvc() {
 char rec_control_con_rep_msg_from_qvc(controlSocketBuffer_t* buf) {
     QV_TRACE_IF(ctlLevel() == 4, kModule, "Info", "Method called");
     QVProxyInstance_t* app = qvApplication;
-    if (app == nullptr || buf == nullptr || buf->read_socket_buf == nullptr || control.skt == nullptr)
+    if (app == nullptr || buf == nullptr || buf->read_socket_buf == nullptr || ctrlConn.skt == nullptr)
         return 0;
     char err[1024] = "";
     char shown[4096];
@@ -471,7 +459,7 @@ void processControlConnectionMessage(controlSocketBuffer_t* buf) {
 
 int read_msg_from_qvc(controlSocketBuffer_t* buf) {
     QVProxyInstance_t* app = qvApplication;
-    if (app == nullptr || buf == nullptr || buf->read_socket_buf == nullptr || control.skt == nullptr)
+    if (app == nullptr || buf == nullptr || buf->read_socket_buf == nullptr || ctrlConn.skt == nullptr)
         return 1;
     char err[1024] = "";
     const int cap = static_cast<int>(buf->read_len) - 1 - buf->writeOffset;
@@ -480,7 +468,7 @@ int read_msg_from_qvc(controlSocketBuffer_t* buf) {
         return 0;
     }
     const int n =
-        qvlb_read_bytes(control.skt, buf->read_socket_buf + buf->writeOffset, cap, err, sizeof(err));
+        qvlb_read_bytes(ctrlConn.skt, buf->read_socket_buf + buf->writeOffset, cap, err, sizeof(err));
     if (n == -1) {
         QV_TRACE_IF(ctlLevel() > 0, kModule, "Error",
                     "Received partial line from qvc. Hence Returning. Error Buffer = %s", err);
@@ -537,10 +525,10 @@ int checkQVCAlive() {
 
 int handle_msg_from_qvc(controlSocketBuffer_t* buf) {
     QVProxyInstance_t* app = qvApplication;
-    if (app == nullptr || buf == nullptr || control.skt == nullptr) return 1;
+    if (app == nullptr || buf == nullptr || ctrlConn.skt == nullptr) return 1;
     char err[1024] = "";
     CtrlPoll poll;
-    if (poll.open(control.skt, err, sizeof(err)) != APR_SUCCESS) {
+    if (poll.open(ctrlConn.skt, err, sizeof(err)) != APR_SUCCESS) {
         if (poll.addFailed())
             QV_TRACE_IF(ctlLevel() > 0, kModule, "Error", "Could not add fd to poll. Error: %s\n", err);
         else
@@ -550,7 +538,7 @@ int handle_msg_from_qvc(controlSocketBuffer_t* buf) {
     setQvBuild(&app->QVSys.qvBuild);
     processControlConnectionMessage(buf);
     for (;;) {
-        if (stopping() || control.skt == nullptr) return 1;
+        if (stopping() || ctrlConn.skt == nullptr) return 1;
         if (qv_load(app->QVSys.closeCtrlConFlag) != 0) return 1;
         if (qvServerHooks.clearHashMapTable) qvServerHooks.clearHashMapTable();
         if (!isProxyApplication() && qv_load(heartbeat_count) + 1 > retry_policy.reply_unsuccessful_count) {
@@ -591,14 +579,14 @@ void control_connection_cleanup() {
     ensureLocks();
     {
         QVLockGuard guard(ctrlSktLock);
-        if (control.skt == nullptr) return;
-        apr_socket_shutdown(control.skt, APR_SHUTDOWN_READWRITE);
+        if (ctrlConn.skt == nullptr) return;
+        apr_socket_shutdown(ctrlConn.skt, APR_SHUTDOWN_READWRITE);
     }
     QVLockGuard send(ctrlSendLock);
     QVLockGuard guard(ctrlSktLock);
-    if (control.skt == nullptr) return;
-    apr_socket_close(control.skt);
-    control.skt = nullptr;
+    if (ctrlConn.skt == nullptr) return;
+    apr_socket_close(ctrlConn.skt);
+    ctrlConn.skt = nullptr;
     if (ctrlConnPool != nullptr) apr_pool_destroy(ctrlConnPool);
     ctrlConnPool = nullptr;
     if (qvApplication != nullptr) qv_store(qvApplication->qvcCtrlSocket, nullptr);
@@ -611,7 +599,7 @@ int controlConnectionSendBuffer(const char* buf, int len) {
     apr_socket_t* s;
     {
         QVLockGuard guard(ctrlSktLock);
-        s = control.skt;
+        s = ctrlConn.skt;
     }
     if (s == nullptr) return -2;
     char err[256] = "";
@@ -621,7 +609,7 @@ int controlConnectionSendBuffer(const char* buf, int len) {
         // A line cut short (a timeout) must not run into the next one: the connection is shut
         // down, and the control thread's read sees it closed and connects again.
         QVLockGuard guard(ctrlSktLock);
-        if (control.skt == s) apr_socket_shutdown(s, APR_SHUTDOWN_READWRITE);
+        if (ctrlConn.skt == s) apr_socket_shutdown(s, APR_SHUTDOWN_READWRITE);
         return -2;
     }
     return 0;
@@ -694,7 +682,7 @@ void* APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t*, void*) {
                         ctlLevel() > 0, kModule, "Info",
                         "[QV DR Feature]; Control socket was created successfully with server %s:%d and the "
                         "source %s:%d",
-                        peer.host, peer.port, control.sourceIp, control.srcPort);
+                        peer.host, peer.port, ctrlConn.sourceIp, ctrlConn.srcPort);
                 hadSession = true;
                 controlSockBufReset();
                 if (send_control_con_req_msg_to_qvc()) {
@@ -720,7 +708,7 @@ void* APR_THREAD_FUNC control_thread_entry_fun(apr_thread_t*, void*) {
                         ctlLevel() > 0, kModule, "Info",
                         "[QV DR Feature]; Exit from select call and going to close the control connection "
                         "from QV Collector %s:%d and the source %s:%d",
-                        peer.host, peer.port, control.sourceIp, control.srcPort);
+                        peer.host, peer.port, ctrlConn.sourceIp, ctrlConn.srcPort);
                     control_connection_cleanup();
                     QV_TRACE_IF(ctlLevel() > 0, kModule, "Info",
                                 "Control Socket was cleaned with %s:%d server", peer.host, peer.port);
@@ -783,11 +771,18 @@ void control_thread_adopt_socket_for_test(apr_socket_t* s, const char* host, int
     setControlSocket(s, nullptr, peer);
 }
 
+QVControlThreadState::~QVControlThreadState() {
+    // The process's own connection lives until exit: its threads may still use it then.
+    if (this == &qvControlThreadState_own) return;
+    qvlb_free(bufInfo.read_socket_buf, "control socket buffer", -1);
+    if (connPool != nullptr) apr_pool_destroy(connPool);
+}
+
 void control_thread_reset_for_test() {
     control_connection_cleanup();
     qvlb_free(ctrlBufInfo.read_socket_buf, "control socket buffer", -1);
     ctrlBufInfo = controlSocketBuffer_t{};
-    memset(&control, 0, sizeof(control));
+    memset(&ctrlConn, 0, sizeof(ctrlConn));
     qv_store(isMasterQvc, 0);
     qv_store(heartbeat_count, 0);
     qv_store(health_check_fail, 0);

@@ -25,19 +25,49 @@ struct controlSocketBuffer_t {
 // newline (logged), the connection is kept.
 #define QV_CONTROL_BUFFER_SIZE 65536
 
-extern controlSocketBuffer_t ctrlBufInfo;
-// The control connection: socket and both endpoints. The socket is replaced only by the control
-// thread, under the control send lock; other threads never read it directly (they use
-// controlConnectionSendBuffer, which serialises with the close).
-extern socketInfo_t control;
+// The control connection of one application instance (see foundation/qvlb_instance.h), reached
+// through the module names below.
+struct QVControlThreadState {
+    controlSocketBuffer_t bufInfo = {};
+    // The control connection: socket and both endpoints. The socket is replaced only by the
+    // control thread, under the control send lock; other threads never read it directly (they
+    // use controlConnectionSendBuffer, which serialises with the close).
+    socketInfo_t conn = {};
+    int masterQvc = 0;
+    int heartbeats = 0;
+    char healthCheckFail = 0;
+    char switchOver = 0;
+    // Serialises sends on the control socket with its close. The socket pointer changes only with
+    // both locks held (send lock first); the close shuts the socket down under the socket lock
+    // alone first, so a send blocked on another thread returns and releases the send lock.
+    apr_thread_mutex_t* sendLock = nullptr;
+    apr_thread_mutex_t* sktLock = nullptr;
+    // Pool of the current socket; destroyed with it.
+    apr_pool_t* connPool = nullptr;
+    // Collector of the current (or last) connection; guarded by sktLock.
+    char peerHost[1024] = {};
+    int peerPort = 0;
+    // Receive-side state, control thread only.
+    bool discardingLongLine = false;
+    int idleRounds = 0;
+    // Cluster mode: the next attempt goes to the master (entry 0) after the node failed.
+    bool connectToMaster = false;
+    // Last invalid reply, for the control thread's "Unexpected response" line.
+    char lastInvalidReply[512] = {};
+    ~QVControlThreadState();
+};
+QVControlThreadState& qvControlThreadState();
 
+#define ctrlBufInfo (qvControlThreadState().bufInfo)
 // 1 while this agent is bound to the master collector (cluster mode). Written by the control
 // thread, read by the data and auto-sensor connections with qv_load.
-extern int isMasterQvc;
+#define isMasterQvc (qvControlThreadState().masterQvc)
 // Heartbeats sent and not answered yet. Control thread.
-extern int heartbeat_count;
-extern char health_check_fail;  // the collector missed too many heartbeats
-extern char is_switch_over;     // switch to the next collector at the next connect
+#define heartbeat_count (qvControlThreadState().heartbeats)
+#define health_check_fail \
+    (qvControlThreadState().healthCheckFail)  // the collector missed too many heartbeats
+#define is_switch_over \
+    (qvControlThreadState().switchOver)  // switch to the next collector at the next connect
 
 // Longest wait of one poll of the command loop in milliseconds (default 10000); a poll that
 // times out checks the collector's liveness and may send a heartbeat. Tests shorten it.

@@ -12,20 +12,15 @@
 #include "core/QVSys.h"
 #include "core/qv_agent.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_util.h"
 
-char conf_file[1024];
-int instrumentSleep = 0;
-qvc_servers* qvc_server_arr = nullptr;
-int server_arr_size = 0;
-unsigned int active_qvc_idx = 0;
-char qv_dr_state = 0;
-apr_thread_mutex_t* qvc_server_arr_lock = nullptr;
-processInfo_t* processInfoStruct = nullptr;
-int total_process_entries = 0;
+QV_INSTANCE_STATE_DEFINE(QVConfigState, qvConfigState)
+
+#define processCapacity (qvConfigState().processCap)
 
 #define QVCFG_TRACE(lvl, severity, ...) \
     QV_TRACE_IF(qvlb_startup_trace_level() > (lvl), "CONTROL_THREAD", severity, __VA_ARGS__)
@@ -36,8 +31,6 @@ constexpr int kLineSize = 1024;
 constexpr int kServerArrStep = 5;
 constexpr int kProcessInitialRows = 50;
 constexpr int kProcessStep = 10;
-
-int processCapacity = 0;
 
 // Skip rule and line end of the shared grammar. Returns false for a line to ignore.
 bool prepareLine(char* line, int n, int tooLong, const char* file) {
@@ -445,6 +438,16 @@ int readQVProxyConfig() {
     }
     fclose(fp);
     return 0;
+}
+
+QVConfigState::~QVConfigState() {
+    // The process's own list lives until exit: threads may still read it then.
+    if (this == &qvConfigState_own) return;
+    for (int i = 0; i < serverCount && servers; i++) qvlb_free(servers[i].qvc_host, "qvc_server_arr host", i);
+    qvlb_free(servers, "qvc_server_arr", -1);
+    for (int i = 0; i < processCount && processes; i++)
+        qvlb_free(processes[i].processName, "processInfoStruct name", i);
+    qvlb_free(processes, "processInfoStruct", -1);
 }
 
 void qvconfig_reset() {

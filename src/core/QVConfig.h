@@ -20,20 +20,37 @@ struct processInfo_t {
     int proxy_enabled;
 };
 
-extern char conf_file[1024];  // "<home>/config/qvsettings.conf"
-extern int instrumentSleep;   // seconds the start-up sleeps before instrumenting
-extern qvc_servers* qvc_server_arr;
-extern int server_arr_size;
-extern unsigned int active_qvc_idx;
-extern char qv_dr_state;  // backup collectors configured
+// Configuration of one application instance (see foundation/qvlb_instance.h), reached through
+// the names below.
+struct QVConfigState {
+    char confFile[1024] = {};
+    int sleepSecs = 0;
+    qvc_servers* servers = nullptr;
+    int serverCount = 0;
+    unsigned int activeIdx = 0;
+    char drState = 0;
+    apr_thread_mutex_t* serverLock = nullptr;
+    processInfo_t* processes = nullptr;
+    int processCount = 0;
+    int processCap = 0;  // rows allocated in processes
+    ~QVConfigState();
+};
+QVConfigState& qvConfigState();
+
+#define conf_file (qvConfigState().confFile)         // "<home>/config/qvsettings.conf"
+#define instrumentSleep (qvConfigState().sleepSecs)  // seconds the start-up sleeps before instrumenting
+#define qvc_server_arr (qvConfigState().servers)
+#define server_arr_size (qvConfigState().serverCount)
+#define active_qvc_idx (qvConfigState().activeIdx)
+#define qv_dr_state (qvConfigState().drState)  // backup collectors configured
 // Guards qvc_server_arr, server_arr_size and the entries' hosts: read_conf_file and
 // readQVProxyConfig reallocate the list and replace hosts under it, so a reader on another thread
 // (data or auto-sensor connection) must hold it while it uses an entry. Get it with
 // qvc_server_arr_mutex(), which creates it on first use (thread-safe).
-extern apr_thread_mutex_t* qvc_server_arr_lock;
+#define qvc_server_arr_lock (qvConfigState().serverLock)
 apr_thread_mutex_t* qvc_server_arr_mutex();
-extern processInfo_t* processInfoStruct;
-extern int total_process_entries;
+#define processInfoStruct (qvConfigState().processes)
+#define total_process_entries (qvConfigState().processCount)
 
 // Reads one line of a configuration file into buf (size bytes, NUL-terminated), keeping its
 // line feed when it fits. A line longer than size-1 bytes is cut: the rest of it, through its

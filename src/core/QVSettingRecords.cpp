@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_util.h"
@@ -19,17 +20,62 @@ constexpr QVInterfaceProcessor_t kInterfaceDefaults = {0, 0};
 constexpr QVFlowpathGenerator_t kFlowpathGeneratorDefaults = {13312};
 constexpr QVDynamicSettings_t kDynamicDefaults = {0, 0, 300};
 constexpr QVASSettings_t kASDefaults = {1000, 60, 5, 10, 0, 1, 0};
+
+struct SettingRecordsState {
+    QVAutoInstrumentation_t autoInstrumentation = kAutoInstrDefaults;
+    QVInterfaceProcessor_t interfaceProcessor = kInterfaceDefaults;
+    QVFlowpathGenerator_t flowpathGenerator = kFlowpathGeneratorDefaults;
+    QVDynamicSettings_t dynamicSettings = kDynamicDefaults;
+    QVASSettings_t asSettings = kASDefaults;
+    QVSettings_t settings = {60, '>', 0, nullptr};
+    QVHttpReqRespCaptureSettings_t httpReqCapture = {};
+    QVHttpReqRespCaptureSettings_t httpRespCapture = {};
+    QVExceptionCaptureSettings_t exceptionCapture = {};
+
+    ~SettingRecordsState();
+};
+
 }  // namespace
 
-QVAutoInstrumentation_t QVAutoInstrumentation = kAutoInstrDefaults;
-QVInterfaceProcessor_t QVInterfaceProcessor = kInterfaceDefaults;
-QVFlowpathGenerator_t QVFlowpathGenerator = kFlowpathGeneratorDefaults;
-QVDynamicSettings_t QVDynamicSettings = kDynamicDefaults;
-QVASSettings_t QVASSettings = kASDefaults;
-QVSettings_t QVSettings = {60, '>', 0, nullptr};
-QVHttpReqRespCaptureSettings_t QVHttpReqCaptureSettings;
-QVHttpReqRespCaptureSettings_t QVHttpRespCaptureSettings;
-QVExceptionCaptureSettings_t QVExceptionCaptureSettings;
+QV_INSTANCE_STATE_DEFINE(SettingRecordsState, settingRecordsState)
+
+SettingRecordsState::~SettingRecordsState() {
+    // The process's own records live until exit: threads may still read them then. A destroyed
+    // instance's texts join the retired ones (a reader may still hold them).
+    if (this == &settingRecordsState_own) return;
+    for (char** p : {&settings.lmWDir, &httpReqCapture.captureSettings, &httpReqCapture.hdrListForValueAsId,
+                     &httpRespCapture.captureSettings, &httpRespCapture.hdrListForValueAsId,
+                     &exceptionCapture.instrExceptions, &exceptionCapture.exceptionFilterList})
+        qvSetSharedStr(p, nullptr, "settings text");
+}
+
+QVAutoInstrumentation_t& qvAutoInstrumentationOfInstance() {
+    return settingRecordsState().autoInstrumentation;
+}
+QVInterfaceProcessor_t& qvInterfaceProcessorOfInstance() {
+    return settingRecordsState().interfaceProcessor;
+}
+QVFlowpathGenerator_t& qvFlowpathGeneratorOfInstance() {
+    return settingRecordsState().flowpathGenerator;
+}
+QVDynamicSettings_t& qvDynamicSettingsOfInstance() {
+    return settingRecordsState().dynamicSettings;
+}
+QVASSettings_t& qvASSettingsOfInstance() {
+    return settingRecordsState().asSettings;
+}
+QVSettings_t& qvSettingsOfInstance() {
+    return settingRecordsState().settings;
+}
+QVHttpReqRespCaptureSettings_t& qvHttpReqCaptureSettingsOfInstance() {
+    return settingRecordsState().httpReqCapture;
+}
+QVHttpReqRespCaptureSettings_t& qvHttpRespCaptureSettingsOfInstance() {
+    return settingRecordsState().httpRespCapture;
+}
+QVExceptionCaptureSettings_t& qvExceptionCaptureSettingsOfInstance() {
+    return settingRecordsState().exceptionCapture;
+}
 
 namespace {
 

@@ -72,15 +72,25 @@ struct QVExceptionCaptureSettings_t {
     char* exceptionFilterList;
 };
 
-extern QVAutoInstrumentation_t QVAutoInstrumentation;
-extern QVInterfaceProcessor_t QVInterfaceProcessor;
-extern QVFlowpathGenerator_t QVFlowpathGenerator;
-extern QVDynamicSettings_t QVDynamicSettings;
-extern QVASSettings_t QVASSettings;
-extern QVSettings_t QVSettings;
-extern QVHttpReqRespCaptureSettings_t QVHttpReqCaptureSettings;
-extern QVHttpReqRespCaptureSettings_t QVHttpRespCaptureSettings;
-extern QVExceptionCaptureSettings_t QVExceptionCaptureSettings;
+// One set of records per application instance (see foundation/qvlb_instance.h).
+QVAutoInstrumentation_t& qvAutoInstrumentationOfInstance();
+QVInterfaceProcessor_t& qvInterfaceProcessorOfInstance();
+QVFlowpathGenerator_t& qvFlowpathGeneratorOfInstance();
+QVDynamicSettings_t& qvDynamicSettingsOfInstance();
+QVASSettings_t& qvASSettingsOfInstance();
+QVSettings_t& qvSettingsOfInstance();
+QVHttpReqRespCaptureSettings_t& qvHttpReqCaptureSettingsOfInstance();
+QVHttpReqRespCaptureSettings_t& qvHttpRespCaptureSettingsOfInstance();
+QVExceptionCaptureSettings_t& qvExceptionCaptureSettingsOfInstance();
+#define QVAutoInstrumentation (qvAutoInstrumentationOfInstance())
+#define QVInterfaceProcessor (qvInterfaceProcessorOfInstance())
+#define QVFlowpathGenerator (qvFlowpathGeneratorOfInstance())
+#define QVDynamicSettings (qvDynamicSettingsOfInstance())
+#define QVASSettings (qvASSettingsOfInstance())
+#define QVSettings (qvSettingsOfInstance())
+#define QVHttpReqCaptureSettings (qvHttpReqCaptureSettingsOfInstance())
+#define QVHttpRespCaptureSettings (qvHttpRespCaptureSettingsOfInstance())
+#define QVExceptionCaptureSettings (qvExceptionCaptureSettingsOfInstance())
 
 // Initialisers: set the record's defaults. Run on the control thread or at start-up; numeric
 // fields are written with relaxed atomic stores because other threads poll them.

@@ -15,26 +15,21 @@
 #include "core/qvlb_keywords.h"
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_hashmap.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_util.h"
 
-QVProxyInstance_t* qvApplication = nullptr;
-QVProxyInstance_t* QVProxyInstance = nullptr;
+QV_INSTANCE_STATE_DEFINE(QVAgentState, qvAgentState)
+
 QVAgentSetting_t QVAgentSetting;
 QVProxy_t QVProxy;
 int startedWithExc = 0;
 char* pool_name = nullptr;
 char* proc_name = nullptr;
 long long pid = 0;
-apr_thread_mutex_t* controlThreadTmpLock = nullptr;
-apr_thread_mutex_t* methodEntryLock = nullptr;
-qvlb_hashmap_t* qvTDHashMap = nullptr;
-apr_thread_mutex_t* qvTDHashMapLock = nullptr;
-apr_thread_t* control_thread_id = nullptr;
 QVAgentHooks qvAgentHooks;
-int qvAgentStopping = 0;
 
 #define QVAGENT_TRACE(lvl, severity, ...) \
     QV_TRACE_IF(qvlb_startup_trace_level() > (lvl), "CONTROL_THREAD", severity, __VA_ARGS__)
@@ -140,20 +135,19 @@ void QVTraceInit(const char* process_name, const char* pool_name_arg) {
     trace_log_key = qvlb_init_mt_trace_log_ex(dir, name, 1, 10);
 }
 
-void agent_init(const char* poolName, int connect, const char* processName, const char* agentType) {
-    // Once per process, even if several threads race into it.
-    if (__atomic_exchange_n(&agentInitDone, 1, __ATOMIC_ACQ_REL) != 0) return;
+namespace {
 
-    qvlb_apr_init();
-
+QVProxyInstance_t* createInstanceRecord() {
     QVAGENT_TRACE(0, "Info", "Allocating Memory to store QvProxyInstance details");
     auto* inst =
         static_cast<QVProxyInstance_t*>(qvlb_calloc(sizeof(QVProxyInstance_t), "QVProxyInstance_t", -1));
-    if (inst == nullptr) return;
+    if (inst == nullptr) return nullptr;
     QVProxyInstance = inst;
     qvApplication = inst;
-    bindTraceLog(inst);
+    return inst;
+}
 
+void setInstanceDefaults(QVProxyInstance_t* inst) {
     if (qv_load(startedWithExc) == 0) {
         inst->QVSys.proxyMode = 0;
         inst->QVSys.proxyConType = 0;
@@ -162,12 +156,10 @@ void agent_init(const char* poolName, int connect, const char* processName, cons
     QVSysInit();
     // Keyword defaults must hold before the settings file or any collector message is applied.
     qvlb_init_all_keywords();
-    QVTraceInit(processName, poolName);
-    if (connect <= 0) return;
+}
 
-    apr_signal_init(control_pool);
-    apr_signal(SIGPIPE, SIG_IGN);
-    if (QVProxy.proxyServerFlag == 0) read_conf_file();
+// Record pool and the maps of the flowpath and monitor layers.
+void startInstancePools(QVProxyInstance_t* inst) {
     qvlb_create_nested_mutex(&controlThreadTmpLock, control_pool);
     if (qv_load(inst->QVSys.proxyMode) == 0) {
         QVAGENT_TRACE(0, "Info", "Going to create hashMap of flowpath instance to TLS");
@@ -177,17 +169,10 @@ void agent_init(const char* poolName, int connect, const char* processName, cons
     if (qvAgentHooks.createTlsPool) qvAgentHooks.createTlsPool();
     if (qv_load(inst->QVSys.proxyMode) == 0 && qvAgentHooks.initQVManageTIdToTLocal)
         qvAgentHooks.initQVManageTIdToTLocal();
+}
 
-    apr_atomic_init(control_pool);
-    apr_atomic_set32(reinterpret_cast<volatile apr_uint32_t*>(&inst->QVSys.rSeq), 0);
-    qv_store(pid, static_cast<long long>(getpid()));
-
-    if (poolName != nullptr) {
-        qvlb_replace_str(&pool_name, poolName, "pool_name");
-        qvlb_replace_str(&inst->agentName, poolName, "agentName");
-        setAppName(pool_name, nullptr, -1);
-    }
-    if (processName != nullptr) qvlb_replace_str(&proc_name, processName, "proc_name");
+// Registry, connection defaults, BT subsystem and monitors.
+void startInstanceRegistry(QVProxyInstance_t* inst, const char* agentType) {
     qvlb_create_nested_mutex(&methodEntryLock, control_pool);
     if (qv_load(inst->QVSys.proxyMode) == 0 && qv_load(QVAgentSetting.enableProxyServer) != 0 &&
         qvTDHashMap == nullptr) {
@@ -200,33 +185,11 @@ void agent_init(const char* poolName, int connect, const char* processName, cons
     if (qvAgentHooks.initMethodRegistry) qvAgentHooks.initMethodRegistry();
     if (qvAgentHooks.initBTSubsystem) qvAgentHooks.initBTSubsystem();
     if (qvAgentHooks.initMonitors) qvAgentHooks.initMonitors();
-
-    QVAGENT_TRACE(0, "Info", "Going to start control thread ...");
-    if (qvAgentHooks.controlThreadEntry == nullptr) {
-        QVAGENT_TRACE(0, "Info", "No control thread installed; the agent will not connect to the collector.");
-        return;
-    }
-    char err[1024];
-    err[0] = '\0';
-    apr_status_t rv = qvlb_thread_create(&control_thread_id, qvAgentHooks.controlThreadEntry, nullptr,
-                                         control_pool, err, sizeof(err));
-    if (rv != APR_SUCCESS || control_thread_id == nullptr) {
-        control_thread_id = nullptr;
-        QVAGENT_TRACE(0, "Error", "Error in creating control thread... '%s'", err);
-        return;
-    }
-    apr_os_thread_t* os = nullptr;
-    long long tid = 0;
-    if (apr_os_thread_get(&os, control_thread_id) == APR_SUCCESS && os != nullptr)
-        tid = static_cast<long long>(*os);
-    QVAGENT_TRACE(0, "Info", "Control thread created successfully... '%lld'", tid);
 }
 
-void qv_agent_shutdown() {
-    qv_store(qvAgentStopping, 1);
-    // A child forked after start-up has none of the agent's threads: joining them would never end.
-    const long long startedBy = qv_load(pid);
-    if (startedBy != 0 && startedBy != static_cast<long long>(getpid())) return;
+// Ends and joins the acting instance's threads; the control thread stops the reporting thread
+// on its way out.
+void stopInstanceThreads() {
     if (control_thread_id != nullptr) {
         apr_status_t st = APR_SUCCESS;
         apr_thread_join(&st, control_thread_id);
@@ -235,6 +198,107 @@ void qv_agent_shutdown() {
     // After the control thread: it is the one that starts the data thread.
     if (qvAgentHooks.stopDataThread) qvAgentHooks.stopDataThread();
     if (qvAgentHooks.stopRecordReserve) qvAgentHooks.stopRecordReserve();
+}
+
+}  // namespace
+
+QVAgentState::~QVAgentState() {
+    // The process's own copy lives until exit: threads may still read it then.
+    if (this == &qvAgentState_own) return;
+    freeInstance(app);
+    destroy_hashmap(tdMap);
+}
+
+void agent_init(const char* poolName, int connect, const char* processName, const char* agentType) {
+    // Once per process, even if several threads race into it.
+    if (__atomic_exchange_n(&agentInitDone, 1, __ATOMIC_ACQ_REL) != 0) return;
+
+    qvlb_apr_init();
+
+    QVProxyInstance_t* inst = createInstanceRecord();
+    if (inst == nullptr) return;
+    bindTraceLog(inst);
+    setInstanceDefaults(inst);
+    QVTraceInit(processName, poolName);
+    if (connect <= 0) return;
+
+    apr_signal_init(control_pool);
+    apr_signal(SIGPIPE, SIG_IGN);
+    if (QVProxy.proxyServerFlag == 0) read_conf_file();
+    startInstancePools(inst);
+
+    apr_atomic_init(control_pool);
+    apr_atomic_set32(reinterpret_cast<volatile apr_uint32_t*>(&inst->QVSys.rSeq), 0);
+    qv_store(pid, static_cast<long long>(getpid()));
+
+    if (poolName != nullptr) {
+        qvlb_replace_str(&pool_name, poolName, "pool_name");
+        qvlb_replace_str(&inst->agentName, poolName, "agentName");
+        setAppName(pool_name, nullptr, -1);
+    }
+    if (processName != nullptr) qvlb_replace_str(&proc_name, processName, "proc_name");
+    startInstanceRegistry(inst, agentType);
+    qv_agent_start_control_thread();
+}
+
+int agent_init_instance() {
+    qvlb_apr_init();
+    if (qvApplication != nullptr) {
+        QVAGENT_TRACE(0, "Error", "Application instance already started");
+        return -1;
+    }
+    QVProxyInstance_t* inst = createInstanceRecord();
+    if (inst == nullptr) {
+        QVAGENT_TRACE(0, "Error", "Unable to start application instance: out of memory");
+        return -1;
+    }
+    // Its connections may meet a collector that went away, as the process's own do.
+    apr_signal(SIGPIPE, SIG_IGN);
+    setInstanceDefaults(inst);
+    startInstancePools(inst);
+    startInstanceRegistry(inst, nullptr);
+    if (controlThreadTmpLock == nullptr || methodEntryLock == nullptr) {
+        QVAGENT_TRACE(0, "Error", "Unable to start application instance: no mutex");
+        return -1;
+    }
+    return 0;
+}
+
+int qv_agent_start_control_thread() {
+    QVAGENT_TRACE(0, "Info", "Going to start control thread ...");
+    if (control_thread_id != nullptr) return 0;
+    if (qvAgentHooks.controlThreadEntry == nullptr) {
+        QVAGENT_TRACE(0, "Info", "No control thread installed; the agent will not connect to the collector.");
+        return -1;
+    }
+    char err[1024];
+    err[0] = '\0';
+    apr_thread_t* thread = nullptr;
+    apr_status_t rv =
+        qvlb_thread_create(&thread, qvAgentHooks.controlThreadEntry, nullptr, control_pool, err, sizeof(err));
+    if (rv != APR_SUCCESS || thread == nullptr) {
+        QVAGENT_TRACE(0, "Error", "Error in creating control thread... '%s'", err);
+        return -1;
+    }
+    control_thread_id = thread;
+    apr_os_thread_t* os = nullptr;
+    long long tid = 0;
+    if (apr_os_thread_get(&os, thread) == APR_SUCCESS && os != nullptr) tid = static_cast<long long>(*os);
+    QVAGENT_TRACE(0, "Info", "Control thread created successfully... '%lld'", tid);
+    return 0;
+}
+
+void qv_agent_shutdown() {
+    qv_store(qvAgentStopping, 1);
+    // A child forked after start-up has none of the agent's threads: joining them would never end.
+    const long long startedBy = qv_load(pid);
+    if (startedBy != 0 && startedBy != static_cast<long long>(getpid())) return;
+    stopInstanceThreads();
+}
+
+void qv_agent_shutdown_instance() {
+    qv_store(qvAgentStopping, 1);
+    stopInstanceThreads();
 }
 
 void qv_agent_reset_for_test() {

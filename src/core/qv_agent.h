@@ -123,19 +123,34 @@ struct QVProxy_t {
     char proxyHost[512];
 };
 
-extern QVProxyInstance_t* qvApplication;
-extern QVProxyInstance_t* QVProxyInstance;
+// What start-up keeps for one application instance (see foundation/qvlb_instance.h), reached
+// through the names below.
+struct QVAgentState {
+    QVProxyInstance_t* app = nullptr;
+    QVProxyInstance_t* proxyInstance = nullptr;
+    apr_thread_mutex_t* tmpLock = nullptr;
+    apr_thread_mutex_t* entryLock = nullptr;
+    qvlb_hashmap_t* tdMap = nullptr;
+    apr_thread_mutex_t* tdMapLock = nullptr;
+    apr_thread_t* controlThread = nullptr;
+    int stopping = 0;
+    ~QVAgentState();
+};
+QVAgentState& qvAgentState();
+
+#define qvApplication (qvAgentState().app)
+#define QVProxyInstance (qvAgentState().proxyInstance)
 extern QVAgentSetting_t QVAgentSetting;
 extern QVProxy_t QVProxy;
 extern int startedWithExc;  // set by the host before agent_init inside the proxy process
 extern char* pool_name;
 extern char* proc_name;
 extern long long pid;
-extern apr_thread_mutex_t* controlThreadTmpLock;
-extern apr_thread_mutex_t* methodEntryLock;
-extern qvlb_hashmap_t* qvTDHashMap;
-extern apr_thread_mutex_t* qvTDHashMapLock;
-extern apr_thread_t* control_thread_id;
+#define controlThreadTmpLock (qvAgentState().tmpLock)
+#define methodEntryLock (qvAgentState().entryLock)
+#define qvTDHashMap (qvAgentState().tdMap)
+#define qvTDHashMapLock (qvAgentState().tdMapLock)
+#define control_thread_id (qvAgentState().controlThread)
 
 // Steps of start-up, shutdown and test stop that belong to higher layers. Core sits below
 // them and cannot call them directly; each layer fills its own entries from its register
@@ -164,6 +179,17 @@ extern QVAgentHooks qvAgentHooks;
 // Allocation failure of the record: logged, nothing else happens.
 void agent_init(const char* poolName, int connect, const char* processName, const char* agentType);
 
+// Starts the instance the calling thread acts for (a proxy's instance from qvlb_instance_create,
+// under QVInstanceScope): its instance record, the system, keyword and connection defaults and
+// the start-up hooks (record pool, registry, BT subsystem, monitors). Does not connect and does
+// not touch the process's trace log or its own instance. Returns 0, or -1 (logged) when the
+// instance is started already or memory is short.
+int agent_init_instance();
+// Starts the acting instance's control thread; it and every thread it starts act for the same
+// instance. Returns 0 (also when it runs already), or -1 (logged) when no control thread is
+// installed or it cannot be created.
+int qv_agent_start_control_thread();
+
 // Opens the process trace log in "<home>logs/" (created with its parents; the home is used as
 // given, so it should end in '/'), files "qv_trace_<process>_<pool>_<YYYYMMDDhhmmss>_<pid>.log_0"
 // and "_1" (without "_<pool>" when pool_name is null). Keeps an already open log. Needs
@@ -181,8 +207,11 @@ void setProxyQVHome();
 // out and stopping connections are shut down first); returns immediately if none was started, or
 // in a child forked after start-up. Used by qv_free, at process shutdown and by tests.
 void qv_agent_shutdown();
-// Set while the agent shuts down; long waits poll it.
-extern int qvAgentStopping;  // read with qv_load
+// The same for the acting instance, from any thread not of that instance: its control, data and
+// reporting threads end (each wait bounded) and are joined.
+void qv_agent_shutdown_instance();
+// Set while the acting instance shuts down; long waits poll it. Read with qv_load.
+#define qvAgentStopping (qvAgentState().stopping)
 
 // Trace levels read by core's trace statements (0 while qvApplication is null). Start-up and
 // the settings-file readers test the larger of controlTraceLevel and agentTraceLevel, because
@@ -190,8 +219,8 @@ extern int qvAgentStopping;  // read with qv_load
 int qvlb_control_trace_level();
 int qvlb_startup_trace_level();
 
-// Resets every global of this module and frees the instance record, so that a test can run
-// agent_init again. Tests only; no agent thread may be running.
+// Resets every global of this module and frees the acting instance's record, so that a test can
+// run agent_init again. Tests only; no agent thread may be running.
 void qv_agent_reset_for_test();
 
 #endif

@@ -14,6 +14,7 @@
 #include "core/QVSys.h"
 #include "core/qv_agent.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 
@@ -31,8 +32,6 @@
         name, static_cast<int>(offsetof(rec, field)), static_cast<int>(sizeof(rec::field)), nullptr, setter, \
             fill                                                                                             \
     }
-
-QVInstrProfKeywords_t QVInstrProfKeywords = {};
 
 keywordsInfo keywordsMap[] = {
     KW_FILE("BTRuleConfig"),
@@ -173,8 +172,29 @@ constexpr const char* kModifyPrefix = "qv_control_req:action=modify";
 constexpr int kMaxFields = 1024;
 constexpr int kMaxInitHooks = 16;
 
-// File name per file-based row (shared text).
-char* fileBasedValues[QV_KEYWORD_COUNT];
+struct KeywordState {
+    QVInstrProfKeywords_t instrProf = {};
+    // File name per file-based row (shared text).
+    char* fileBased[QV_KEYWORD_COUNT] = {};
+
+    ~KeywordState();
+};
+
+}  // namespace
+
+QV_INSTANCE_STATE_DEFINE(KeywordState, keywordState)
+
+KeywordState::~KeywordState() {
+    // The process's own texts live until exit; a destroyed instance's join the retired ones.
+    if (this == &keywordState_own) return;
+    for (char** p : {&instrProf.instrProfile, &instrProf.lmd, &instrProf.size})
+        qvSetSharedStr(p, nullptr, "instrProfile keyword");
+    for (char*& v : fileBased) qvSetSharedStr(&v, nullptr, "file-based keyword");
+}
+
+namespace {
+
+#define fileBasedValues (keywordState().fileBased)
 
 void (*initHooks[kMaxInitHooks])();
 int initHookCount = 0;
@@ -245,6 +265,10 @@ void clearInstrProfKeywords() {
 }
 
 }  // namespace
+
+QVInstrProfKeywords_t& qvInstrProfKeywordsOfInstance() {
+    return keywordState().instrProf;
+}
 
 int NameToIndex(const char* name) {
     if (name == nullptr) return -1;

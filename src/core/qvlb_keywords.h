@@ -69,7 +69,9 @@ struct QVInstrProfKeywords_t {
     char* lmd;
     char* size;
 };
-extern QVInstrProfKeywords_t QVInstrProfKeywords;
+// One per application instance (see foundation/qvlb_instance.h).
+QVInstrProfKeywords_t& qvInstrProfKeywordsOfInstance();
+#define QVInstrProfKeywords (qvInstrProfKeywordsOfInstance())
 // True when profile selects no profile: null, empty, "-" or "NA".
 bool qvlb_no_instr_profile(const char* profile);
 // Parser of instrProfile, lmd and size: the text into the field of QVInstrProfKeywords of the same

@@ -22,6 +22,7 @@
 #include "flowpath/QVSessionCookie.h"
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_hashmap.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
@@ -44,8 +45,17 @@ constexpr int kCategoryNormal = 10;
 // 64 slots on first need: the record has only a pointer for it and must not allocate per flowpath.
 constexpr int kTierSeqChunkSlots = QV_TLS_POOL_BLOCK;
 constexpr int kTierSeqMaxChunks = 1 << 12;
-std::atomic<char*> tierSeqChunks[kTierSeqMaxChunks];
-std::mutex tierSeqMutex;
+// By tlsIdx, so one per record pool, i.e. per application instance.
+struct TierSeqState {
+    std::atomic<char*> tierSeqChunks[kTierSeqMaxChunks] = {};
+    std::mutex tierSeqMutex;
+};
+
+}  // namespace
+
+QV_INSTANCE_STATE(TierSeqState, tierSeqState)
+
+namespace {
 
 int fpLevel() {
     QVProxyInstance_t* app = qvApplication;
@@ -525,10 +535,11 @@ void countBackend(QVPerThreadData_t* r, methodPropProperties* b, long long durat
 char* tierSeqSlot(const QVPerThreadData_t* r) {
     long long idx = r->tlsIdx;
     if (idx < 0 || idx >= static_cast<long long>(kTierSeqMaxChunks) * kTierSeqChunkSlots) return nullptr;
-    std::atomic<char*>& chunk = tierSeqChunks[idx / kTierSeqChunkSlots];
+    TierSeqState& st = tierSeqState();
+    std::atomic<char*>& chunk = st.tierSeqChunks[idx / kTierSeqChunkSlots];
     char* c = chunk.load(std::memory_order_acquire);
     if (c == nullptr) {
-        std::lock_guard<std::mutex> g(tierSeqMutex);
+        std::lock_guard<std::mutex> g(st.tierSeqMutex);
         c = chunk.load(std::memory_order_acquire);
         if (c == nullptr) {
             c = static_cast<char*>(qvlb_calloc(static_cast<size_t>(kTierSeqChunkSlots) * QV_TIER_SEQ_SIZE,
@@ -1162,7 +1173,7 @@ int settingBackendName(const char* backendName, const char* rule, char* out, int
 }
 
 void qvFlowpathGeneratorResetForTest() {
-    for (auto& chunk : tierSeqChunks) {
+    for (auto& chunk : tierSeqState().tierSeqChunks) {
         char* c = chunk.exchange(nullptr);
         if (c != nullptr) qvlb_free(c, "Tier sequence texts", -1);
     }

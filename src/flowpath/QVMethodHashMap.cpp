@@ -16,15 +16,20 @@
 #include "flowpath/QVInstrProfile.h"
 #include "flowpath/QVPerThreadData.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_util.h"
 
-node_t* methodHashMapNode = nullptr;
-node_t* methodHashMapNodeTemp = nullptr;
-int methodId = QV_FIRST_METHOD_ID;
-methodPropProperties* DefaultMethod = nullptr;
+QV_INSTANCE_STATE_DEFINE(QVMethodRegistryState, qvMethodRegistryState)
+
+// A text replaced by setMethodPropText (see QVMethodRegistryState::retiredTexts).
+struct QVRetiredMethodText {
+    char* text;
+    QVRetiredMethodText* next;
+};
+
 QVMethodRegistryHooks qvMethodRegistryHooks = {};
 
 namespace {
@@ -34,19 +39,6 @@ const char* const kRecordPurpose = "methodPropProperties";
 const char* const kNodePurpose = "node_t";
 const char* const kTextPurpose = "methodPropProperties text";
 const char* const kIndexPurpose = "method index";
-
-// Retired generations, oldest first. Only touched under methodEntryLock.
-node_t* head = nullptr;
-node_t* tail = nullptr;
-int retiredCount = 0;
-
-// Texts replaced by setMethodPropText, kept until the registry is reset because a flowpath on
-// another thread may still be printing the old one. Under methodEntryLock.
-struct RetiredText {
-    char* text;
-    RetiredText* next;
-};
-RetiredText* retiredTexts = nullptr;
 
 int fpLevel() {
     return qvApplication ? qv_load(qvApplication->QVSys.fpTraceLevel) : 0;
@@ -366,18 +358,14 @@ void sendMethodMetaRecord(const methodPropProperties* m) {
     dumpData(rec, len);
 }
 
-// Flowpaths between reading methodHashMapNode and counting their reference on it. A retired
-// generation is only freed while none is, so no reference is ever counted on freed memory:
-// a flowpath that starts after the sweep's check reads the generation that replaced it.
-int referencesInFlight = 0;
-
 // Counts a reference on the current generation without methodEntryLock (every flowpath takes
 // one, and a lock there would make them queue). *count: the count after this reference.
 node_t* takeCurrentGenerationReference(int* count) {
-    __atomic_add_fetch(&referencesInFlight, 1, __ATOMIC_SEQ_CST);
+    QVMethodRegistryState& st = qvMethodRegistryState();
+    __atomic_add_fetch(&st.referencesInFlight, 1, __ATOMIC_SEQ_CST);
     node_t* cur = __atomic_load_n(&methodHashMapNode, __ATOMIC_SEQ_CST);
     if (cur != nullptr) *count = __atomic_add_fetch(&cur->ref_count, 1, __ATOMIC_RELAXED);
-    __atomic_sub_fetch(&referencesInFlight, 1, __ATOMIC_RELEASE);
+    __atomic_sub_fetch(&st.referencesInFlight, 1, __ATOMIC_RELEASE);
     return cur;
 }
 
@@ -396,6 +384,7 @@ bool dropGenerationReference(node_t* node) {
 // few microseconds at most: such a window is a handful of instructions, unless its thread was
 // preempted, and then the sweep is left for the next time.
 bool noReferenceInFlight() {
+    int& referencesInFlight = qvMethodRegistryState().referencesInFlight;
     for (int i = 0; i < 1000; i++) {
         // A read-modify-write, not a plain load: it is ordered with the flowpaths' sequentially
         // consistent steps, so one that is not counted here reads the new generation.
@@ -424,14 +413,16 @@ int setMethodPropText(char** field, const char* text) {
     }
     char* old = qv_load_acquire(*field);
     if (old != nullptr) {
-        auto* r = static_cast<RetiredText*>(qvlb_malloc(sizeof(RetiredText), kTextPurpose, -1));
+        auto* r =
+            static_cast<QVRetiredMethodText*>(qvlb_malloc(sizeof(QVRetiredMethodText), kTextPurpose, -1));
         if (r == nullptr) {
             qvlb_free(copy, kTextPurpose, -1);
             return -1;
         }
+        QVMethodRegistryState& st = qvMethodRegistryState();
         r->text = old;
-        r->next = retiredTexts;
-        retiredTexts = r;
+        r->next = st.retiredTexts;
+        st.retiredTexts = r;
     }
     qv_store_release(*field, copy);
     return 0;
@@ -458,8 +449,9 @@ methodPropProperties* updateMethodHashMap(const char* backendName, int isEntryPo
         qvlb_free(m, kRecordPurpose, -1);
         return nullptr;
     }
-    m->methodId = methodId;
-    qv_store(methodId, methodId + 1);
+    int& nextId = qvMethodRegistryState().methodId;
+    m->methodId = nextId;
+    qv_store(nextId, nextId + 1);
     m->isEntryPoint = isEntryPointPtr;
     m->type = static_cast<char>(type);
     addToGeneration(node, m);
@@ -578,14 +570,15 @@ void resetmethodHashMapNode(node_t* node, int type) {
 void addNodeToLinklist(node_t* node) {
     if (node == nullptr) return;
     QVMethodHashMapGuard guard;
+    QVMethodRegistryState& st = qvMethodRegistryState();
     node->next = nullptr;
-    if (tail == nullptr) {
-        head = tail = node;
+    if (st.tail == nullptr) {
+        st.head = st.tail = node;
     } else {
-        tail->next = node;
-        tail = node;
+        st.tail->next = node;
+        st.tail = node;
     }
-    retiredCount++;
+    st.retiredCount++;
 }
 
 int makeHashmapCopyAndaddToLL(int type) {
@@ -621,17 +614,20 @@ int makeHashmapCopyAndaddToLL(int type) {
 
 int checkForLinkList() {
     QVMethodHashMapGuard guard;
-    return head != nullptr ? 1 : 0;
+    return qvMethodRegistryState().head != nullptr ? 1 : 0;
 }
 
 int getRetiredMethodHashMapCount() {
     QVMethodHashMapGuard guard;
-    return retiredCount;
+    return qvMethodRegistryState().retiredCount;
 }
 
 int checkAndDeleteNode() {
     QV_TRACE_IF(fpLevel() == 4, kModule, "Info", "Method called");
     QVMethodHashMapGuard guard;
+    QVMethodRegistryState& st = qvMethodRegistryState();
+    node_t*& head = st.head;
+    node_t*& tail = st.tail;
     if (head == nullptr) {
         QV_TRACE_IF(fpLevel() > 2, kModule, "Info", "Linklist is empty. hence retuning");
         return 0;
@@ -655,7 +651,7 @@ int checkAndDeleteNode() {
             QV_TRACE_IF(fpLevel() > 2, kModule, "Info",
                         "Node removed from linklist. [node = %p, ref_count = %d]", static_cast<void*>(n), 0);
             freeGeneration(n);
-            retiredCount--;
+            st.retiredCount--;
             freed++;
         } else {
             prev = n;
@@ -694,6 +690,7 @@ int initMethodRegistry() {
 }
 
 void qvMethodRegistryResetForTest() {
+    QVMethodRegistryState& st = qvMethodRegistryState();
     // Every record is in the current generation (updateMethodHashMap keeps it so), which makes
     // its dynamic map the one list of records to free.
     node_t* cur = methodHashMapNode;
@@ -705,25 +702,25 @@ void qvMethodRegistryResetForTest() {
             freeRecord(static_cast<methodPropProperties*>(v));
         }
     }
-    for (node_t* n = head; n != nullptr;) {
+    for (node_t* n = st.head; n != nullptr;) {
         node_t* next = n->next;
         freeGeneration(n);
         n = next;
     }
     freeGeneration(cur);
     freeGeneration(methodHashMapNodeTemp);
-    for (RetiredText* r = retiredTexts; r != nullptr;) {
-        RetiredText* next = r->next;
+    for (QVRetiredMethodText* r = st.retiredTexts; r != nullptr;) {
+        QVRetiredMethodText* next = r->next;
         qvlb_free(r->text, kTextPurpose, -1);
         qvlb_free(r, kTextPurpose, -1);
         r = next;
     }
-    retiredTexts = nullptr;
-    head = tail = nullptr;
-    retiredCount = 0;
+    st.retiredTexts = nullptr;
+    st.head = st.tail = nullptr;
+    st.retiredCount = 0;
     methodHashMapNode = nullptr;
     methodHashMapNodeTemp = nullptr;
-    methodId = QV_FIRST_METHOD_ID;
+    st.methodId = QV_FIRST_METHOD_ID;
     DefaultMethod = nullptr;
     qvMethodRegistryHooks = {};
 }

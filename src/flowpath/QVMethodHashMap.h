@@ -75,18 +75,41 @@ struct node_t {
     QVMethodIndex* index;     // methodName -> record, read without the lock (see above)
 };
 
-// The current generation. Changed only under methodEntryLock with a release store; flowpaths
-// may compare against it without the lock using qv_load_acquire(methodHashMapNode).
-extern node_t* methodHashMapNode;
-// A generation being built; null outside makeHashmapCopyAndaddToLL.
-extern node_t* methodHashMapNodeTemp;
 // Ids start here; 0 never names a method (per-flowpath fields use 0 for "none").
 #define QV_FIRST_METHOD_ID 1
-// Next id to hand out. Changed only under methodEntryLock (with qv_store); read with qv_load.
-extern int methodId;
-// The outermost pseudo-method of every flowpath; set by initMethodRegistry before any flowpath
-// can start, then never changed (until the test reset).
-extern methodPropProperties* DefaultMethod;
+
+struct QVRetiredMethodText;
+
+// The registry of one application instance (see foundation/qvlb_instance.h).
+struct QVMethodRegistryState {
+    // The current generation. Changed only under methodEntryLock with a release store; flowpaths
+    // may compare against it without the lock using qv_load_acquire(methodHashMapNode).
+    node_t* methodHashMapNode = nullptr;
+    // A generation being built; null outside makeHashmapCopyAndaddToLL.
+    node_t* methodHashMapNodeTemp = nullptr;
+    // Next id to hand out. Changed only under methodEntryLock (with qv_store); read with qv_load.
+    // Not a macro like the others: methodId names a field of every record.
+    int methodId = QV_FIRST_METHOD_ID;
+    // The outermost pseudo-method of every flowpath; set by initMethodRegistry before any flowpath
+    // can start, then never changed (until the test reset).
+    methodPropProperties* DefaultMethod = nullptr;
+    // Retired generations, oldest first. Only touched under methodEntryLock.
+    node_t* head = nullptr;
+    node_t* tail = nullptr;
+    int retiredCount = 0;
+    // Texts replaced by setMethodPropText, kept until the registry is reset because a flowpath on
+    // another thread may still be printing the old one. Under methodEntryLock.
+    QVRetiredMethodText* retiredTexts = nullptr;
+    // Flowpaths between reading methodHashMapNode and counting their reference on it. A retired
+    // generation is only freed while none is, so no reference is ever counted on freed memory:
+    // a flowpath that starts after the sweep's check reads the generation that replaced it.
+    int referencesInFlight = 0;
+};
+QVMethodRegistryState& qvMethodRegistryState();
+
+#define methodHashMapNode (qvMethodRegistryState().methodHashMapNode)
+#define methodHashMapNodeTemp (qvMethodRegistryState().methodHashMapNodeTemp)
+#define DefaultMethod (qvMethodRegistryState().DefaultMethod)
 
 // Calls the registry makes upward into the backend and method monitors, filled by their
 // register function. A null entry is skipped (no limit, nothing to grow).

@@ -12,6 +12,7 @@
 #include "flowpath/QVTlsPoolReserve.h"
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_hashmap.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
@@ -21,17 +22,8 @@
 static_assert(sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK == 1170432, "record layout changed");
 static_assert(sizeof(TLSDataStruct) * QV_TLS_POOL_BLOCK == 1536, "hotspot row layout changed");
 
-QVPerThreadData_t* gFreeTLSHead = nullptr;
-QVPerThreadData_t* gFreeTLSTail = nullptr;
-QVPerThreadData_t* gBusyTLSHead = nullptr;
-QVPerThreadData_t* gBusyTLSTail = nullptr;
-int gFreeTLSCnt = 0;
-int gBusyTLSCnt = 0;
-int g_tlsidx = 0;
-int size_array = 0;
-std::atomic<TLSDataStruct*> tlsdatastruct{nullptr};
-apr_thread_mutex_t* tlsMutex = nullptr;
-qvlb_hashmap_t* fpiToTLS = nullptr;
+QV_INSTANCE_STATE_DEFINE(QVFlowpathPoolState, qvFlowpathPoolState)
+
 QVFlowpathPoolHooks qvFlowpathPoolHooks = {};
 
 namespace {
@@ -41,15 +33,8 @@ const char* const kHotspotPurpose = "Create tls data structure for hotspot";
 const char* const kPoolPurpose = "Create TLS pool of QVPerThreadData_t";
 const char* const kReallocPurpose = "Reallocating tlsdata";
 
-// Rows in use in the hotspot table, and rows allocated (the rest zero); under tlsMutex (qv_load
-// for lock-free readers).
-int hotspotRows = 0;
-int hotspotCap = 0;
-
-// Every block ever carved, so the test reset can free them; production never frees a block.
-QVPerThreadData_t** blocks = nullptr;
-int blockCount = 0;
-int blockCap = 0;
+#define hotspotRows (qvFlowpathPoolState().hotspotRows)
+#define hotspotCap (qvFlowpathPoolState().hotspotCap)
 
 int fpLevel() {
     return qvApplication ? qv_load(qvApplication->QVSys.fpTraceLevel) : 0;
@@ -77,16 +62,17 @@ void logMemset(const char* purpose, const void* p, size_t bytes) {
 }
 
 void rememberBlock(QVPerThreadData_t* block) {
-    if (blockCount == blockCap) {
-        int cap = blockCap == 0 ? 16 : blockCap * 2;
-        void* p = qvlb_realloc(blocks, sizeof(QVPerThreadData_t*) * static_cast<size_t>(cap),
+    QVFlowpathPoolState& st = qvFlowpathPoolState();
+    if (st.blockCount == st.blockCap) {
+        int cap = st.blockCap == 0 ? 16 : st.blockCap * 2;
+        void* p = qvlb_realloc(st.blocks, sizeof(QVPerThreadData_t*) * static_cast<size_t>(cap),
                                "TLS pool block list", -1);
         // A block not remembered is neither reset at test start nor freed by the test reset.
         if (p == nullptr) return;
-        blocks = static_cast<QVPerThreadData_t**>(p);
-        blockCap = cap;
+        st.blocks = static_cast<QVPerThreadData_t**>(p);
+        st.blockCap = cap;
     }
-    blocks[blockCount++] = block;
+    st.blocks[st.blockCount++] = block;
 }
 
 // A zeroed hotspot table allocated before tlsMutex is taken, so that growing the table under the
@@ -545,8 +531,9 @@ void resetMonitorDataModelFromTLS() {
         QVPerThreadData_t* block = nullptr;
         {
             QVLockGuard guard(poolMutex());
-            if (b >= blockCount) break;
-            block = blocks[b];
+            const QVFlowpathPoolState& st = qvFlowpathPoolState();
+            if (b >= st.blockCount) break;
+            block = st.blocks[b];
         }
         for (int i = 0; i < QV_TLS_POOL_BLOCK; i++) resetMonitorDataModel(&block[i]);
     }
@@ -559,18 +546,19 @@ int getTlsHotspotTableRows() {
 
 void qv_flowpath_pool_reset_for_test() {
     qvTlsPoolReserveStop();
-    for (int b = 0; b < blockCount; b++) {
+    QVFlowpathPoolState& st = qvFlowpathPoolState();
+    for (int b = 0; b < st.blockCount; b++) {
         for (int i = 0; i < QV_TLS_POOL_BLOCK; i++) {
-            QVPerThreadData_t* slot = &blocks[b][i];
+            QVPerThreadData_t* slot = &st.blocks[b][i];
             qvlb_destroy_mutex(&slot->sequenceBlobLock);
             qvlb_destroy_mutex(&slot->updateBTLock);
         }
-        qvlb_free(blocks[b], kPoolPurpose, -1);
+        qvlb_free(st.blocks[b], kPoolPurpose, -1);
     }
-    qvlb_free(blocks, "TLS pool block list", -1);
-    blocks = nullptr;
-    blockCount = 0;
-    blockCap = 0;
+    qvlb_free(st.blocks, "TLS pool block list", -1);
+    st.blocks = nullptr;
+    st.blockCount = 0;
+    st.blockCap = 0;
     qvlb_free(tlsdatastruct.exchange(nullptr), kHotspotPurpose, -1);
     hotspotRows = 0;
     hotspotCap = 0;

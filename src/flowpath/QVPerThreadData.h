@@ -131,24 +131,48 @@ struct TLSDataStruct {
 // Records per block carved by create_tls_pool.
 constexpr int QV_TLS_POOL_BLOCK = 64;
 
-// Pool state. The list ends are read and written only under tlsMutex. The counts, g_tlsidx and
-// size_array are written under tlsMutex with qv_store; read them with qv_load (or under the lock).
-extern QVPerThreadData_t* gFreeTLSHead;
-extern QVPerThreadData_t* gFreeTLSTail;
-extern QVPerThreadData_t* gBusyTLSHead;
-extern QVPerThreadData_t* gBusyTLSTail;
-extern int gFreeTLSCnt;
-extern int gBusyTLSCnt;
-extern int g_tlsidx;    // next tlsIdx to give = records ever created
-extern int size_array;  // copy of g_tlsidx for the hotspot sensor's loops
-// The hotspot table (one row per record ever created, indexed by tlsIdx), or null when the
-// transaction hotspot feature is off. Growth reallocates it under tlsMutex: hold tlsMutex while
-// touching its rows. The pointer itself may be read at any time.
-extern std::atomic<TLSDataStruct*> tlsdatastruct;
-// Nested mutex guarding the lists, the counts and the hotspot table.
-extern apr_thread_mutex_t* tlsMutex;
-// Flowpath instance (decimal text) -> record, for messages that carry only the instance.
-extern qvlb_hashmap_t* fpiToTLS;
+// Pool state, one per application instance (see foundation/qvlb_instance.h). The list ends are
+// read and written only under tlsMutex. The counts, g_tlsidx and size_array are written under
+// tlsMutex with qv_store; read them with qv_load (or under the lock).
+struct QVFlowpathPoolState {
+    QVPerThreadData_t* gFreeTLSHead = nullptr;
+    QVPerThreadData_t* gFreeTLSTail = nullptr;
+    QVPerThreadData_t* gBusyTLSHead = nullptr;
+    QVPerThreadData_t* gBusyTLSTail = nullptr;
+    int gFreeTLSCnt = 0;
+    int gBusyTLSCnt = 0;
+    int g_tlsidx = 0;    // next tlsIdx to give = records ever created
+    int size_array = 0;  // copy of g_tlsidx for the hotspot sensor's loops
+    // The hotspot table (one row per record ever created, indexed by tlsIdx), or null when the
+    // transaction hotspot feature is off. Growth reallocates it under tlsMutex: hold tlsMutex while
+    // touching its rows. The pointer itself may be read at any time.
+    std::atomic<TLSDataStruct*> tlsdatastruct{nullptr};
+    // Nested mutex guarding the lists, the counts and the hotspot table.
+    apr_thread_mutex_t* tlsMutex = nullptr;
+    // Flowpath instance (decimal text) -> record, for messages that carry only the instance.
+    qvlb_hashmap_t* fpiToTLS = nullptr;
+    // Rows in use in the hotspot table, and rows allocated (the rest zero); under tlsMutex (qv_load
+    // for lock-free readers).
+    int hotspotRows = 0;
+    int hotspotCap = 0;
+    // Every block ever carved, so the test reset can free them; production never frees a block.
+    QVPerThreadData_t** blocks = nullptr;
+    int blockCount = 0;
+    int blockCap = 0;
+};
+QVFlowpathPoolState& qvFlowpathPoolState();
+
+#define gFreeTLSHead (qvFlowpathPoolState().gFreeTLSHead)
+#define gFreeTLSTail (qvFlowpathPoolState().gFreeTLSTail)
+#define gBusyTLSHead (qvFlowpathPoolState().gBusyTLSHead)
+#define gBusyTLSTail (qvFlowpathPoolState().gBusyTLSTail)
+#define gFreeTLSCnt (qvFlowpathPoolState().gFreeTLSCnt)
+#define gBusyTLSCnt (qvFlowpathPoolState().gBusyTLSCnt)
+#define g_tlsidx (qvFlowpathPoolState().g_tlsidx)
+#define size_array (qvFlowpathPoolState().size_array)
+#define tlsdatastruct (qvFlowpathPoolState().tlsdatastruct)
+#define tlsMutex (qvFlowpathPoolState().tlsMutex)
+#define fpiToTLS (qvFlowpathPoolState().fpiToTLS)
 
 // Steps of the pool that belong to higher layers (monitors, flowpath end). The owning layer fills
 // them before start-up; an empty entry is skipped.

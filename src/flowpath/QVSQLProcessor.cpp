@@ -14,12 +14,29 @@
 #include "flowpath/QVPerThreadData.h"
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_hashmap.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
 
-QVSQLProcessor_t QVSQLProcessor;
-apr_thread_mutex_t* sqllock = nullptr;
+namespace {
+
+struct SQLProcessorState {
+    QVSQLProcessor_t processor = {};
+    apr_thread_mutex_t* lock = nullptr;
+};
+
+}  // namespace
+
+QV_INSTANCE_STATE(SQLProcessorState, sqlProcessorState)
+
+QVSQLProcessor_t& qvSQLProcessorOfInstance() {
+    return sqlProcessorState().processor;
+}
+
+apr_thread_mutex_t*& qvSQLLockOfInstance() {
+    return sqlProcessorState().lock;
+}
 
 namespace {
 

@@ -19,7 +19,7 @@ struct QVPerThreadData_t;
 // Size of the area a query meta record is formatted into.
 #define QV_SQL_META_AREA_SIZE 3068
 
-// One per process.
+// One per application instance (see foundation/qvlb_instance.h).
 struct QVSQLProcessor_t {
     char isDefaultQueryRecordsDumped;  // 1 once ids 1 to 5 were sent; under sqllock
     // Database backend name; shared text replaced through qvSetSharedStr (a reader may keep
@@ -31,7 +31,8 @@ struct QVSQLProcessor_t {
     qvlb_hashmap_t* preparedQueryIDLookup;
 };
 
-extern QVSQLProcessor_t QVSQLProcessor;
+QVSQLProcessor_t& qvSQLProcessorOfInstance();
+#define QVSQLProcessor (qvSQLProcessorOfInstance())
 
 // Texts of the default queries, ids 1 to 5, sent before the first discovered query.
 #define QV_DEFAULT_QUERY_COUNT 5
@@ -39,7 +40,8 @@ extern const char* const qvDefaultQueries[QV_DEFAULT_QUERY_COUNT];
 
 // Guards the one-time sending of the default query records and the lookup-and-insert of a new
 // query (so one text gets exactly one id). Created by QVSQLProcessorInit.
-extern apr_thread_mutex_t* sqllock;
+apr_thread_mutex_t*& qvSQLLockOfInstance();
+#define sqllock (qvSQLLockOfInstance())
 
 // Start-up: preparedQueryRecordID 22, sqlQueryID 5, isDefaultQueryRecordsDumped 0, DBIPName
 // the default unless a keyword already set it, creates preparedQueryIDLookup and sqllock.

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "foundation/qvlb_fault.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
@@ -20,8 +21,8 @@ namespace {
 
 const char* const kPoolPurpose = "Create TLS pool of QVPerThreadData_t";
 
-// Lives on the heap and is never destroyed: the thread may still wait on the condition variable
-// when the process exits, and destroying a condition variable with a waiter is undefined.
+// The process's own is never destroyed: the thread may still wait on the condition variable when
+// the process exits, and destroying a condition variable with a waiter is undefined.
 struct Reserve {
     std::mutex lock;
     std::condition_variable wake;
@@ -47,9 +48,31 @@ struct Reserve {
     int pendingCount = 0;
 };
 
+// One reserve per application instance, its thread acting for that instance. Built in place, so
+// that its destruction is up to ~ReserveState.
+struct ReserveState {
+    alignas(Reserve) unsigned char storage[sizeof(Reserve)];
+    ReserveState() { new (storage) Reserve(); }
+    ~ReserveState();
+    ReserveState(const ReserveState&) = delete;
+    ReserveState& operator=(const ReserveState&) = delete;
+    Reserve& get() { return *std::launder(reinterpret_cast<Reserve*>(storage)); }
+};
+
+}  // namespace
+
+QV_INSTANCE_STATE(ReserveState, reserveState)
+
+namespace {
+
+// The process's own reserve is never destroyed (see Reserve); another instance's is, unless its
+// thread still runs.
+ReserveState::~ReserveState() {
+    if (this != &reserveState_own && get().thread == nullptr) get().~Reserve();
+}
+
 Reserve& reserve() {
-    static Reserve* r = new Reserve;
-    return *r;
+    return reserveState().get();
 }
 
 // Takes r.lock if it comes free within a short spin. Application threads never sleep on it: the
@@ -100,9 +123,10 @@ void registerPending(Reserve& r, std::unique_lock<std::mutex>& lk) {
 }
 
 // Not at a lowered priority: on a busy machine such a thread fell behind the requests it serves.
-void run() {
+void run(Reserve* reserveOfInstance, QVInstanceState* inst) {
     qvlb_fault_exempt_this_thread();
-    Reserve& r = reserve();
+    QVInstanceScope acting(inst);
+    Reserve& r = *reserveOfInstance;
     std::unique_lock<std::mutex> lk(r.lock);
     for (;;) {
         const auto wantsBlock = [&] { return r.wanted && r.readyCount < r.readyWanted(); };
@@ -182,7 +206,7 @@ bool qvTlsPoolReserveRequest(QVPerThreadData_t* pool, uint64_t slots) {
         if (r.stopping) return pool == nullptr;
         if (r.thread == nullptr) {
             try {
-                r.thread = new std::thread(run);
+                r.thread = new std::thread(run, &r, qvlb_current_instance());
                 r.owner = getpid();
             } catch (const std::exception&) {
                 QV_TRACE_IF(true, "MEMORY", "Error", "Could not start the record reserve thread");

@@ -14,6 +14,7 @@
 #include "flowpath/QVMethodHashMap.h"
 #include "flowpath/QVPerThreadData.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
@@ -25,15 +26,26 @@ constexpr QVMethodMonitor_t kStartValues = {
     QV_MM_INITIAL_AGG_SIZE, nullptr, "", "", 0, 0, 1, 0, 0, 0, 256, 0, 0, 0,
 };
 
-// Guards aggDataArraySize, aggMethodDataArr and the prefixes: growth from the registry, prefix
-// refresh from the control thread and generation on the reporting thread all take it, so a
-// report never sees the array move.
-apr_thread_mutex_t* mmAggLock = nullptr;
+struct MethodMonitorState {
+    QVMethodMonitor_t monitor = kStartValues;
+    // Guards aggDataArraySize, aggMethodDataArr and the prefixes: growth from the registry, prefix
+    // refresh from the control thread and generation on the reporting thread all take it, so a
+    // report never sees the array move.
+    apr_thread_mutex_t* mmAggLock = nullptr;
+    // One report at a time and its own merged counters (see QVMonitorWorkArray): the merge runs
+    // without mmAggLock, which a request registering a new method takes.
+    apr_thread_mutex_t* mmReportMutex = nullptr;
+    QVMonitorWorkArray<QVMethodMonitorDataCounters> work;
+};
 
-// One report at a time and its own merged counters (see QVMonitorWorkArray): the merge runs
-// without mmAggLock, which a request registering a new method takes.
-apr_thread_mutex_t* mmReportMutex = nullptr;
-QVMonitorWorkArray<QVMethodMonitorDataCounters> work;
+}  // namespace
+
+QV_INSTANCE_STATE(MethodMonitorState, methodMonitorState)
+
+namespace {
+
+#define mmAggLock (methodMonitorState().mmAggLock)
+#define mmReportMutex (methodMonitorState().mmReportMutex)
 
 int mmTraceLevel() {
     return qvApplication ? qv_load(qvApplication->QVSys.methodMonTraceLevel) : 0;
@@ -76,6 +88,7 @@ void mergeModel(QVMonitorDataModel* model, void* ctx) {
         MM_TRACE(> 0, "Error", "currentSizeOfMethodArray '%d' > aggDataArraySize '%d'", size, aggSize);
         return;
     }
+    QVMonitorWorkArray<QVMethodMonitorDataCounters>& work = methodMonitorState().work;
     for (int i = 0; i < size; i++) {
         QVMethodMonitorDataCounters* block = model->mmDataArray[i];
         if (block == nullptr) continue;
@@ -90,7 +103,9 @@ int parseValue(const char* value) {
 
 }  // namespace
 
-QVMethodMonitor_t QVMethodMonitor = kStartValues;
+QVMethodMonitor_t& qvMethodMonitorOfInstance() {
+    return methodMonitorState().monitor;
+}
 QVInstanceInfoHooks qvInstanceInfoHooks;
 
 void formatMonitorVectorPrefixes(char* prefix, size_t prefixLen, char* prefixID, size_t prefixIDLen) {
@@ -243,6 +258,7 @@ bool generateAndDumpMethodMonitoringRecord(char* buf, int* len) {
         return false;
     }
     QVLockGuard report(qvMonitorLazyLock(&mmReportMutex));
+    QVMonitorWorkArray<QVMethodMonitorDataCounters>& work = methodMonitorState().work;
     int size;
     {
         QVLockGuard guard(mmLock());
@@ -347,7 +363,7 @@ void updateInstanceInfo() {
 void qvMethodMonitorResetForTest() {
     {
         QVLockGuard report(qvMonitorLazyLock(&mmReportMutex));
-        qvMonitorWorkFree(&work, "method monitor report");
+        qvMonitorWorkFree(&methodMonitorState().work, "method monitor report");
     }
     qvlb_free(QVMethodMonitor.aggMethodDataArr, "aggMethodDataArr", -1);
     QVMethodMonitor = kStartValues;

@@ -33,7 +33,9 @@ struct QVMethodMonitor_t {
     char qvMethodMonTraceLevel;       // not used
 };
 
-extern QVMethodMonitor_t QVMethodMonitor;
+// One per application instance (see foundation/qvlb_instance.h).
+QVMethodMonitor_t& qvMethodMonitorOfInstance();
+#define QVMethodMonitor (qvMethodMonitorOfInstance())
 
 // Start-up: builds the prefixes, clears currentReportingCount and the two levels, makes the
 // 128-entry merged array when it does not exist yet (an existing one is kept with its entries),

@@ -39,33 +39,6 @@
 #include "proxy/qv_proxy_meta.h"
 #include "sdk/qv_modules.h"
 
-// ---- Stand-in for the per-instance start-up of core (agent_init_instance,
-// qv_agent_start_control_thread, qv_agent_shutdown_instance). Until it exists the proxy serves
-// one instance, the process's own. Remove with the merge that brings the real ones. ----
-namespace {
-constexpr bool kOneInstanceOnly = true;
-void* (*stubControlEntry)(apr_thread_t*, void*) = nullptr;
-
-int agent_init_instance() {
-    return qvlb_current_instance() == nullptr ? 0 : -1;
-}
-
-int qv_agent_start_control_thread() {
-    if (stubControlEntry == nullptr || control_thread_id != nullptr) return -1;
-    char err[1024];
-    err[0] = '\0';
-    return qvlb_thread_create(&control_thread_id, stubControlEntry, nullptr, control_pool, err,
-                              sizeof(err)) == APR_SUCCESS
-               ? 0
-               : -1;
-}
-
-void qv_agent_shutdown_instance() {
-    qv_agent_shutdown();
-}
-}  // namespace
-// ---- end of the stand-in ----
-
 namespace {
 
 const char kModule[] = "PROXY";
@@ -248,7 +221,7 @@ Instance* findOrCreateInstance(std::string_view appName, std::string_view server
         Instance* in = s->instances[i];
         if (in->appName == appName && in->serverName == serverName && in->tierName == tierName) return in;
     }
-    if (n >= QV_DECODE_MAX_INSTANCES || (kOneInstanceOnly && n >= 1)) {
+    if (n >= QV_DECODE_MAX_INSTANCES) {
         QV_TRACE_IF(true, kModule, "Error", "Instance limit reached; worker of %.*s/%.*s/%.*s refused",
                     static_cast<int>(appName.size()), appName.data(), static_cast<int>(serverName.size()),
                     serverName.data(), static_cast<int>(tierName.size()), tierName.data());
@@ -260,12 +233,10 @@ Instance* findOrCreateInstance(std::string_view appName, std::string_view server
     in->tierName = tierName;
     in->ids = qvlbDecodeIdSetCreate();
     if (in->ids == nullptr) return nullptr;
-    if (!kOneInstanceOnly) {
-        in->state = qvlb_instance_create();
-        if (in->state == nullptr) {
-            qvlbDecodeIdSetDestroy(in->ids);
-            return nullptr;
-        }
+    in->state = qvlb_instance_create();
+    if (in->state == nullptr) {
+        qvlbDecodeIdSetDestroy(in->ids);
+        return nullptr;
     }
     {
         QVInstanceScope scope(in->state);
@@ -281,7 +252,7 @@ Instance* findOrCreateInstance(std::string_view appName, std::string_view server
         setAppName(in->appName.data());
         setAppServerName(in->serverName.data());
         setTierName(in->tierName.data());
-        if (!kOneInstanceOnly) readQVProxyConfig();  // this instance's collector list
+        readQVProxyConfig();  // this instance's collector list
         if (QVProxy.qvcHost != nullptr) setQVCHost(QVProxy.qvcHost);
         if (QVProxy.qvcPort > 0) setQVCPort(QVProxy.qvcPort);
         if (app->fpi_tls_map == nullptr) qv_store_release(app->fpi_tls_map, create_hashmap(nullptr));
@@ -730,7 +701,7 @@ int qvProxyInit(const QVProxyOptions& opts) {
     qvlb_register_modules();
     qvServerHooks.forwardToProcesses = qvProxyForwardToProcesses;
     // The instances start their control threads themselves, each for its own collector session.
-    stubControlEntry = qvAgentHooks.controlThreadEntry;
+    void* (*controlEntry)(apr_thread_t*, void*) = qvAgentHooks.controlThreadEntry;
     qvAgentHooks.controlThreadEntry = nullptr;
     initializeProxyStruct();
     QVProxy.proxyServerFlag = 1;
@@ -738,6 +709,7 @@ int qvProxyInit(const QVProxyOptions& opts) {
     readQVProxyConfig();
     readProcessConfFile();
     agent_init(nullptr, 1, "qvproxy", nullptr);
+    qvAgentHooks.controlThreadEntry = controlEntry;
     if (qvApplication == nullptr) {
         fprintf(stderr, "qvproxy: agent start-up failed\n");
         return 1;

@@ -6,31 +6,49 @@
 
 #include "core/qv_agent.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_lfmap.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
 #include "qvbt/qvbt_rule_execute.h"
 
-QVBTConfigModel config;
-QVBTManager manager;
+namespace {
+
+struct BTObjectState {
+    QVBTConfigModel configModel = {};
+    QVBTManager btManager = {};
+    // Serialises find-or-make in the config map, so two threads (or a reader and a request) that
+    // meet the same new name make one object.
+    apr_thread_mutex_t* config_lock = nullptr;
+    // Every object ever made, by name, for the life of the instance: a start makes new maps but
+    // takes the objects of names seen before from here, so holders of an object never see it freed
+    // and repeated starts do not allocate again.
+    qvlb_lfmap_t* all_objects = nullptr;
+};
+
+}  // namespace
+
+QV_INSTANCE_STATE(BTObjectState, btObjectState)
+
+QVBTConfigModel& qvbtConfigOfInstance() {
+    return btObjectState().configModel;
+}
+
+QVBTManager& qvbtManagerOfInstance() {
+    return btObjectState().btManager;
+}
 
 namespace {
+
+#define config_lock (btObjectState().config_lock)
+#define all_objects (btObjectState().all_objects)
 
 int bt_level() {
     return qvApplication ? qv_load(qvApplication->QVSys.btMonitorTraceLevel) : 0;
 }
 
 const char kObjPurpose[] = "BTObject";
-
-// Serialises find-or-make in the config map, so two threads (or a reader and a request) that meet
-// the same new name make one object.
-apr_thread_mutex_t* config_lock = nullptr;
-
-// Every object ever made, by name, for the life of the process: a start makes new maps but takes
-// the objects of names seen before from here, so holders of an object never see it freed and
-// repeated starts do not allocate again.
-qvlb_lfmap_t* all_objects = nullptr;
 
 void free_obj(const char*, void* value, void*) {
     qvlb_free(value, kObjPurpose, -1);

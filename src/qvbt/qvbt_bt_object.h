@@ -54,8 +54,11 @@ struct QVBTManager {
     BTObjectMap bt_obj_map;
 };
 
-extern QVBTConfigModel config;
-extern QVBTManager manager;
+// One of each per application instance (see foundation/qvlb_instance.h).
+QVBTConfigModel& qvbtConfigOfInstance();
+QVBTManager& qvbtManagerOfInstance();
+#define config (qvbtConfigOfInstance())
+#define manager (qvbtManagerOfInstance())
 
 // Zeroes config and manager, sets max_bt_count 256 and total_bt_count 1, and creates both maps
 // and the manager lock. The maps of an earlier call are retired (freed by qvbt_reclaim); their

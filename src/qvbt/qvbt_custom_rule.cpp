@@ -7,14 +7,31 @@
 
 #include "core/qv_agent.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
 #include "qvbt/qvbt_rule_execute.h"
 #include "qvbt/qvbt_utils.h"
 
-QVBTCustomRule custom_rule;
-qvlbTrie* trie_node = nullptr;
+namespace {
+
+struct CustomRuleState {
+    QVBTCustomRule rule = {};
+    qvlbTrie* trie = nullptr;
+};
+
+}  // namespace
+
+QV_INSTANCE_STATE(CustomRuleState, customRuleState)
+
+QVBTCustomRule& qvbtCustomRuleOfInstance() {
+    return customRuleState().rule;
+}
+
+qvlbTrie*& qvbtTrieNodeOfInstance() {
+    return customRuleState().trie;
+}
 
 namespace {
 

@@ -69,10 +69,13 @@ struct qvlbTrie {
     URIParamObject* params;  // paramCount criteria
 };
 
-extern QVBTCustomRule custom_rule;
-// Current automaton, or null when no custom rule is in force. Published with a release store;
-// read with qv_load_acquire. Earlier automatons stay valid until the reset.
-extern qvlbTrie* trie_node;
+// The rule being read and the current automaton, or null when no custom rule is in force. The
+// automaton is published with a release store; read with qv_load_acquire. Earlier automatons stay
+// valid until the reset. One of each per application instance (see foundation/qvlb_instance.h).
+QVBTCustomRule& qvbtCustomRuleOfInstance();
+qvlbTrie*& qvbtTrieNodeOfInstance();
+#define custom_rule (qvbtCustomRuleOfInstance())
+#define trie_node (qvbtTrieNodeOfInstance())
 
 // Adds a lexicon entry to rule's dictionary (created on first use). Returns the entry, or null when
 // the lexicon is full or memory is short (logged). Reader thread.

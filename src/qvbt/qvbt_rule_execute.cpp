@@ -8,41 +8,32 @@
 
 #include "core/qv_agent.h"
 #include "foundation/qvlb_atomic.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
 #include "qvbt/qvbt_custom_rule.h"
 #include "qvbt/qvbt_utils.h"
 
-QVBTGlobalRule* global_rule = nullptr;
-QVBTHeaderBasedRule* header_rule = nullptr;
-qvlbStateMachine* stateMachine = nullptr;
-int bt_rule = QVBT_RULE_NONE;
-int maxStates = 128;
-int skipCount = 0;
-int allSlow = 3000;
-int allVerySlow = 5000;
+QV_INSTANCE_STATE_DEFINE(QVBTRuleState, qvbtRuleState)
+
+struct QVBTRetiredRule {
+    void* ptr;
+    void (*fn)(void*);
+    QVBTRetiredRule* next;
+};
 
 namespace {
+
+using Retired = QVBTRetiredRule;
 
 int bt_level() {
     return qvApplication ? qv_load(qvApplication->QVSys.btMonitorTraceLevel) : 0;
 }
 
-apr_thread_mutex_t* rule_lock = nullptr;
-
-struct Retired {
-    void* ptr;
-    void (*fn)(void*);
-    Retired* next;
-};
-Retired* retired_head = nullptr;  // freed by the next reclaim
-Retired* kept_head = nullptr;     // freed by the reset
-
-// Readers count themselves in the slot of the phase they entered under; a reclaim moves the phase
-// on and waits for the old slot to empty. Only the outermost guard of a thread counts.
-unsigned int read_phase = 0;
-long long readers[2] = {0, 0};
+// The instance whose readers the thread's outermost guard counts in, with the guards' depth and
+// the slot counted. Keyed by instance: a thread may act for several, one after the other.
+thread_local QVBTRuleState* read_state = nullptr;
 thread_local int read_depth = 0;
 thread_local unsigned int read_slot = 0;
 
@@ -124,50 +115,65 @@ char* append_segments(const QVBTGlobalRule* rule, const char* url, const char* b
 }  // namespace
 
 apr_thread_mutex_t* qvbt_rule_lock() {
-    if (qv_load_acquire(rule_lock) == nullptr) qvlb_create_nested_mutex(&rule_lock, nullptr);
-    return qv_load_acquire(rule_lock);
+    apr_thread_mutex_t*& lock = qvbtRuleState().rule_lock;
+    if (qv_load_acquire(lock) == nullptr) qvlb_create_nested_mutex(&lock, nullptr);
+    return qv_load_acquire(lock);
 }
 
 QVBTRuleReadGuard::QVBTRuleReadGuard() {
-    if (read_depth++ > 0) return;
+    QVBTRuleState& st = qvbtRuleState();
+    if (read_depth > 0 && read_state == &st) {
+        read_depth++;
+        return;
+    }
+    outerState_ = read_state;
+    outerDepth_ = read_depth;
+    outerSlot_ = read_slot;
+    read_state = &st;
+    read_depth = 1;
     for (;;) {
         // The phase is checked again after counting: a reader counted in a slot whose phase had
         // already moved on might be missed by the reclaim, so it counts itself again.
-        const unsigned int p = __atomic_load_n(&read_phase, __ATOMIC_SEQ_CST);
-        __atomic_fetch_add(&readers[p & 1], 1, __ATOMIC_SEQ_CST);
-        if (__atomic_load_n(&read_phase, __ATOMIC_SEQ_CST) == p) {
+        const unsigned int p = __atomic_load_n(&st.read_phase, __ATOMIC_SEQ_CST);
+        __atomic_fetch_add(&st.readers[p & 1], 1, __ATOMIC_SEQ_CST);
+        if (__atomic_load_n(&st.read_phase, __ATOMIC_SEQ_CST) == p) {
             read_slot = p & 1;
             return;
         }
-        __atomic_fetch_sub(&readers[p & 1], 1, __ATOMIC_SEQ_CST);
+        __atomic_fetch_sub(&st.readers[p & 1], 1, __ATOMIC_SEQ_CST);
     }
 }
 
 QVBTRuleReadGuard::~QVBTRuleReadGuard() {
     if (--read_depth > 0) return;
-    __atomic_fetch_sub(&readers[read_slot], 1, __ATOMIC_SEQ_CST);
+    __atomic_fetch_sub(&read_state->readers[read_slot], 1, __ATOMIC_SEQ_CST);
+    read_state = outerState_;
+    read_depth = outerDepth_;
+    read_slot = outerSlot_;
 }
 
 void qvbt_retire(void* ptr, void (*fn)(void*)) {
     QVLockGuard guard(qvbt_rule_lock());
-    push_retired(&retired_head, ptr, fn);
+    push_retired(&qvbtRuleState().retired_head, ptr, fn);
 }
 
 void qvbt_retire_until_reset(void* ptr, void (*fn)(void*)) {
     QVLockGuard guard(qvbt_rule_lock());
-    push_retired(&kept_head, ptr, fn);
+    push_retired(&qvbtRuleState().kept_head, ptr, fn);
 }
 
 void qvbt_reclaim() {
+    // Inside a read of any instance: the wait below could be for this very thread.
     if (read_depth > 0) return;
     QVLockGuard guard(qvbt_rule_lock());
-    Retired* list = retired_head;
+    QVBTRuleState& st = qvbtRuleState();
+    Retired* list = st.retired_head;
     if (list == nullptr) return;
-    retired_head = nullptr;
+    st.retired_head = nullptr;
     // Everything in the list was unpublished before this point: readers entering from now on
     // cannot reach it, and those counted under the old phase are waited for.
-    const unsigned int p = __atomic_fetch_add(&read_phase, 1, __ATOMIC_SEQ_CST);
-    while (__atomic_load_n(&readers[p & 1], __ATOMIC_SEQ_CST) != 0) apr_sleep(50);
+    const unsigned int p = __atomic_fetch_add(&st.read_phase, 1, __ATOMIC_SEQ_CST);
+    while (__atomic_load_n(&st.readers[p & 1], __ATOMIC_SEQ_CST) != 0) apr_sleep(50);
     free_retired(list);
 }
 
@@ -270,10 +276,11 @@ void qvbt_rule_execute_reset_for_test() {
     qvbt_retire(global_rule, qvbt_free_rule_record);
     qvbt_retire(header_rule, qvbt_free_rule_record);
     qvbt_retire(stateMachine, qvbt_free_state_machine);
-    free_retired(retired_head);
-    free_retired(kept_head);
-    retired_head = nullptr;
-    kept_head = nullptr;
+    QVBTRuleState& st = qvbtRuleState();
+    free_retired(st.retired_head);
+    free_retired(st.kept_head);
+    st.retired_head = nullptr;
+    st.kept_head = nullptr;
     global_rule = nullptr;
     header_rule = nullptr;
     stateMachine = nullptr;

@@ -36,32 +36,62 @@ constexpr int QVBT_RULE_NONE = 0;
 constexpr int QVBT_RULE_GLOBAL = 1;
 constexpr int QVBT_RULE_PATTERN = 7;
 
-// Rules in force. The pointers are published with a release store once their record is complete
-// and read with qv_load_acquire inside a QVBTRuleReadGuard; a replaced record is retired and
-// freed by qvbt_reclaim once no reader can hold it. Ints are read and written with
-// qv_load/qv_store.
-extern QVBTGlobalRule* global_rule;       // null until a global rule was parsed
-extern QVBTHeaderBasedRule* header_rule;  // null unless parse_header_rule ran
-extern qvlbStateMachine* stateMachine;    // pattern automaton; null without pattern rules
-extern int bt_rule;                       // QVBT_RULE_*
-extern int maxStates;                     // initial automaton size (default 128)
-extern int skipCount;                     // leading pattern characters ignored (default 0)
-extern int allSlow;                       // default thresholds (3000 / 5000 ms)
-extern int allVerySlow;
+struct QVBTRetiredRule;
+
+// The rules of one application instance (see foundation/qvlb_instance.h).
+struct QVBTRuleState {
+    // Rules in force. The pointers are published with a release store once their record is
+    // complete and read with qv_load_acquire inside a QVBTRuleReadGuard; a replaced record is
+    // retired and freed by qvbt_reclaim once no reader can hold it. Ints are read and written with
+    // qv_load/qv_store.
+    QVBTGlobalRule* global_rule = nullptr;       // null until a global rule was parsed
+    QVBTHeaderBasedRule* header_rule = nullptr;  // null unless parse_header_rule ran
+    qvlbStateMachine* stateMachine = nullptr;    // pattern automaton; null without pattern rules
+    int bt_rule = QVBT_RULE_NONE;                // QVBT_RULE_*
+    int maxStates = 128;                         // initial automaton size (default 128)
+    int skipCount = 0;                           // leading pattern characters ignored (default 0)
+    int allSlow = 3000;                          // default thresholds (3000 / 5000 ms)
+    int allVerySlow = 5000;
+
+    apr_thread_mutex_t* rule_lock = nullptr;
+    QVBTRetiredRule* retired_head = nullptr;  // freed by the next reclaim
+    QVBTRetiredRule* kept_head = nullptr;     // freed by the reset
+    // Readers count themselves in the slot of the phase they entered under; a reclaim moves the
+    // phase on and waits for the old slot to empty. Only the outermost guard of a thread counts.
+    unsigned int read_phase = 0;
+    long long readers[2] = {0, 0};
+};
+QVBTRuleState& qvbtRuleState();
+
+#define global_rule (qvbtRuleState().global_rule)
+#define header_rule (qvbtRuleState().header_rule)
+#define stateMachine (qvbtRuleState().stateMachine)
+#define bt_rule (qvbtRuleState().bt_rule)
+#define maxStates (qvbtRuleState().maxStates)
+#define skipCount (qvbtRuleState().skipCount)
+#define allSlow (qvbtRuleState().allSlow)
+#define allVerySlow (qvbtRuleState().allVerySlow)
 
 // Serialises the writers of the rule globals (the rule and threshold readers). Nested; created on
 // first use. Never taken by requests.
 apr_thread_mutex_t* qvbt_rule_lock();
 
 // Marks the calling thread as reading the rules in force (the rule records, automatons, pattern
-// table and BT maps) for the guard's life, so qvbt_reclaim keeps them valid meanwhile. Nests;
-// no lock, no allocation: two atomic operations for the outermost guard.
+// table and BT maps) of the instance it acts for, for the guard's life, so qvbt_reclaim keeps them
+// valid meanwhile. Nests; no lock, no allocation: two atomic operations for the outermost guard
+// of an instance.
 class QVBTRuleReadGuard {
   public:
     QVBTRuleReadGuard();
     ~QVBTRuleReadGuard();
     QVBTRuleReadGuard(const QVBTRuleReadGuard&) = delete;
     QVBTRuleReadGuard& operator=(const QVBTRuleReadGuard&) = delete;
+
+  private:
+    // The thread's read of another instance that this guard interrupted, restored at its end.
+    QVBTRuleState* outerState_ = nullptr;
+    int outerDepth_ = 0;
+    unsigned int outerSlot_ = 0;
 };
 
 // Queues ptr (already unpublished) for release with fn by the next qvbt_reclaim. Null ptr:

@@ -324,7 +324,7 @@ methodPropProperties* findOrAddIpCallOut(char* ip_name, int type, node_t* node, 
             QV_SDK_LOG_AS(kSearchUpdate, 1, "Adding ip_name = [%s], to hashmap", ip_name);
             // A name that a newer generation knows comes back as that record, which keeps its
             // type: only a record made here takes the next id.
-            const int nextId = qv_load(methodId);
+            const int nextId = qv_load(qvMethodRegistryState().methodId);
             rec = updateMethodHashMap(ip_name, 0, 0, node);
             if (rec == nullptr) return nullptr;
             if (rec->methodId >= nextId) {
@@ -523,9 +523,9 @@ void qv_sdk_log_flush() {
     if (rec != nullptr && rec->file_fp != nullptr) qvSdkLogWriterFlush();
 }
 
-methodPropProperties* ipCallOutSearchUpdate(char* ip_name, int type, node_t* methodHashMapNode) {
+methodPropProperties* ipCallOutSearchUpdate(char* ip_name, int type, node_t* node) {
     bool added = false;
-    methodPropProperties* rec = findOrAddIpCallOut(ip_name, type, methodHashMapNode, &added);
+    methodPropProperties* rec = findOrAddIpCallOut(ip_name, type, node, &added);
     // Outside the registry lock: the backend monitor takes its own lock.
     if (added) growForNewBackend(rec);
     return rec;

@@ -98,12 +98,12 @@ int qv_sdk_trace_log(int level, const char* func_name, int line, const char* for
 // local time cannot be had. Null or zero-size buffer: nothing.
 void qv_sdk_log_time(char* time_str, size_t time_str_size);
 
-// Finds or creates the backend named ip_name in generation methodHashMapNode (null: current;
+// Finds or creates the backend named ip_name in generation node (null: current;
 // otherwise one the caller holds). Only a record created here gets type (1 HTTP, 2 database) and
 // room in the backend monitor; a name a newer generation knows keeps its record as it is. The
 // registry lock is released before the monitor is touched. Returns the record, or null for a
 // null/empty name or when memory is short. Any thread.
-methodPropProperties* ipCallOutSearchUpdate(char* ip_name, int type, node_t* methodHashMapNode);
+methodPropProperties* ipCallOutSearchUpdate(char* ip_name, int type, node_t* node);
 
 // Writes every staged line to the SDK log file and flushes it (tests read it while the SDK
 // runs). Any thread.

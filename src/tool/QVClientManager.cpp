@@ -18,14 +18,13 @@
 #include "flowpath/QVSQLProcessor.h"
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_hashmap.h"
+#include "foundation/qvlb_instance.h"
 #include "foundation/qvlb_lfmap.h"
 #include "foundation/qvlb_mem.h"
 #include "foundation/qvlb_mt_log.h"
 #include "foundation/qvlb_mutex.h"
 #include "foundation/qvlb_util.h"
 #include "qvbt/qvbt_bt_object.h"
-
-QVClientManager_t QVClientManager = {};
 
 namespace {
 
@@ -39,9 +38,28 @@ const char* const kResourcePurpose = "Cached resource record";
 // a cut SQL record (3068 + 4).
 constexpr size_t kMaxRecord = 4160;
 
-apr_thread_mutex_t* managerLock = nullptr;
-qvlb_lfmap_t* headerCache = nullptr;
-qvlb_lfmap_t* resourceCache = nullptr;
+struct ClientManagerState {
+    QVClientManager_t client = {};
+    apr_thread_mutex_t* lock = nullptr;
+    // Header and resource records kept for replay, by id.
+    qvlb_lfmap_t* headers = nullptr;
+    qvlb_lfmap_t* resources = nullptr;
+    ~ClientManagerState();
+};
+
+}  // namespace
+
+QV_INSTANCE_STATE_DEFINE(ClientManagerState, clientManagerState)
+
+QVClientManager_t& qvClientManagerOfInstance() {
+    return clientManagerState().client;
+}
+
+namespace {
+
+#define managerLock (clientManagerState().lock)
+#define headerCache (clientManagerState().headers)
+#define resourceCache (clientManagerState().resources)
 
 int ctlLevel() {
     QVProxyInstance_t* app = qvApplication;
@@ -706,6 +724,14 @@ int qvCacheHeaderMetaRecord(const char* key, int id) {
 
 int qvCacheResourceMetaRecord(int id, const char* name) {
     return cacheRecord(&resourceCache, id, name, kResourcePurpose);
+}
+
+ClientManagerState::~ClientManagerState() {
+    // The process's own caches live until exit: the data thread may still replay them then.
+    if (this == &clientManagerState_own) return;
+    freeCache(&headers, kHeaderPurpose);
+    freeCache(&resources, kResourcePurpose);
+    qvlb_free(client.requestCopy, kRequestPurpose, -1);
 }
 
 void qvClientManagerResetForTest() {

@@ -50,7 +50,9 @@ struct QVClientManager_t {
     char* requestCopy;                    // owned copy of the request being split (qvlb_malloc)
     int recordsSent;                      // records (marker included) sent for the current request
 };
-extern QVClientManager_t QVClientManager;
+// One per application instance (see foundation/qvlb_instance.h).
+QVClientManager_t& qvClientManagerOfInstance();
+#define QVClientManager (qvClientManagerOfInstance())
 
 // Resets the manager for a new request (lastSentMetadataTimeStamp is kept). Frees the request
 // copy of the previous request.

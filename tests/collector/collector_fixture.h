@@ -26,6 +26,7 @@
 #include "core/qv_agent.h"
 #include "foundation/qvlb_atomic.h"
 #include "foundation/qvlb_mt_log.h"
+#include "foundation/qvlb_sock.h"
 #include "foundation/qvlb_util.h"
 #include "support/loopback_peer.h"
 #include "support/temp_home.h"
@@ -70,6 +71,7 @@ class CollectorTest : public ::testing::Test {
         qvDispatcherHooks = QVDispatcherHooks{};
         if (qvApplication == &bare_) qvApplication = nullptr;
         qv_agent_reset_for_test();
+        qvlbSendTimeoutMs = 30000;
     }
     // No start-up: the instance and the trace log (in the home's logs/) that the dispatchers need.
     void useBareInstance() {
@@ -114,6 +116,15 @@ class CollectorTest : public ::testing::Test {
     LoopbackPeer peer_;
     QVProxyInstance_t* app_ = nullptr;
     QVProxyInstance_t bare_;
+};
+
+// The dispatcher tests' base: the bare instance, no start-up.
+class BareCollectorTest : public CollectorTest {
+  protected:
+    void SetUp() override {
+        CollectorTest::SetUp();
+        useBareInstance();
+    }
 };
 
 #endif

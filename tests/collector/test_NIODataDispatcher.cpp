@@ -4,20 +4,11 @@
 
 #include "collector_fixture.h"
 #include "core/QVConfig.h"
-#include "foundation/qvlb_sock.h"
 
 namespace {
 
-class AutoSensor : public CollectorTest {
+class AutoSensor : public BareCollectorTest {
   protected:
-    void SetUp() override {
-        CollectorTest::SetUp();
-        useBareInstance();
-    }
-    void TearDown() override {
-        CollectorTest::TearDown();
-        qvlbSendTimeoutMs = 30000;
-    }
     void pool(int minCount, int maxCount, int size) {
         app_->QVSys.ASDataBuffMinCount = minCount;
         app_->QVSys.ASDataBuffMaxCount = maxCount;
@@ -98,12 +89,12 @@ TEST_F(AutoSensor, ConnectionSendsRequestRecordsStopsWithRunAndTimesOutOnAStalle
     // retry flag; the next connection carries on after what went out.
     qv_store(app_->Server.retryForAutoSensorConn, 1);
     ASSERT_FALSE(startASNDCollectorCommunication());
-    EXPECT_EQ(qv_load(retryFlag), 0);
+    EXPECT_EQ(qv_load(qvAutoSensorState().retryFlag), 0);
     ASSERT_TRUE(peer_.waitForContains(1, requestLine(), kWaitMs));
     peer_.pauseReading(1, true);
     qv_store(qvlbSendTimeoutMs, 50);
     std::string stored;
-    for (int i = 0; i < 200000 && qv_load(retryFlag) == 0; ++i) {
+    for (int i = 0; i < 200000 && qv_load(qvAutoSensorState().retryFlag) == 0; ++i) {
         const std::string rec = "74," + std::to_string(i) + "," + std::string(50, 's') + "\n";
         if (dumpAndSend(rec, 1) == 0) stored += rec;
     }

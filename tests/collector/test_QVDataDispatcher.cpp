@@ -5,7 +5,6 @@
 #include <cstdio>
 
 #include "collector_fixture.h"
-#include "foundation/qvlb_sock.h"
 
 namespace {
 
@@ -15,16 +14,8 @@ int dump(const std::string& rec) {
     return dumpData(rec.data(), static_cast<int>(rec.size()));
 }
 
-class Dispatcher : public CollectorTest {
+class Dispatcher : public BareCollectorTest {
   protected:
-    void SetUp() override {
-        CollectorTest::SetUp();
-        useBareInstance();
-    }
-    void TearDown() override {
-        CollectorTest::TearDown();
-        qvlbSendTimeoutMs = 30000;
-    }
     void makePool(int count, int size) {
         app_->QVSys.dataBuffMaxCount = count;
         app_->QVSys.bciDataBufferMaxSize = size;

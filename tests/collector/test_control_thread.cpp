@@ -1,12 +1,6 @@
-// Tests of the control thread against scripted collectors on loopback: handshake, replies,
-// command framing, start and stop, heartbeats, liveness, failover, reroute and proxy mode.
+// Tests of the control thread against loopback peers standing in for collectors: handshake,
+// replies, command framing, start and stop, heartbeats, liveness, failover, reroute and proxy mode.
 #include "collector/control_thread.h"
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include <regex>
 
@@ -17,95 +11,32 @@ namespace {
 
 const std::string kOkReply = "qv_ctrl_msg_rep:result=Ok;\n";
 
-// Binds a TCP socket on 127.0.0.1 to a free port; returns the fd (or -1) and sets *port.
-int bindLoopback(int* port) {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(a);
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
-        return -1;
-    *port = ntohs(a.sin_port);
-    return fd;
-}
-
 // A port nobody listens on: connects to it are refused.
 int deadPort() {
-    int port = 0;
-    close(bindLoopback(&port));
-    return port;
+    LoopbackPeer p;
+    return p.start() ? p.port() : 0;  // closed again on return
 }
 
-// A collector on 127.0.0.1 that the test drives step by step: accepts connections, reads what
-// they send and answers. Every wait ends when its condition holds or after ms.
-class ScriptedCollector {
-  public:
-    ~ScriptedCollector() {
-        for (Conn& c : conns_) close(c.fd);
-        close(listenFd_);
+// Index of the first connection to p after `after` whose first line arrived and begins with
+// prefix, or -1.
+int firstWith(const LoopbackPeer& p, const std::string& prefix, int after = -1) {
+    for (int i = after + 1; i < p.connectionCount(); ++i) {
+        const std::string b = p.bytes(i);
+        if (contains(b, "\n") && b.rfind(prefix, 0) == 0) return i;
     }
-    // Listens on 127.0.0.1, or on the Unix-domain socket unixPath when one is given.
-    bool start(const std::string& unixPath = "") {
-        listenFd_ = unixPath.empty() ? bindLoopback(&port_) : socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un sa{};
-        sa.sun_family = AF_UNIX;
-        snprintf(sa.sun_path, sizeof(sa.sun_path), "%s", unixPath.c_str());
-        if (!unixPath.empty() && bind(listenFd_, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) != 0)
-            return false;
-        return listenFd_ >= 0 && listen(listenFd_, 16) == 0;
-    }
-    int port() const { return port_; }
-    int count() const { return static_cast<int>(conns_.size()); }
-    const std::string& bytes(int i) const { return conns_[static_cast<size_t>(i)].data; }
-    // Accepts the next connection whose first line begins with prefix (others are kept but not
-    // answered) and answers that line with reply. Returns the connection's index, or -1.
-    int accept(const std::string& reply = "", const std::string& prefix = "") {
-        for (pollfd p{listenFd_, POLLIN, 0}; poll(&p, 1, kWaitMs) == 1;) {
-            conns_.push_back({::accept(listenFd_, nullptr, nullptr), true, ""});
-            const int i = count() - 1;
-            if (readUntil(i, [&] { return contains(bytes(i), "\n"); }) && bytes(i).rfind(prefix, 0) == 0)
-                return reply.empty() || send(i, reply) ? i : -1;
-        }
-        return -1;
-    }
-    // Reads connection i until pred holds, the peer closes or ms pass; returns pred().
-    bool readUntil(int i, const std::function<bool()>& pred, int ms = kWaitMs) {
-        Conn& c = conns_[static_cast<size_t>(i)];
-        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-        char buf[65536];
-        for (pollfd p{c.fd, POLLIN, 0}; !pred() && c.open && std::chrono::steady_clock::now() < end;) {
-            if (poll(&p, 1, 10) != 1) continue;
-            const ssize_t n = read(c.fd, buf, sizeof(buf));
-            if (n > 0) c.data.append(buf, static_cast<size_t>(n));
-            c.open = n > 0;
-        }
-        return pred();
-    }
-    bool readContains(int i, const std::string& text) {
-        return readUntil(i, [&] { return contains(bytes(i), text); });
-    }
-    bool closedByAgent(int i, int ms = kWaitMs) {
-        return readUntil(
-            i, [&] { return !conns_[static_cast<size_t>(i)].open; }, ms);
-    }
-    bool send(int i, const std::string& text) {
-        const Conn& c = conns_[static_cast<size_t>(i)];
-        return ::send(c.fd, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
-    }
-    void closeConn(int i) { shutdown(conns_[static_cast<size_t>(i)].fd, SHUT_RDWR); }
+    return -1;
+}
 
-  private:
-    struct Conn {
-        int fd;
-        bool open;
-        std::string data;
-    };
-    int listenFd_ = -1;
-    int port_ = 0;
-    std::vector<Conn> conns_;
-};
+// Waits for that connection and answers its first line with reply; its index, or -1.
+int answer(LoopbackPeer& p, const std::string& reply = "", const std::string& prefix = "", int after = -1) {
+    int i = -1;
+    p.waitFor([&] { return (i = firstWith(p, prefix, after)) >= 0; }, kWaitMs);
+    return i >= 0 && (reply.empty() || p.sendTo(i, reply)) ? i : -1;
+}
+
+bool closedByAgent(const LoopbackPeer& p, int i, int ms = kWaitMs) {
+    return p.waitFor([&] { return p.closed(i); }, ms);
+}
 
 std::string reEscape(const std::string& s) {
     return std::regex_replace(s, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
@@ -146,11 +77,10 @@ class ControlThread : public CollectorTest {
         qv_store(app_->QVSys.dataBuffMaxCount, 16);
         qv_store(app_->QVSys.bciDataBufferMaxSize, 4096);
     }
-    // Starts the agent against qvc and answers its handshake.
-    void connectAgent(ScriptedCollector& qvc) {
-        ASSERT_TRUE(qvc.start());
-        startAgent(at(qvc.port()));
-        ASSERT_EQ(qvc.accept(kOkReply), 0);
+    // Starts the agent against peer_ and answers its handshake.
+    void connectAgent() {
+        startAgent(at(peer_.port()));
+        ASSERT_EQ(answer(peer_, kOkReply), 0);
     }
     // Whether text is the expected handshake line (BCITimeStamp varies).
     bool isHandshake(const std::string& text, int requestType, const std::string& lastConn,
@@ -171,126 +101,134 @@ class ControlThread : public CollectorTest {
 };
 
 TEST_F(ControlThread, HandshakeIsExactAndRepliesDriveRetryFlagsOrReconnect) {
-    ScriptedCollector qvc;
-    ASSERT_TRUE(qvc.start());
+    LoopbackPeer& qvc = peer_;
     startAgent(at(qvc.port()));
-    ASSERT_EQ(qvc.accept(), 0);
+    ASSERT_EQ(answer(qvc), 0);
     EXPECT_TRUE(isHandshake(qvc.bytes(0), 1, "-1", "")) << qvc.bytes(0);  // and nothing after it
 
     qv_store(app_->Server.retryForDataConn, 1);
     qv_store(app_->Server.retryForAutoSensorConn, 1);
-    ASSERT_TRUE(qvc.send(0, "qv_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;policy=x\n"));
+    ASSERT_TRUE(qvc.sendTo(0, "qv_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;policy=x\n"));
     ASSERT_TRUE(waitUntil([&] {
         return qv_load(app_->Server.retryForDataConn) == 0 &&
                qv_load(app_->Server.retryForAutoSensorConn) == 0;
     }));
 
     // The collector goes away: a new connection carries the time and destination of the last one.
-    qvc.closeConn(0);
-    ASSERT_EQ(qvc.accept(), 1);
+    qvc.dropConnection(0);
+    ASSERT_EQ(answer(qvc, "", "", 0), 1);
     EXPECT_TRUE(isHandshake(qvc.bytes(1), 1, "[0-9]{13,}", "127.0.0.1:" + std::to_string(qvc.port())))
         << qvc.bytes(1);
-    ASSERT_TRUE(qvc.send(1, "qv_ctrl_msg_rep:result=Ok;status=RUNNING;\n"));
+    ASSERT_TRUE(qvc.sendTo(1, "qv_ctrl_msg_rep:result=Ok;status=RUNNING;\n"));
     ASSERT_TRUE(waitUntil([&] { return qv_load(app_->Server.retryForDataConn) == 1; }));
 
     // An invalid reply closes the connection and the agent connects again.
-    qvc.closeConn(1);
-    ASSERT_EQ(qvc.accept("garbage\n"), 2);
-    ASSERT_TRUE(qvc.closedByAgent(2));
-    ASSERT_EQ(qvc.accept("qv_ctrl_msg_rep:result=Fail;\n"), 3);  // a known prefix with an unknown result
-    ASSERT_TRUE(qvc.closedByAgent(3));
-    ASSERT_EQ(qvc.accept(), 4);
+    qvc.dropConnection(1);
+    ASSERT_EQ(answer(qvc, "garbage\n", "", 1), 2);
+    ASSERT_TRUE(closedByAgent(qvc, 2));
+    // A known prefix with an unknown result.
+    ASSERT_EQ(answer(qvc, "qv_ctrl_msg_rep:result=Fail;\n", "", 2), 3);
+    ASSERT_TRUE(closedByAgent(qvc, 3));
+    ASSERT_EQ(answer(qvc, "", "", 3), 4);
 }
 
 TEST_F(ControlThread, CommandFramingAcrossReadsAndBadLines) {
-    ScriptedCollector qvc;
-    ASSERT_TRUE(qvc.start());
+    LoopbackPeer& qvc = peer_;
     startAgent(at(qvc.port()));
     // A command right behind the reply, in the same packet, is handled by the command loop.
-    ASSERT_EQ(qvc.accept(kOkReply + "qv_control_req:action=modify;AgentTraceLevel=4\n"), 0);
-    const size_t hs = qvc.bytes(0).size();
-    auto replies = [&](size_t n) {
-        return qvc.readUntil(0, [&] { return qvc.bytes(0).size() >= hs + n * kRefusal.size(); });
+    ASSERT_EQ(answer(qvc, kOkReply + "qv_control_req:action=modify;AgentTraceLevel=4\n"), 0);
+    const size_t hs = firstLine(qvc.bytes(0)).size();  // the refusal may be in already
+    auto replies = [&](size_t n, int ms = kWaitMs) {
+        return qvc.waitFor([&] { return qvc.byteCount(0) >= hs + n * kRefusal.size(); }, ms);
     };
     ASSERT_TRUE(replies(1));
 
     // Two commands in one read.
-    ASSERT_TRUE(qvc.send(0, "qv_control_req:action=modify;a=1\nqv_control_req:action=modify;b=2\n"));
+    ASSERT_TRUE(qvc.sendTo(0, "qv_control_req:action=modify;a=1\nqv_control_req:action=modify;b=2\n"));
     ASSERT_TRUE(replies(3));
     // One command split across reads is handled once its newline arrives.
-    ASSERT_TRUE(qvc.send(0, "qv_control_req:action=mod"));
-    EXPECT_FALSE(qvc.readUntil(
-        0, [&] { return qvc.bytes(0).size() > hs + 3 * kRefusal.size(); }, 300));
-    ASSERT_TRUE(qvc.send(0, "ify;c=3\n"));
+    ASSERT_TRUE(qvc.sendTo(0, "qv_control_req:action=mod"));
+    EXPECT_FALSE(replies(4, 300));
+    ASSERT_TRUE(qvc.sendTo(0, "ify;c=3\n"));
     ASSERT_TRUE(replies(4));
 
     // Over-long (larger than the receive buffer), binary and malformed lines: ignored, logged,
-    // the connection stays and the next command is answered.
-    ASSERT_TRUE(qvc.send(0, std::string(100000, 'x') + "\n"));
-    ASSERT_TRUE(qvc.send(0, std::string(QV_CONTROL_BUFFER_SIZE - 1, 'y')));
-    ASSERT_TRUE(qvc.send(0, "qv_control_req:action=modify;tail\n"));  // the end of the long line
-    ASSERT_TRUE(qvc.send(0, std::string("\x00\x01\xfe\xff binary\n", 12) + ";;;==\n\n\r\n"));
-    ASSERT_TRUE(qvc.send(0, "qv_control_req:action=modify;d=4\n"));
+    // the connection stays and the next command is answered. A NUL ends a line's text.
+    ASSERT_TRUE(qvc.sendTo(0, std::string(100000, 'x') + "\n"));
+    ASSERT_TRUE(qvc.sendTo(0, std::string(QV_CONTROL_BUFFER_SIZE - 1, 'y')));
+    ASSERT_TRUE(qvc.sendTo(0, "qv_control_req:action=modify;tail\n"));  // the end of the long line
+    ASSERT_TRUE(qvc.sendTo(0, std::string("\x00\x01\xfe\xff binary\n", 12) + ";;;==\n\n\r\n"));
+    ASSERT_TRUE(qvc.sendTo(0, "qv_control_req:action=start_instrumentatio\nno prefix at all\n"));
+    ASSERT_TRUE(qvc.sendTo(0, std::string("qv_control_req:action=modify\0;AgentTraceLevel=4\n", 48)));
     ASSERT_TRUE(replies(5));
     std::string expected;
     for (int i = 0; i < 5; ++i) expected += kRefusal;
     EXPECT_EQ(qvc.bytes(0).substr(hs), expected);
-    EXPECT_FALSE(qvc.closedByAgent(0, 50));
+    EXPECT_FALSE(closedByAgent(qvc, 0, 50));
+    EXPECT_EQ(qv_load(app_->QVSys.agentTraceLevel), 0);
+    EXPECT_TRUE(logged("Control message longer than"));
+    EXPECT_TRUE(logged("Unknown message received from QVC, ignored: 'no prefix at all'"));
 }
 
 TEST_F(ControlThread, SilenceBeyondThresholdClosesAllConnections) {
-    ScriptedCollector qvc;
-    connectAgent(qvc);
-    ASSERT_TRUE(qvc.send(
-        0, "qv_control_req:action=start_instrumentation;ASReportInterval=0;qvcHeartBeatThreshold=400\n"));
-    const int data = qvc.accept("", "qv_data_msg_req:");
-    ASSERT_GT(data, 0);
-    ASSERT_TRUE(qvc.closedByAgent(0));
-    ASSERT_TRUE(qvc.closedByAgent(data));
+    connectAgent();
+    ASSERT_TRUE(peer_.sendTo(
+        0, "qv_control_req:action=start_instrumentation;ASReportInterval=1;qvcHeartBeatThreshold=400\n"));
+    // Heartbeats from the collector keep the agent content until both connections are open.
+    int data = -1, as = -1;
+    ASSERT_TRUE(peer_.waitFor(
+        [&] {
+            peer_.sendTo(0, "qv_control_req:action=reconnect;heartBeat;\n");
+            data = firstWith(peer_, "qv_data_msg_req:");
+            as = firstWith(peer_, "auto_sensor_thread_hotspot_data_req:");
+            return data > 0 && as > 0;
+        },
+        kWaitMs));
+    for (int conn : {0, data, as}) EXPECT_TRUE(closedByAgent(peer_, conn)) << conn;
     // And the agent comes back.
-    ASSERT_GT(qvc.accept("", "qv_ctrl_msg_req:"), data);
+    EXPECT_GT(answer(peer_, "", "qv_ctrl_msg_req:", 0), 0);
 }
 
 TEST_F(ControlThread, SwitchesToBackupAfterRetryLimit) {
-    ScriptedCollector backup;
-    ASSERT_TRUE(backup.start());
-    startAgent(at(deadPort(), backup.port()));
-    ASSERT_EQ(backup.accept(kOkReply), 0);
-    EXPECT_TRUE(isHandshake(firstLine(backup.bytes(0)), 3, "-1", "")) << backup.bytes(0);
+    startAgent(at(deadPort(), peer_.port()));
+    ASSERT_EQ(answer(peer_, kOkReply), 0);
+    EXPECT_TRUE(isHandshake(firstLine(peer_.bytes(0)), 3, "-1", "")) << peer_.bytes(0);
     EXPECT_EQ(qv_load(active_qvc_idx), 1u);
 }
 
 TEST_F(ControlThread, HeartbeatsCountAndUnansweredOnesSwitchOver) {
-    ScriptedCollector primary, backup;
-    ASSERT_TRUE(primary.start());
+    LoopbackPeer &primary = peer_, backup;
     ASSERT_TRUE(backup.start());
     qv_store(controlPollTimeoutMs, 20LL);
     startAgent(at(primary.port(), backup.port()));
-    ASSERT_EQ(primary.accept(kOkReply), 0);
-    const size_t hs = primary.bytes(0).size();
+    ASSERT_EQ(answer(primary, kOkReply), 0);
+    const size_t hs = firstLine(primary.bytes(0)).size();
     const std::string hb0 = "qv_control_req:action=reconnect;heartBeat 0;\n";
     const std::string hb1 = "qv_control_req:action=reconnect;heartBeat 1;\n";
-    ASSERT_TRUE(primary.readContains(0, hb1));
+    ASSERT_TRUE(primary.waitForContains(0, hb1, kWaitMs));
     EXPECT_EQ(primary.bytes(0).substr(hs, hb0.size() + hb1.size()), hb0 + hb1);
     // The answer resets the count: the next heartbeat is number 0 again.
-    ASSERT_TRUE(primary.send(0, "qv_control_rep:action:result=Ok;\n"));
-    ASSERT_TRUE(primary.readUntil(
-        0, [&] { return primary.bytes(0).find(hb0, hs + hb0.size()) != std::string::npos; }));
-    // Ten heartbeats left unanswered switch to the backup.
-    ASSERT_EQ(backup.accept(kOkReply), 0);
-    EXPECT_TRUE(primary.closedByAgent(0));
+    ASSERT_TRUE(primary.sendTo(0, "qv_control_rep:action:result=Ok;\n"));
+    ASSERT_TRUE(primary.waitFor(
+        [&] { return primary.bytes(0).find(hb0, hs + hb0.size()) != std::string::npos; }, kWaitMs));
+    // Ten heartbeats left unanswered switch to the backup, which the data connection follows.
+    ASSERT_EQ(answer(backup, kOkReply), 0);
+    EXPECT_TRUE(closedByAgent(primary, 0));
     EXPECT_TRUE(contains(primary.bytes(0), "qv_control_req:action=reconnect;heartBeat 9;\n"));
+    qv_store(controlPollTimeoutMs, 100LL);
+    ASSERT_TRUE(backup.sendTo(0, "qv_control_req:action=start_instrumentation;ASReportInterval=0\n"));
+    EXPECT_GT(answer(backup, "", "qv_data_msg_req:"), 0);
 }
 
 TEST_F(ControlThread, ReroutesToNewCollectorAndInClusterModeAfterFallBackToMaster) {
-    ScriptedCollector a, master, node;
+    LoopbackPeer &a = peer_, master, node;
     ASSERT_TRUE(master.start() && node.start());
-    connectAgent(a);
-    ASSERT_TRUE(a.send(0, "qv_control_req:action=reroute_ctrl_con;qvcHost=127.0.0.1;qvcPort=" +
-                              std::to_string(master.port()) +
-                              ";tier=ALL;server=S2;instance=ALL;clusterMode=0\n"));
-    ASSERT_EQ(master.accept(kOkReply), 0);
-    EXPECT_TRUE(a.closedByAgent(0));
+    connectAgent();
+    ASSERT_TRUE(a.sendTo(0, "qv_control_req:action=reroute_ctrl_con;qvcHost=127.0.0.1;qvcPort=" +
+                                std::to_string(master.port()) +
+                                ";tier=ALL;server=S2;instance=ALL;clusterMode=0\n"));
+    ASSERT_EQ(answer(master, kOkReply), 0);
+    EXPECT_TRUE(closedByAgent(a, 0));
     EXPECT_TRUE(isHandshake(firstLine(master.bytes(0)), 2, "[0-9]{13,}",
                             "127.0.0.1:" + std::to_string(a.port()), "S2"))
         << master.bytes(0);
@@ -299,29 +237,23 @@ TEST_F(ControlThread, ReroutesToNewCollectorAndInClusterModeAfterFallBackToMaste
     const std::string reroute =
         "qv_control_req:action=reroute_ctrl_con;qvcHost=127.0.0.1;clusterMode=1;qvcPort=";
     // The cluster node named first is down: the agent falls back to the master (entry 0).
-    ASSERT_TRUE(master.send(0, reroute + std::to_string(deadPort()) + "\n"));
-    ASSERT_EQ(master.accept(kOkReply), 1);
+    ASSERT_TRUE(master.sendTo(0, reroute + std::to_string(deadPort()) + "\n"));
+    ASSERT_EQ(answer(master, kOkReply, "", 0), 1);
     ASSERT_TRUE(waitUntil([] { return qv_load(isMasterQvc) == 1; }));
-    ASSERT_TRUE(master.send(1, reroute + std::to_string(node.port()) + "\n"));
-    ASSERT_EQ(node.accept(kOkReply), 0);
+    ASSERT_TRUE(master.sendTo(1, reroute + std::to_string(node.port()) + "\n"));
+    ASSERT_EQ(answer(node, kOkReply), 0);
     EXPECT_EQ(qv_load(isMasterQvc), 0);
 }
 
 TEST_F(ControlThread, RequestLinesCarryCurrentValuesAfterReconnectAndNewStart) {
-    ScriptedCollector qvc;
+    LoopbackPeer& qvc = peer_;
     qv_store(monitorReportSecondMs, 10LL);
     // Monitor records every interval, so the reporting thread notices a closed connection.
     qvReporterHooks.generateBT = [](char* buf, int* len) {
         *len += snprintf(buf + *len, 8, "74,1\n");
         return true;
     };
-    connectAgent(qvc);
-    // Connection after `after` whose request line begins with prefix (accepted now if need be).
-    auto conn = [&](const std::string& prefix, int after) {
-        for (int i = after + 1; i < qvc.count(); ++i)
-            if (qvc.bytes(i).rfind(prefix, 0) == 0) return i;
-        return qvc.accept("", prefix);
-    };
+    connectAgent();
     // The request lines of both connections made after `after` name tier id and test run n.
     auto expectLines = [&](int after, int n) {
         auto v = [&](char sep) {
@@ -329,8 +261,8 @@ TEST_F(ControlThread, RequestLinesCarryCurrentValuesAfterReconnectAndNewStart) {
                    ";QVCollectorIP=127.0.0.1;QVCollectorPort=" + std::to_string(qvc.port()) + sep +
                    "testIdx=" + std::to_string(n) + ";pid=";
         };
-        const int data = conn("qv_data_msg_req:", after),
-                  as = conn("auto_sensor_thread_hotspot_data_req:", after);
+        const int data = answer(qvc, "", "qv_data_msg_req:", after),
+                  as = answer(qvc, "", "auto_sensor_thread_hotspot_data_req:", after);
         ASSERT_GT(data, after);
         ASSERT_GT(as, after);
         EXPECT_TRUE(contains(firstLine(qvc.bytes(data)), v(';'))) << qvc.bytes(data);
@@ -338,14 +270,14 @@ TEST_F(ControlThread, RequestLinesCarryCurrentValuesAfterReconnectAndNewStart) {
     };
     const std::string start =
         "qv_control_req:action=start_instrumentation;ASReportInterval=1;qvMonitorInterval=1;";
-    ASSERT_TRUE(qvc.send(0, start + "tierID=1;testIdx=1\n"));
+    ASSERT_TRUE(qvc.sendTo(0, start + "tierID=1;testIdx=1\n"));
     expectLines(0, 1);
 
     // Both connections are made again after a modify changed the values.
-    ASSERT_TRUE(qvc.send(0, "qv_control_req:action=modify;tierID=2;testIdx=2\n"));
-    ASSERT_TRUE(qvc.readContains(0, kModifyOk));
-    const int before = qvc.count() - 1;
-    for (int i = 1; i <= before; ++i) qvc.closeConn(i);
+    ASSERT_TRUE(qvc.sendTo(0, "qv_control_req:action=modify;tierID=2;testIdx=2\n"));
+    ASSERT_TRUE(qvc.waitForContains(0, kModifyOk, kWaitMs));
+    const int before = qvc.connectionCount() - 1;
+    for (int i = 1; i <= before; ++i) qvc.dropConnection(i);
     std::atomic<bool> run{true};
     std::thread writer([&] {  // data to send, so the data thread notices the close
         for (; run; std::this_thread::sleep_for(std::chrono::milliseconds(5))) dumpData("\n2,x\n", 5);
@@ -355,56 +287,54 @@ TEST_F(ControlThread, RequestLinesCarryCurrentValuesAfterReconnectAndNewStart) {
     writer.join();
 
     // A new test run with other keywords.
-    ASSERT_TRUE(qvc.send(0, "qv_control_req:action=stop_instrumentation\n"));
-    ASSERT_TRUE(qvc.readContains(0, kStopReply));
+    ASSERT_TRUE(qvc.sendTo(0, "qv_control_req:action=stop_instrumentation\n"));
+    ASSERT_TRUE(qvc.waitForContains(0, kStopReply, kWaitMs));
     ASSERT_TRUE(waitUntil([&] {
         return qv_load(app_->QVBCISetting.data_thread_running) == 0 &&
                qv_load(app_->QVBCISetting.autoSensor_thread_running) == 0;
     }));
-    const int stopped = qvc.count() - 1;
-    ASSERT_TRUE(qvc.send(0, start + "tierID=3;testIdx=3\n"));
+    const int stopped = qvc.connectionCount() - 1;
+    ASSERT_TRUE(qvc.sendTo(0, start + "tierID=3;testIdx=3\n"));
     expectLines(stopped, 3);
 }
 
 TEST_F(ControlThread, SettingsFileChangeEndsRetriesAndShutdownEndsWaits) {
-    ScriptedCollector qvc;
-    ASSERT_TRUE(qvc.start());
     qv_store(controlRetryIntervalMs, 1500LL);
     startAgent(at(deadPort()));
     ASSERT_TRUE(waitUntil([&] { return logged("Socket was not created and retry after 60seconds"); }));
-    writeConf("# moved\n" + at(qvc.port()));
-    ASSERT_EQ(qvc.accept(kOkReply), 0);
+    writeConf("# moved\n" + at(peer_.port()));
+    ASSERT_EQ(answer(peer_, kOkReply), 0);
     EXPECT_FALSE(logged("Max number of retry attempt reached"));
 
     // A retry wait of an hour: only the shutdown's interruption ends it before the test times out.
     qv_store(controlRetryIntervalMs, 3600000LL);
     writeConf(at(deadPort()));
     const int failures = countLogged("Socket was not created");
-    qvc.closeConn(0);
+    peer_.dropConnection(0);
     ASSERT_TRUE(waitUntil([&] { return countLogged("Socket was not created") > failures; }));
     qv_agent_shutdown();
     EXPECT_EQ(control_thread_id, nullptr);
 }
 
 TEST_F(ControlThread, ProxyModeConnectsToUnixSocket) {
-    ScriptedCollector proxy;
+    LoopbackPeer proxy;
     ASSERT_TRUE(proxy.start(home_.file("px.sock")));
     startAgent("qvcHost=127.0.0.1\nqvcPort=1\nproxyMode=1\nproxyConType=1\nproxySocketPath=" +
                home_.file("px.sock") + "\n");
-    ASSERT_EQ(proxy.accept(kOkReply, "qv_ctrl_msg_req:appName=pool;"), 0);
+    ASSERT_EQ(answer(proxy, kOkReply, "qv_ctrl_msg_req:appName=pool;"), 0);
 }
 
 // The control thread runs a test run's commands while application threads write records.
 class ControlConcurrency : public ControlThread {};
 
 TEST_F(ControlConcurrency, StartCommandsAndStopWhileApplicationThreadsWrite) {
-    ScriptedCollector qvc;
-    connectAgent(qvc);
-    ASSERT_TRUE(qvc.send(0, "qv_control_req:action=start_instrumentation;ASReportInterval=0;testIdx=42\n"));
-    const int data = qvc.accept("", "qv_data_msg_req:");
+    LoopbackPeer& qvc = peer_;
+    connectAgent();
+    ASSERT_TRUE(qvc.sendTo(0, "qv_control_req:action=start_instrumentation;ASReportInterval=0;testIdx=42\n"));
+    const int data = answer(qvc, "", "qv_data_msg_req:");
     ASSERT_GT(data, 0);
     EXPECT_TRUE(contains(qvc.bytes(data), ";testIdx=42;"));
-    EXPECT_TRUE(qvc.readContains(0, kStartReply));
+    EXPECT_TRUE(qvc.waitForContains(0, kStartReply, kWaitMs));
     std::atomic<bool> run{true};
     std::vector<std::thread> writers;
     for (int t = 0; t < 3; ++t)
@@ -416,16 +346,16 @@ TEST_F(ControlConcurrency, StartCommandsAndStopWhileApplicationThreadsWrite) {
             }
         });
     for (int i = 0; i < 20; ++i) {
-        qvc.send(0, "qv_control_req:action=modify;AgentTraceLevel=" + std::to_string(i % 3) + "\n");
-        qvc.send(0, "qv_control_req:action=reconnect;heartBeat;dataConnState=1;x\n");
+        qvc.sendTo(0, "qv_control_req:action=modify;AgentTraceLevel=" + std::to_string(i % 3) + "\n");
+        qvc.sendTo(0, "qv_control_req:action=reconnect;heartBeat;dataConnState=1;x\n");
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    ASSERT_TRUE(qvc.readContains(data, "\n2,thread0\n"));
-    ASSERT_TRUE(qvc.send(0, "qv_control_req:action=stop_instrumentation\n"));
-    ASSERT_TRUE(qvc.readContains(data, "10,\n"));
+    ASSERT_TRUE(qvc.waitForContains(data, "\n2,thread0\n", kWaitMs));
+    ASSERT_TRUE(qvc.sendTo(0, "qv_control_req:action=stop_instrumentation\n"));
+    ASSERT_TRUE(qvc.waitForContains(data, "10,\n", kWaitMs));
     run = false;
     for (std::thread& t : writers) t.join();
-    ASSERT_TRUE(qvc.readContains(0, kStopReply));
+    ASSERT_TRUE(qvc.waitForContains(0, kStopReply, kWaitMs));
     EXPECT_EQ(qv_load(app_->Server.testRunRunning), 0);
 }
 

@@ -24,7 +24,6 @@ TEST_F(QVSysTest, DefaultsOfStartUpAndTheirReset) {
     EXPECT_STREQ(s.qvBuild, "5.1.0 build 42 ");
     EXPECT_GT(s.bciStartUpTime, 1600000000000LL);  // milliseconds, not seconds or microseconds
     EXPECT_LT(s.bciStartUpTime, 4000000000000LL);
-    EXPECT_EQ(QVFlowpathGenerator.maxCharactersInSeqBlob, 13312);  // initialised on the way
     // QVSysInit puts every default back, the thread-hotspot ones included.
     s.traceMaxSize = 5;
     QVASSettings.ASReportInterval = 5;

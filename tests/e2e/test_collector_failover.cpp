@@ -1,11 +1,8 @@
-// End to end when the collector goes away: killed and restarted mid-stream, silent beyond the
-// heartbeat threshold, rerouting the agent, or unreachable with a backup configured. The agent
-// runs in this process (qv_init without its pause); the collectors are real processes.
+// End to end when the collector stops and starts test runs or is killed and restarted while
+// requests run (the control-thread tests cover silence, heartbeats, backups and reroute; the
+// dispatcher tests what buffered records become). The agent runs in this process (qv_init without
+// its pause); the collectors are real processes.
 #include <gtest/gtest.h>
-
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -21,31 +18,6 @@ namespace {
 
 using e2e::Collector;
 using e2e::countRecords;
-
-class CollectorFailover : public e2e::AgentTest {};
-
-// A loopback port that refuses connections for the life of the object: bound, never listening.
-class DeadPort {
-  public:
-    DeadPort() {
-        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof(a);
-        if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 &&
-            getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) == 0)
-            port_ = ntohs(a.sin_port);
-    }
-    ~DeadPort() {
-        if (fd_ >= 0) close(fd_);
-    }
-    int port() const { return port_; }
-
-  private:
-    int fd_ = -1;
-    int port_ = 0;
-};
 
 // Every complete line of a data capture after its request line is a record ("<type>,...") or a
 // heartbeat (empty): a record cut in two by a reconnection would show up here.
@@ -70,172 +42,6 @@ std::set<std::string> flowpathIds(const std::string& data, int type) {
             ids.insert(id);
         }
     return ids;
-}
-
-TEST_F(CollectorFailover, KilledCollectorIsReconnectedAndRecordsBufferedMeanwhileArriveOrAreCounted) {
-    Collector first, second;
-    ASSERT_TRUE(first.start(home_.path() + "qvc1", {}));
-    const int port = first.port();
-    home_.settings(port);
-    e2e::startAgent();
-    ASSERT_TRUE(e2e::waitDataConnection(first, 1)) << first.events();
-    ASSERT_EQ(e2e::runTransactions(100, "/before/kill"), 100);
-    ASSERT_TRUE(e2e::waitUntil([&] { return countRecords(first.file("data-1.rec"), 4) == 100; }));
-
-    // Ten requests in progress across the outage, fifty finished just before the kill.
-    char open[] = "/open/across", work[] = "Open::work";
-    std::vector<qvBTHandle> inProgress;
-    for (int i = 0; i < 10; ++i) {
-        qvBTHandle h = qv_bt_begin(open, nullptr);
-        ASSERT_NE(h, nullptr);
-        qv_method_entry(h, work);
-        inProgress.push_back(h);
-    }
-    ASSERT_EQ(e2e::runTransactions(50, "/just/before"), 50);
-    first.kill(SIGKILL);
-
-    // The agent survives: it notices (the reconnection's settings re-read ends the test run, its
-    // data thread stops) and keeps trying the collector. Requests meanwhile are not traced.
-    QVProxyInstance_t* app = qvApplication;
-    ASSERT_TRUE(e2e::waitUntil([&] { return !e2e::testRunning(); }));
-    ASSERT_TRUE(e2e::waitUntil([&] { return qv_load(app->QVBCISetting.data_thread_running) == 0; }));
-    int accepted = 0;
-    for (int i = 0; i < 20; ++i) accepted += e2e::oneTransaction("/during/outage") ? 1 : 0;
-
-    // The collector is back on the same port and starts a test run again, sweeping the registry
-    // generations no flowpath holds. Only now do the requests in progress end (with a callout),
-    // whether the stop wrote them out or they still run.
-    ASSERT_TRUE(second.start(home_.path() + "qvc2", {}, port));
-    ASSERT_TRUE(e2e::waitDataConnection(second, 1)) << second.events();
-    char db[] = "late-db", sql[] = "select 2";
-    for (qvBTHandle h : inProgress) {
-        qv_ip_db_callout_end(h, qv_ip_db_callout_begin(h, db, sql));
-        qv_method_exit(h, work);
-        EXPECT_EQ(qv_bt_end(h), 0);
-    }
-    ASSERT_EQ(e2e::runTransactions(20, "/after/restart"), 20);
-    second.send("wait-records 4 1\nstop\nwait-records 10 1\nquit\n");
-    ASSERT_EQ(second.waitExit(), 0) << second.events();
-
-    // The handshake tells where the agent was connected before.
-    const std::string ctrl = second.file("control-1.log");
-    EXPECT_NE(ctrl.find(";connDestination=127.0.0.1:" + std::to_string(port) + ";"), std::string::npos)
-        << ctrl;
-
-    // Buffered records arrive after the reconnection, whole and once, or are counted as discarded.
-    const std::string before = first.file("data-1.rec"), after = second.file("data-1.rec");
-    expectWellFormed(after);
-    const int discarded = qv_load(app->QVSys.discardCount);
-    const int across = e2e::countOf(after, ",/open/across,");
-    EXPECT_TRUE(across + discarded >= 10 && across <= 10)
-        << "arrived " << across << ", discarded " << discarded;
-    // Sent before the kill or after the reconnection, never twice (the ones in the dead
-    // collector's socket buffer at the kill are lost to both).
-    EXPECT_LE(e2e::countOf(before, ",/just/before,") + e2e::countOf(after, ",/just/before,"), 50);
-    EXPECT_EQ(e2e::countOf(after, ",/during/outage,"), accepted);
-    EXPECT_EQ(e2e::countOf(after, ",/after/restart,"), 20);
-    EXPECT_EQ(countRecords(after, 4), countRecords(after, 2)) << "end records without their header";
-    EXPECT_EQ(e2e::completeLines(after).back(), "10,");
-}
-
-TEST_F(CollectorFailover, HeartbeatSilenceBeyondThresholdClosesAllConnectionsThenReconnects) {
-    Collector qvc;
-    // The collector's heartbeats (every 100 ms) keep the agent content until it goes silent.
-    ASSERT_TRUE(qvc.start(home_.path() + "qvc",
-                          {"--heartbeat-interval", "0.1", "--keyword", "qvcHeartBeatThreshold=1000",
-                           "--keyword", "ControlThreadTraceLevel=1", "--keyword", "qvMonitorInterval=5"}));
-    home_.settings(qvc.port());
-    e2e::startAgent();
-    ASSERT_TRUE(e2e::waitDataConnection(qvc, 1)) << qvc.events();
-    ASSERT_TRUE(e2e::waitUntil([&] { return countRecords(qvc.file("as-1.rec"), 74) >= 1; }));
-    EXPECT_EQ(qvc.events().find("closed"), std::string::npos) << "closed before the silence";
-
-    // After the silence the collector's heartbeats flow again. The agent's test run ended with
-    // its connections, so the collector starts one anew (on whichever control connection the
-    // agent holds once it settled) and the records go over a new data connection.
-    qvc.send("silence 3000\n");
-    qvc.send("sleep 300\nstart\nwait-reply qv_control_rep:action=start_instrumentation\n");
-    ASSERT_TRUE(e2e::waitUntil([] { return !e2e::testRunning(); })) << qvc.events();
-    ASSERT_EQ(e2e::runTransactions(5, "/after/silence"), 5);
-    // The data thread may reconnect once to end the old run before the new run's connection.
-    const auto ended = [&] {
-        int n = 0;
-        for (const char* f : {"data-2.rec", "data-3.rec", "data-4.rec"}) n += countRecords(qvc.file(f), 4);
-        return n;
-    };
-    ASSERT_TRUE(e2e::waitUntil([&] { return ended() == 5; })) << qvc.events();
-
-    const std::string events = qvc.events();
-    const size_t silence = events.find("silence for 3000 ms");
-    for (const char* conn : {"control-1 from", "data-1 from", "as-1 from"}) {
-        const size_t closed = events.find(std::string(conn), events.find(conn) + 1);
-        ASSERT_NE(closed, std::string::npos) << conn << "\n" << events;
-        EXPECT_GT(closed, silence) << conn;
-        EXPECT_NE(
-            events.substr(closed, events.find('\n', closed) - closed).find(" closed: closed by the agent"),
-            std::string::npos);
-    }
-}
-
-TEST_F(CollectorFailover, RerouteMovesTheAgentToTheNewCollectorAndRewritesTheSettingsFile) {
-    Collector from, to;
-    ASSERT_TRUE(to.start(home_.path() + "to", {}));
-    ASSERT_TRUE(from.start(home_.path() + "from", {}));
-    home_.settings(from.port());
-    e2e::startAgent();
-    ASSERT_TRUE(e2e::waitDataConnection(from, 1)) << from.events();
-
-    from.send("reroute host=127.0.0.1 port=" + std::to_string(to.port()) + " tier=ALL\n");
-    // The new collector starts a test run; the records of the requests after it go there.
-    ASSERT_TRUE(e2e::waitUntil([&] {
-        return to.file("control-1.log").find("start_instrumentation") != std::string::npos;
-    })) << from.events()
-        << to.events();
-    ASSERT_EQ(e2e::runTransactions(5, "/after/reroute"), 5);
-    ASSERT_TRUE(e2e::waitUntil([&] { return countRecords(to.file("data-1.rec"), 4) == 5; })) << to.events();
-    EXPECT_EQ(countRecords(from.file("data-1.rec"), 4), 0);
-
-    const std::string ctrl = to.file("control-1.log");
-    for (const std::string& want : {std::string(";requestType=2;"), std::string("tierName=E2E;"),  // ALL
-                                    ";connDestination=127.0.0.1:" + std::to_string(from.port()) + ";"})
-        EXPECT_NE(ctrl.find(want), std::string::npos) << want << "\n" << ctrl;
-    EXPECT_NE(home_.read("config/qvsettings.conf").find("qvcPort=" + std::to_string(to.port())),
-              std::string::npos);
-    EXPECT_NE(from.events().find("closed by the agent"), std::string::npos) << from.events();
-}
-
-TEST_F(CollectorFailover, UnreachablePrimarySwitchesToTheBackupAfterTheRetryLimit) {
-    DeadPort primary;
-    ASSERT_GT(primary.port(), 0);
-    Collector backup;
-    ASSERT_TRUE(backup.start(home_.path() + "backup", {}));
-    home_.settings(primary.port(),
-                   "backupQvcHostName=127.0.0.1\nbackupQvcPort=" + std::to_string(backup.port()) + "\n");
-    e2e::startAgent();
-    ASSERT_TRUE(e2e::waitDataConnection(backup, 1)) << backup.events();
-    EXPECT_NE(backup.file("control-1.log").find(";requestType=3;"), std::string::npos);
-    ASSERT_EQ(e2e::runTransactions(5, "/on/backup"), 5);
-    ASSERT_TRUE(e2e::waitUntil([&] { return countRecords(backup.file("data-1.rec"), 4) == 5; }));
-}
-
-TEST_F(CollectorFailover, UnansweredHeartbeatsSwitchToTheBackupCollector) {
-    Collector primary, backup;
-    ASSERT_TRUE(backup.start(home_.path() + "backup", {}));
-    ASSERT_TRUE(primary.start(home_.path() + "primary", {"--keyword", "ControlThreadTraceLevel=1"}));
-    home_.settings(primary.port(),
-                   "backupQvcHostName=127.0.0.1\nbackupQvcPort=" + std::to_string(backup.port()) + "\n");
-    e2e::startAgent();
-    ASSERT_TRUE(e2e::waitDataConnection(primary, 1)) << primary.events();
-    // With a backup configured the agent sends heartbeats when idle and, after ten without an
-    // answer, switches over.
-    primary.send("silence 60000\n");
-    ASSERT_TRUE(e2e::waitUntil([&] {
-        return backup.file("control-1.log").find("start_instrumentation") != std::string::npos;
-    })) << primary.events()
-        << backup.events();
-    EXPECT_GE(e2e::countOf(primary.file("control-1.log"), "qv_control_req:action=reconnect;heartBeat"), 10);
-    ASSERT_EQ(e2e::runTransactions(5, "/on/backup"), 5);
-    ASSERT_TRUE(e2e::waitUntil([&] { return countRecords(backup.file("data-1.rec"), 4) == 5; }));
 }
 
 class CollectorFailoverConcurrency : public e2e::AgentTest {};

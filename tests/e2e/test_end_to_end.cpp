@@ -1,6 +1,6 @@
 // End to end with a real collector process: the agent (started in this process as qv_init does,
 // without its pause) talks to tools/qvcollector over loopback through the whole test-run
-// lifecycle and the collector's scripted commands, good and bad.
+// lifecycle and the collector's scripted commands (bad lines: the control-thread tests).
 #include <gtest/gtest.h>
 
 #include <string>
@@ -81,53 +81,6 @@ TEST_F(EndToEnd, FullLifecycleHandshakeStartDataMonitorsMetadataModifyStopAndSta
     EXPECT_NE(traceLog().find("enableBTMonitorTrace"), npos);
     EXPECT_EQ(qv_load(qvApplication->QVSys.btMonitorTraceLevel), 1);
     EXPECT_EQ(qv_load(qvApplication->QVSys.discardCount), 0);
-}
-
-// Nothing of these lines is obeyed or answered, save the modify refusals (the NUL ends a line's
-// text), and the connection stays up for the start.
-TEST_F(EndToEnd, MalformedLinesAndModifyBeforeStartAreRefusedOnTheSameConnection) {
-    // A script file, so the 70000-byte lines and the waits after them are all queued at once.
-    const std::string script = home_.path() + "bad.script";
-    home_.write("bad.script",
-                "raw no prefix at all\\n\nraw qv_control_req:action=\\n\n"
-                "raw qv_control_req:action=start_instrumentatio\\n\n"
-                "raw \\x01\\x02\\xff\\xfe binary\\x00 after a NUL\\x7f\\n\n"
-                "raw qv_control_req:action=modify\\x00;AgentTraceLevel=4\\n\n"
-                "raw qv_control_req:action=reconnect;heartBeat\\n\nraw \\r\\n\\n;;;;\\n=\\n\n"
-                "raw " +
-                    std::string(70000, 'A') + "\\n\nraw qv_control_req:action=stop_instrumentation;" +
-                    std::string(70000, 'B') +
-                    "\\n\nmodify AgentTraceLevel=4;enableBTMonitorTrace=3\n"
-                    "wait-reply qv_control_rep:result=Error:<Unable to process modify message\n");
-    ASSERT_TRUE(qvc_.start(home_.path() + "qvc", {"--no-start", "--script", script}));
-    // The command handler's log lines are wanted: the agent connects only once the settings file
-    // names the collector, so no command can arrive before the trace level is raised.
-    e2e::startAgent();
-    qv_store(qvApplication->QVSys.controlTraceLevel, 1);
-    home_.settings(qvc_.port());
-    const std::string refusal = QV_MODIFY_REFUSED_REPLY;
-    ASSERT_TRUE(e2e::waitUntil([&] { return countOf(qvc_.file("control-1.log"), refusal) == 2; }))
-        << qvc_.events();
-    const std::string ctrl = qvc_.file("control-1.log");
-    EXPECT_EQ(ctrl.substr(ctrl.find('\n') + 1), refusal + refusal)
-        << "exactly the refusals after the handshake";
-    EXPECT_EQ(qv_load(qvApplication->QVSys.agentTraceLevel), 0);
-    EXPECT_EQ(qv_load(qvApplication->QVSys.btMonitorTraceLevel), 0);
-
-    // Asked while the collector is there: once it closes the connection the agent re-reads its
-    // settings file, which ends the test run.
-    qvc_.send("start\n");
-    ASSERT_TRUE(e2e::waitUntil([&] {
-        return qvc_.file("control-1.log")
-                   .find("qv_control_rep:action=start_instrumentation;status=starting;") != npos;
-    })) << qvc_.events();
-    EXPECT_TRUE(e2e::testRunning());
-    qvc_.send("quit\n");
-    ASSERT_EQ(qvc_.waitExit(), 0) << qvc_.events();
-    const std::string log = traceLog();
-    EXPECT_NE(log.find("Unknown message received from QVC, ignored: 'no prefix at all'"), npos);
-    EXPECT_NE(log.find("Control message longer than"), npos);
-    EXPECT_EQ(log.find(std::string(1, '\xff')), npos) << "binary bytes reached the trace log";
 }
 
 }  // namespace

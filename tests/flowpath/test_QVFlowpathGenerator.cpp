@@ -246,12 +246,6 @@ TEST_F(FlowpathTest, BlobEntriesOfEveryForm) {
     std::string longUrl(5000, 'u');
     updateFPSeqBlob(r, 7, 15, 0, -1, -1, 1, 1, longUrl.data());
     EXPECT_EQ(blob(r), "7:1:1:" + std::string(QV_SEQ_ASYNC_URL_MAX, 'u') + "_0_15__");
-
-    // Method events through entry and exit: relative start for the entry, wall time for the exit.
-    r->sequenceBlobLen = 0;
-    enter(r, "Plain.work", 5);
-    leave(r, "Plain.work", 3);
-    EXPECT_EQ(blob(r), id("Plain.work") + ":0_0_5__" + id("Plain.work") + ":0_1_3____");
 }
 
 // The entries' numbers are formatted by hand: every digit count and both extremes read as printf

@@ -58,7 +58,7 @@ TEST_F(Registry, FindOrCreateHandsOutIdsInCreationOrder) {
     EXPECT_EQ(searchAndUpdateMethodHashMap(nullptr, nullptr, 1, 0), nullptr);
     EXPECT_EQ(updateMethodHashMap("", 0, 0, nullptr), nullptr);
     EXPECT_EQ(updateMethodHashMap("App::a", 1, 2, nullptr), a);
-    EXPECT_EQ(ints(a->type, qv_load(methodId)), ints(0, QV_FIRST_METHOD_ID + 3));
+    EXPECT_EQ(ints(a->type, qv_load(qvMethodRegistryState().methodId)), ints(0, QV_FIRST_METHOD_ID + 3));
     methodPropProperties* before = DefaultMethod;
     EXPECT_EQ(initMethodRegistry(), 0);
     EXPECT_EQ(DefaultMethod, before);
@@ -81,7 +81,7 @@ TEST_F(Registry, GenerationsShareRecordsAndKnownNamesAreFoundWithoutNewIds) {
         recs.push_back(get(n.c_str()));
         ASSERT_NE(recs.back(), nullptr) << n;
     }
-    const int nextId = qv_load(methodId);
+    const int nextId = qv_load(qvMethodRegistryState().methodId);
     node_t* g1 = methodHashMapNode;
     ASSERT_EQ(makeHashmapCopyAndaddToLL(0), 0);
     for (size_t i = 0; i < names.size(); i++) {
@@ -89,7 +89,7 @@ TEST_F(Registry, GenerationsShareRecordsAndKnownNamesAreFoundWithoutNewIds) {
         EXPECT_EQ(get(names[i].c_str(), g1, 1), recs[i]);
         EXPECT_EQ(getMethodPropFromMethodName(names[i].c_str(), methodHashMapNode), recs[i]);
     }
-    EXPECT_EQ(qv_load(methodId), nextId);  // nothing created, not even as a backend
+    EXPECT_EQ(qv_load(qvMethodRegistryState().methodId), nextId);  // nothing created, not even as a backend
     EXPECT_EQ(getMethodPropFromMethodName("Svc::handler200", g1), nullptr);
 
     methodPropProperties* late = get("Late::one");
@@ -101,7 +101,7 @@ TEST_F(Registry, GenerationsShareRecordsAndKnownNamesAreFoundWithoutNewIds) {
     EXPECT_EQ(getMethodPropFromMethodName("Late::one", g1), late);
     methodPropProperties* c = get("C", g1);
     ASSERT_NE(c, nullptr);
-    EXPECT_EQ(ints(c->methodId, qv_load(methodId)), ints(nextId + 1, nextId + 2));
+    EXPECT_EQ(ints(c->methodId, qv_load(qvMethodRegistryState().methodId)), ints(nextId + 1, nextId + 2));
     EXPECT_EQ(get("C"), c);
 }
 
@@ -300,7 +300,7 @@ TEST_F(RegistryConcurrency, FlowpathsRaceNewNamesLookupsAndSweeps) {
     }
     std::sort(ids.begin(), ids.end());
     EXPECT_EQ(std::adjacent_find(ids.begin(), ids.end()), ids.end());
-    EXPECT_EQ(qv_load(methodId), QV_FIRST_METHOD_ID + 1 + kKnown + kNames);
+    EXPECT_EQ(qv_load(qvMethodRegistryState().methodId), QV_FIRST_METHOD_ID + 1 + kKnown + kNames);
     checkAndDeleteNode();
     EXPECT_EQ(ints(checkForLinkList(), refCount(methodHashMapNode)), ints(0, 0));
 }

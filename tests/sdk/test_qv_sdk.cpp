@@ -1,6 +1,6 @@
 // Tests of the SDK's own parts: the SDK log file (name, header, prefixes, levels, failures, forked
-// children), the argument checks with their log lines, the stored-transaction table, backend
-// lookup for callouts, and qv_init/qv_free cycles.
+// children), the argument checks with their log lines, the stored-transaction table and
+// qv_init/qv_free cycles.
 #include "sdk/qv_sdk.h"
 
 #include <sys/resource.h>
@@ -152,38 +152,23 @@ TEST_F(SdkTest, ArgumentErrorsAreRefusedAndLogged) {
     EXPECT_EQ(qv_bt_add_error(nullptr, 3, nullptr, 1), 0);
     EXPECT_EQ(qv_bt_add_error(&x_, 1, name, 0), 0);
 
-    // Level, function, message; "{P}" stands for a non-null pointer.
+    // Every call above logs one line (qv_bt_add_error none); their return values show the refusal,
+    // so only lines of an unusual level or text are compared. "{P}" stands for a non-null pointer.
+    EXPECT_EQ(splitLines(log()).size(), 16u) << log();  // and the header
     const std::tuple<const char*, const char*, const char*> expected[] = {
-        {"ERROR", "qv_bt_begin", "ERROR: Invalid Argument Passed, bt_name = [(null)]"},
-        {"ERROR", "qv_bt_begin", "ERROR: Invalid Argument Passed, bt_name = []"},
-        {"ERROR", "qv_method_entry", "ERROR: Invalid Arguments, bt_handle = [(nil)], method = [n]"},
-        {"ERROR", "qv_method_exit", "ERROR: Invalid Arguments, bt_handle = [{P}], method = []"},
         {"ERROR", "qv_method_exit", "ERROR: Invalid Arguments, bt_handle = [{P}], method = [(null)]"},
-        {"ERROR", "qv_bt_end", "ERROR: Invalid Argument Passed, bt_handle = [(nil)]"},
-        {"ERROR", "qv_bt_store", "ERROR: Invalid Arguments Passed, bt_handle = [(nil)], unique_bt_id = [n]"},
-        {"ERROR", "qv_bt_store", "ERROR: Invalid Arguments Passed, bt_handle = [{P}], unique_bt_id = []"},
-        {"ERROR", "qv_bt_get", "ERROR: Invalid Argument Passed, unique_bt_id = [(null)]"},
-        {"ERROR", "qv_bt_get", "ERROR: Invalid Argument Passed, unique_bt_id = []"},
         // Deliberately DEBUG, unlike the others.
         {"DEBUG", "qv_ip_db_callout_begin",
          "Error: Invalid argument passed. bt_handle = [{P}], db_host = [n], db_query = [(null)]"},
         {"DEBUG", "qv_ip_db_callout_begin",
          "Error: Invalid argument passed. bt_handle = [(nil)], db_host = [n], db_query = [n]"},
-        {"ERROR", "qv_ip_db_callout_end",
-         "Error: Invalid argument passed. bt_handle = [{P}], ip_handle = [(nil)]"},
-        {"ERROR", "qv_ip_http_callout_begin",
-         "Error: Invalid argument passed. bt_handle = [{P}], http_host = [], url = [n]"},
         {"ERROR", "qv_ip_http_callout_end",
          "Error: Invalid argument passed.bt_handle = [(nil)], ip_handle = [{P}]"},
     };
-    std::vector<std::string> got = splitLines(log());
-    ASSERT_EQ(got.size(), std::size(expected) + 1) << log();  // header first, qv_bt_add_error logs nothing
-    for (size_t i = 0; i < std::size(expected); ++i) {
-        const auto& [level, func, msg] = expected[i];
-        const std::string re = prefixRe(level, func) +
-                               std::regex_replace(reEscape(msg), std::regex(R"(\\\{P\\\})"), "0x[0-9a-f]+");
-        EXPECT_TRUE(std::regex_match(got[i + 1], std::regex(re))) << "line " << i + 1 << ": " << got[i + 1];
-    }
+    for (const auto& [level, func, msg] : expected)
+        EXPECT_TRUE(hasLine(prefixRe(level, func) +
+                            std::regex_replace(reEscape(msg), std::regex(R"(\\\{P\\\})"), "0x[0-9a-f]+")))
+            << msg;
 }
 
 TEST_F(SdkTest, StoreKeepsFirstHandleFreeKeepsTheLogAndASecondInitLogsOnIntoIt) {
@@ -253,17 +238,6 @@ TEST_F(SdkTest, ForkedChildLogsWithItsOwnProcessId) {
     ASSERT_EQ(got.size(), 3u);
     EXPECT_TRUE(std::regex_match(got[1], std::regex(prefixRe("ERROR", "qv_bt_end") + end))) << got[1];
     EXPECT_TRUE(std::regex_match(got[2], std::regex(prefixRe("ERROR", "qv_bt_end", child) + end))) << got[2];
-}
-
-// Reuse, ids and types of callout backends show in the records of the SDK end-to-end tests.
-TEST_F(SdkTest, CalloutBackendHasItsMonitorSlotAndNeedsAHost) {
-    startSdk();
-    char host[] = "db.example";
-    methodPropProperties* db = ipCallOutSearchUpdate(host, 2, nullptr);
-    ASSERT_NE(db, nullptr);
-    ASSERT_GT(QVBackendMonitor.aggDataArraySize, db->methodId);
-    EXPECT_EQ(QVBackendMonitor.aggIPDataArr[db->methodId].mpp, db);
-    EXPECT_EQ(ipCallOutSearchUpdate(const_cast<char*>(""), 1, nullptr), nullptr);
 }
 
 TEST_F(SdkTest, OversizedInputsAreCutAndNothingBreaks) {

@@ -5,23 +5,28 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 
-bool LoopbackPeer::start() {
-    listen_fd_ = socket(AF_INET, SOCK_STREAM, 0);
+bool LoopbackPeer::start(const std::string& unix_path) {
+    listen_fd_ = socket(unix_path.empty() ? AF_INET : AF_UNIX, SOCK_STREAM, 0);
     if (listen_fd_ < 0) return false;
     // Set on the listener, so accepted connections start with it (the window is agreed then).
     if (rcvbuf_ > 0) setsockopt(listen_fd_, SOL_SOCKET, SO_RCVBUF, &rcvbuf_, sizeof(rcvbuf_));
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
+    sockaddr_un un{};
+    un.sun_family = AF_UNIX;
+    snprintf(un.sun_path, sizeof(un.sun_path), "%s", unix_path.c_str());
     socklen_t len = sizeof(addr);
-    if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
+    if ((unix_path.empty() ? bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr))
+                           : bind(listen_fd_, reinterpret_cast<sockaddr*>(&un), sizeof(un))) != 0 ||
         listen(listen_fd_, 16) != 0 ||
-        getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+        (unix_path.empty() && getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0)) {
         close(listen_fd_);
         listen_fd_ = -1;
         return false;
@@ -53,6 +58,11 @@ std::string LoopbackPeer::bytes(int conn) const {
     std::lock_guard<std::mutex> lock(mu_);
     if (conn < 0 || conn >= static_cast<int>(conns_.size())) return {};
     return conns_[static_cast<size_t>(conn)].data;
+}
+
+bool LoopbackPeer::closed(int conn) const {
+    std::lock_guard<std::mutex> lock(mu_);
+    return conn >= 0 && conn < static_cast<int>(conns_.size()) && conns_[static_cast<size_t>(conn)].fd < 0;
 }
 
 size_t LoopbackPeer::byteCount(int conn) const {

@@ -19,9 +19,9 @@ class LoopbackPeer {
     LoopbackPeer(const LoopbackPeer&) = delete;
     LoopbackPeer& operator=(const LoopbackPeer&) = delete;
 
-    // Binds 127.0.0.1 on a free port, listens and starts the accept/read thread. False on a
-    // socket error.
-    bool start();
+    // Binds 127.0.0.1 on a free port (or the Unix-domain socket unix_path when one is given),
+    // listens and starts the accept/read thread. False on a socket error.
+    bool start(const std::string& unix_path = "");
     // Closes every socket and joins the thread. Safe to call twice.
     void stop();
     int port() const { return port_; }
@@ -30,6 +30,8 @@ class LoopbackPeer {
     int connectionCount() const;
     // Copy of the bytes received on connection conn (0-based; empty if unknown).
     std::string bytes(int conn) const;
+    // Whether connection conn was closed (by the other end or dropConnection).
+    bool closed(int conn) const;
     // Number of bytes received on connection conn so far (0 if unknown), without copying them.
     size_t byteCount(int conn) const;
     // Resets connection conn (close with linger 0, so the sender sees a reset) and waits until

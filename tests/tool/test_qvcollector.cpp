@@ -1,115 +1,23 @@
-// The collector simulator as a real child process: a fake agent talks to it over loopback, and
-// its decoder turns a hand-written record file into the expected text.
+// The collector simulator as a real child process (the end-to-end harness runs it): a fake agent
+// talks to it over loopback, and its decoder turns a hand-written record file into the expected
+// text.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
+#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <functional>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "support/temp_home.h"
+#include "e2e/e2e_harness.h"
 
 namespace {
 
-// Generous limits: they only stop a broken run from hanging.
-constexpr int kWaitMs = 15000;
+using e2e::Collector;
+constexpr int kWaitMs = 15000;  // generous: it only stops a broken run from hanging
 const std::string kBinary = QV_BINARY_DIR "/tools/qvcollector";
-
-using Clock = std::chrono::steady_clock;
-Clock::time_point deadline() {
-    return Clock::now() + std::chrono::milliseconds(kWaitMs);
-}
-
-// Polls cond until it holds or the limit passes.
-bool waitUntil(const std::function<bool()>& cond) {
-    for (const auto end = deadline(); Clock::now() < end;
-         std::this_thread::sleep_for(std::chrono::milliseconds(10)))
-        if (cond()) return true;
-    return false;
-}
-
-// Reads fd into buf until done(buf) holds, the other end closes, or the limit passes.
-void readInto(int fd, std::string& buf, const std::function<bool(const std::string&)>& done) {
-    for (const auto end = deadline(); !done(buf) && Clock::now() < end;) {
-        pollfd p{fd, POLLIN, 0};
-        if (poll(&p, 1, 100) <= 0) continue;
-        char tmp[4096];
-        const ssize_t r = read(fd, tmp, sizeof(tmp));
-        if (r <= 0) return;
-        buf.append(tmp, static_cast<size_t>(r));
-    }
-}
-
-// The program as a child with stdout on a pipe and stderr in a file.
-class Child {
-  public:
-    bool start(const std::vector<std::string>& args, const std::string& errFile) {
-        int out[2];
-        if (pipe(out) != 0) return false;
-        pid_ = fork();
-        if (pid_ < 0) return false;
-        if (pid_ == 0) {
-            dup2(out[1], 1);
-            const int err = open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            if (err >= 0) dup2(err, 2);
-            const int devnull = open("/dev/null", O_RDONLY);
-            if (devnull >= 0) dup2(devnull, 0);
-            std::vector<char*> argv{const_cast<char*>(kBinary.c_str())};
-            for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        close(out[1]);
-        outFd_ = out[0];
-        return true;
-    }
-    ~Child() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-        if (outFd_ >= 0) close(outFd_);
-    }
-    // Everything the child wrote on stdout until it closed it (or the limit passed).
-    std::string readStdoutToEnd() {
-        readInto(outFd_, out_, [](const std::string&) { return false; });
-        return out_;
-    }
-    // First stdout line ("listening 127.0.0.1:<port>") parsed to the port; 0 on failure.
-    int readPort() {
-        readInto(outFd_, out_, [](const std::string& b) { return b.find('\n') != std::string::npos; });
-        const std::string prefix = "listening 127.0.0.1:";
-        const int port = out_.starts_with(prefix) ? atoi(out_.c_str() + prefix.size()) : 0;
-        out_.erase(0, out_.find('\n') + 1);
-        return port;
-    }
-    // Exit status after the child ends by itself; -1 if it does not within the limit.
-    int waitExit() {
-        int status = 0;
-        if (!waitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; })) return -1;
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    void signal(int sig) { kill(pid_, sig); }
-
-  private:
-    pid_t pid_ = -1;
-    int outFd_ = -1;
-    std::string out_;
-};
 
 // A fake agent connection.
 class Client {
@@ -136,9 +44,20 @@ class Client {
         }
         return true;
     }
-    // Reads until the received text (since the last call) ends with `tail`; returns that text.
+    // Reads until the received text (since the last call) ends with `tail`, the other end closes
+    // or the limit passes; returns that text.
     std::string readUntil(const std::string& tail) {
-        readInto(fd_, got_, [&](const std::string& b) { return b.ends_with(tail); });
+        bool open = true;
+        e2e::waitUntil(
+            [&] {
+                pollfd p{fd_, POLLIN, 0};
+                char tmp[4096];
+                const ssize_t r = open && poll(&p, 1, 10) == 1 ? read(fd_, tmp, sizeof(tmp)) : -1;
+                if (r > 0) got_.append(tmp, static_cast<size_t>(r));
+                open = open && (r != 0);
+                return !open || got_.ends_with(tail);
+            },
+            kWaitMs);
         std::string out;
         out.swap(got_);
         return out;
@@ -149,23 +68,32 @@ class Client {
     std::string got_;
 };
 
+// The decoder's stdout and exit status; its stderr goes to the file err.
+std::pair<std::string, int> decode(const std::string& args, const std::string& err) {
+    FILE* f = popen((kBinary + " decode " + args + " 2>" + err).c_str(), "r");
+    std::string out;
+    char buf[4096];
+    for (size_t n; f != nullptr && (n = fread(buf, 1, sizeof(buf), f)) > 0;) out.append(buf, n);
+    const int st = f != nullptr ? pclose(f) : -1;
+    return {out, WIFEXITED(st) ? WEXITSTATUS(st) : -1};
+}
+
 // A temporary directory for the program's files, and the program started in it.
 class QvCollector : public ::testing::Test {
   protected:
     void SetUp() override {
         if (!std::filesystem::exists(kBinary)) GTEST_SKIP() << kBinary << " not built (target qvcollector)";
     }
-    // Starts the program with args, its stderr in the file "stderr"; returns its port, 0 if it
-    // does not listen.
+    // Starts the program capturing into out/ with args; returns its port, 0 if it does not listen.
     int start(const std::vector<std::string>& args) {
-        return child_.start(args, dir_.file("stderr")) ? child_.readPort() : 0;
+        return qvc_.start(dir_.file("out"), args) ? qvc_.port() : 0;
     }
-    // Waits until the file rel holds expected.
+    // Waits until the capture file rel holds expected.
     bool waitForFile(const std::string& rel, const std::string& expected) {
-        return waitUntil([&] { return dir_.read(rel) == expected; });
+        return e2e::waitUntil([&] { return qvc_.file(rel) == expected; }, kWaitMs);
     }
     TempAgentHome dir_;
-    Child child_;
+    Collector qvc_;
 };
 
 const std::string kHandshake =
@@ -175,10 +103,9 @@ const std::string kNotRunning = "qv_ctrl_msg_rep:result=Ok;status=NOT_RUNNING;\n
 
 TEST_F(QvCollector, AnswersHandshakeAndHeartbeatAndCapturesEveryConnection) {
     const int port =
-        start({"--out", dir_.file("out"), "--port-file", dir_.file("port"), "--keyword", "testIdx=7",
-               "--keyword", "qvMonitorInterval=5", "--heartbeat-interval", "0", "--summary-interval", "0"});
+        start({"--keyword", "testIdx=7", "--keyword", "qvMonitorInterval=5", "--heartbeat-interval", "0"});
     ASSERT_GT(port, 0);
-    EXPECT_EQ(dir_.read("port"), std::to_string(port) + "\n");
+    EXPECT_EQ(qvc_.file("port"), std::to_string(port) + "\n");
 
     Client ctrl(port);
     // The handshake may arrive in pieces.
@@ -210,22 +137,21 @@ TEST_F(QvCollector, AnswersHandshakeAndHeartbeatAndCapturesEveryConnection) {
     ASSERT_TRUE(asConn.send(as));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     ASSERT_TRUE(dataConn.send(data.substr(7)));
-    EXPECT_TRUE(waitForFile("out/data-1.rec", data));
-    EXPECT_TRUE(waitForFile("out/as-1.rec", as));
-    EXPECT_TRUE(waitForFile("out/other-1.log", garbage));
-    EXPECT_TRUE(
-        waitForFile("out/control-1.log", kHandshake + "qv_control_req:action=reconnect;heartBeat 0;\n"));
+    EXPECT_TRUE(waitForFile("data-1.rec", data));
+    EXPECT_TRUE(waitForFile("as-1.rec", as));
+    EXPECT_TRUE(waitForFile("other-1.log", garbage));
+    EXPECT_TRUE(waitForFile("control-1.log", kHandshake + "qv_control_req:action=reconnect;heartBeat 0;\n"));
 
     // The same agent reconnecting while its test runs is told RUNNING and gets no second start.
     Client again(port);
     ASSERT_TRUE(again.send(kHandshake));
     EXPECT_EQ(again.readUntil("\n"), "qv_ctrl_msg_rep:result=Ok;status=RUNNING;\n");
 
-    child_.signal(SIGTERM);
-    EXPECT_EQ(child_.waitExit(), 0);
-    const std::string err = dir_.read("stderr");
+    qvc_.kill(SIGTERM);
+    EXPECT_EQ(qvc_.waitExit(), 0);
+    const std::string err = qvc_.events();
     EXPECT_NE(err.find("flowpaths     1, discard marks (-99) 0"), std::string::npos) << err;
-    EXPECT_EQ(dir_.read("out/control-2.sent"), "qv_ctrl_msg_rep:result=Ok;status=RUNNING;\n");
+    EXPECT_EQ(qvc_.file("control-2.sent"), "qv_ctrl_msg_rep:result=Ok;status=RUNNING;\n");
 }
 
 TEST_F(QvCollector, ScriptSendsExactCommandTextsAndExitsAfterStop) {
@@ -239,8 +165,8 @@ TEST_F(QvCollector, ScriptSendsExactCommandTextsAndExitsAfterStop) {
                "raw qv_control_req:action=bogus\\x01\n"
                "silence 10\n"
                "stop\n");
-    const int port = start({"--out", dir_.file("out"), "--script", dir_.file("script"), "--no-start",
-                            "--exit-after-stop", "--heartbeat-interval", "0", "--quiet"});
+    const int port = start({"--script", dir_.file("script"), "--no-start", "--exit-after-stop",
+                            "--heartbeat-interval", "0", "--quiet"});
     ASSERT_GT(port, 0);
     Client ctrl(port);
     ASSERT_TRUE(ctrl.send(kHandshake));
@@ -261,15 +187,14 @@ TEST_F(QvCollector, ScriptSendsExactCommandTextsAndExitsAfterStop) {
     // Acknowledged stop, then the data connection's data-over record: the simulator ends.
     ASSERT_TRUE(ctrl.send("qv_control_rep:action=stop_instrumentation;status=stopping;result=Ok;\n"));
     ASSERT_TRUE(dataConn.send("10,\n"));
-    EXPECT_EQ(child_.waitExit(), 0);
+    EXPECT_EQ(qvc_.waitExit(), 0);
 }
 
 TEST_F(QvCollector, SilenceSwallowsHeartbeatRepliesAndDisconnectClosesControl) {
     // "raw entering-silence" and "silence" run in the same script step, so once the agent sees
     // the marker the collector is already silent.
     dir_.write("script", "wait-reply ready\nraw entering-silence\nsilence 300\nraw done\ndisconnect\nquit\n");
-    const int port = start({"--out", dir_.file("out"), "--script", dir_.file("script"), "--no-start",
-                            "--heartbeat-interval", "0", "--summary-interval", "0"});
+    const int port = start({"--script", dir_.file("script"), "--no-start", "--heartbeat-interval", "0"});
     ASSERT_GT(port, 0);
     Client ctrl(port);
     ASSERT_TRUE(ctrl.send(kHandshake));
@@ -279,37 +204,36 @@ TEST_F(QvCollector, SilenceSwallowsHeartbeatRepliesAndDisconnectClosesControl) {
     ASSERT_TRUE(ctrl.send("qv_control_req:action=reconnect;heartBeat 3;\n"));
     EXPECT_EQ(ctrl.readUntil("done\n"), "done\n");  // no heartbeat reply in between
     EXPECT_EQ(ctrl.readUntil("never sent"), "");    // then closed by "disconnect"
-    EXPECT_EQ(child_.waitExit(), 0);
-    EXPECT_NE(dir_.read("stderr").find("agent         heartbeats 1,"), std::string::npos);
+    EXPECT_EQ(qvc_.waitExit(), 0);
+    EXPECT_NE(qvc_.events().find("agent         heartbeats 1,"), std::string::npos);
 }
 
 TEST_F(QvCollector, StartKeywordsComeFromFileThenCommandLine) {
     dir_.write("kw", "# start keywords\ntestIdx=2\n\nkorEpochDiff=100\n");
-    const int port = start({"--out", dir_.file("out"), "--no-default-keywords", "--keywords-file",
-                            dir_.file("kw"), "--keyword", "testIdx=3", "--keyword", "ASReportInterval=5",
-                            "--heartbeat-interval", "0", "--quiet"});
+    const int port =
+        start({"--no-default-keywords", "--keywords-file", dir_.file("kw"), "--keyword", "testIdx=3",
+               "--keyword", "ASReportInterval=5", "--heartbeat-interval", "0", "--quiet"});
     ASSERT_GT(port, 0);
     Client ctrl(port);
     ASSERT_TRUE(ctrl.send(kHandshake));
     const std::string start =
         "qv_control_req:action=start_instrumentation;testIdx=3;korEpochDiff=100;ASReportInterval=5;\n";
     EXPECT_EQ(ctrl.readUntil(start), kNotRunning + start);
-    child_.signal(SIGINT);
-    EXPECT_EQ(child_.waitExit(), 0);
+    qvc_.kill(SIGINT);
+    EXPECT_EQ(qvc_.waitExit(), 0);
 }
 
 TEST_F(QvCollector, ScriptErrorsAndTimedOutWaitsShowInTheExitCode) {
     dir_.write("bad", "sleep 10\nfrobnicate now\n");
     {
-        Child child;
-        ASSERT_TRUE(
-            child.start({"--out", dir_.file("o1"), "--script", dir_.file("bad")}, dir_.file("stderr1")));
-        EXPECT_EQ(child.waitExit(), 1);
-        EXPECT_NE(dir_.read("stderr1").find(":2: unknown command 'frobnicate'"), std::string::npos);
+        Collector bad;
+        EXPECT_FALSE(bad.start(dir_.file("o1"), {"--script", dir_.file("bad")}));
+        EXPECT_EQ(bad.waitExit(), 1);
+        EXPECT_NE(bad.events().find(":2: unknown command 'frobnicate'"), std::string::npos);
     }
     dir_.write("wait", "wait-records 2 5 50\nquit\n");
-    EXPECT_GT(start({"--out", dir_.file("o2"), "--script", dir_.file("wait"), "--quiet"}), 0);
-    EXPECT_EQ(child_.waitExit(), 2);
+    EXPECT_GT(start({"--script", dir_.file("wait"), "--quiet"}), 0);
+    EXPECT_EQ(qvc_.waitExit(), 2);
 }
 
 TEST_F(QvCollector, DecodePrintsCallTreesAndMonitorTables) {
@@ -328,10 +252,9 @@ TEST_F(QvCollector, DecodePrintsCallTreesAndMonitorTables) {
                "74,1|2|2:t>s>a>/shop/cart|0.050000 200.000000 100.000000 300 3 0.0 0.000000\n"
                "75,1|2|4:t>s>a>ADO.NET_QuoteDB|5 0.100000 30.000000 30 30 1 0\n"
                "61,1|2|2:t>s>a>Cart->load|4 0.016667 80.000000 2147483647.000000 80 1\n");
-    ASSERT_TRUE(child_.start({"decode", "--flowpaths", "2", dir_.file("data-1.rec"), dir_.file("as-1.rec")},
-                             dir_.file("stderr")));
-    const std::string text = child_.readStdoutToEnd();
-    EXPECT_EQ(child_.waitExit(), 0);
+    const auto [text, code] =
+        decode("--flowpaths 2 " + dir_.file("data-1.rec") + " " + dir_.file("as-1.rec"), dir_.file("stderr"));
+    EXPECT_EQ(code, 0);
     EXPECT_EQ(
         text,
         "== records ==\n"
@@ -387,10 +310,9 @@ TEST_F(QvCollector, DecodeSkipsMalformedInputWithoutFailing) {
     bad += std::string(200000, 'A') + "\n";
     for (int i = 0; i < 4096; ++i) bad.push_back(static_cast<char>((i * 131) ^ (i >> 3)));
     dir_.write("bad.rec", bad);
-    ASSERT_TRUE(
-        child_.start({"decode", dir_.file("bad.rec"), dir_.file("missing.rec")}, dir_.file("stderr")));
-    const std::string text = child_.readStdoutToEnd();
-    EXPECT_EQ(child_.waitExit(), 1);  // the missing file, after decoding the other
+    const auto [text, code] =
+        decode(dir_.file("bad.rec") + " " + dir_.file("missing.rec"), dir_.file("stderr"));
+    EXPECT_EQ(code, 1);  // the missing file, after decoding the other
     EXPECT_EQ(text.rfind("== records ==\n", 0), 0u) << text;
     EXPECT_NE(text.find("flowpath 1001"), std::string::npos) << text;
     EXPECT_NE(dir_.read("stderr").find("cannot open"), std::string::npos);
