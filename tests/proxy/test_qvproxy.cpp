@@ -156,7 +156,11 @@ TEST_F(QvProxy, WorkersKilledMidTransactionLeaveNoOpenRecordsNorDescriptors) {
     b.settings(proxy_.port(), proxy_.socketPath());
     Worker load[4];
     for (int i = 0; i < 4; ++i) ASSERT_TRUE(load[i].start(i % 2 == 0 ? a : b)) << proxy_.log();
-    ASSERT_TRUE(waitUntil([&] { return proxy_.figure("workers") == 4; })) << proxy_.status();
+    // The level: the load workers and the instance's connections to the collector.
+    ASSERT_TRUE(waitUntil([&] {
+        const Capture c = proxytest::capturesByTier(out("qvc"))[a.tier];
+        return proxy_.figure("workers") == 4 && c.controls == 1 && c.datas == 1 && c.ases == 1;
+    })) << proxy_.status();
     const int descriptors = proxy_.descriptors();
 
     std::atomic<bool> stop{false};
