@@ -51,10 +51,10 @@ bench: setup
 demo: build
 	@bash scripts/demo.sh $(BUILD)
 
-# libFuzzer harness of the proxy-mode frame decoder, built with clang (installed by
-# `scripts/setup.sh fuzz`) from every agent source with ASan+UBSan. Runs FUZZ_TIME seconds on one
-# core; new inputs go to $(FUZZDIR)/corpus, crashing ones to fuzz/regressions/ (replayed by the
-# normal test run).
+# libFuzzer harnesses of the proxy-mode frame decoder and the proxy's worker connections, built
+# with clang (installed by `scripts/setup.sh fuzz`) from every agent source with ASan+UBSan. Each
+# runs FUZZ_TIME seconds on one core; new inputs go to $(FUZZDIR)/corpus*, crashing ones to
+# fuzz/regressions*/ (replayed by the normal test run).
 FUZZDIR   ?= build-fuzz
 FUZZ_TIME ?= 600
 FUZZ_CXX  ?= clang++
@@ -62,19 +62,29 @@ FUZZ_CXXFLAGS = -std=c++20 -g -O1 -fno-omit-frame-pointer -fsanitize=fuzzer-no-l
 	-DQV_BUILDING_AGENT -DQV_FAULT_POINTS=1 -Isrc -Iinclude $(shell pkg-config --cflags apr-1)
 FUZZ_OBJS = $(patsubst src/%.cpp,$(FUZZDIR)/obj/%.o,$(wildcard src/*/*.cpp))
 
+# Two harnesses, each run FUZZ_TIME seconds: fuzz_decode (one received buffer into the decoder)
+# and fuzz_proxy_conn (worker connections' byte streams in reads of any size, inputs kept in
+# fuzz/corpus_conn and fuzz/regressions_conn).
+FUZZ_ENV = ASAN_OPTIONS=leak_check_at_exit=0 \
+	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:suppressions=$(CURDIR)/fuzz/ubsan.supp
+
 fuzz: fuzz-build
-	mkdir -p $(FUZZDIR)/corpus fuzz/regressions
-	cd $(FUZZDIR) && ASAN_OPTIONS=leak_check_at_exit=0 \
-		UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1:suppressions=$(CURDIR)/fuzz/ubsan.supp ./fuzz_decode -jobs=1 -workers=1 \
+	mkdir -p $(FUZZDIR)/corpus $(FUZZDIR)/corpus_conn fuzz/regressions fuzz/regressions_conn
+	cd $(FUZZDIR) && $(FUZZ_ENV) ./fuzz_decode -jobs=1 -workers=1 \
 		-max_total_time=$(FUZZ_TIME) -rss_limit_mb=4096 -dict=$(CURDIR)/fuzz/decode.dict \
 		-artifact_prefix=$(CURDIR)/fuzz/regressions/ corpus $(CURDIR)/fuzz/corpus $(CURDIR)/fuzz/regressions
+	@tail -n 3 $(FUZZDIR)/fuzz-0.log
+	cd $(FUZZDIR) && $(FUZZ_ENV) ./fuzz_proxy_conn -jobs=1 -workers=1 \
+		-max_total_time=$(FUZZ_TIME) -rss_limit_mb=4096 -dict=$(CURDIR)/fuzz/decode.dict \
+		-artifact_prefix=$(CURDIR)/fuzz/regressions_conn/ corpus_conn $(CURDIR)/fuzz/corpus_conn \
+		$(CURDIR)/fuzz/regressions_conn
 	@tail -n 3 $(FUZZDIR)/fuzz-0.log
 
 fuzz-build:
 	@bash scripts/setup.sh fuzz
-	$(MAKE) $(FUZZDIR)/fuzz_decode
+	$(MAKE) $(FUZZDIR)/fuzz_decode $(FUZZDIR)/fuzz_proxy_conn
 
-$(FUZZDIR)/fuzz_decode: fuzz/fuzz_decode.cpp $(FUZZ_OBJS)
+$(FUZZDIR)/fuzz_decode $(FUZZDIR)/fuzz_proxy_conn: $(FUZZDIR)/%: fuzz/%.cpp $(FUZZ_OBJS)
 	$(FUZZ_CXX) $(FUZZ_CXXFLAGS) -fsanitize=fuzzer,address,undefined $^ $(shell pkg-config --libs apr-1) -lpthread -o $@
 
 $(FUZZDIR)/obj/%.o: src/%.cpp

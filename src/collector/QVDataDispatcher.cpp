@@ -352,19 +352,23 @@ void* APR_THREAD_FUNC start_data_thread(apr_thread_t*, void*) {
         if (choosePeer(&peer))
             s = qvlb_create_client_con(peer.host, peer.port, err, sizeof(err), connPool, peer.unixPath);
         if (s != nullptr) {
-            setDataSocket(s);
-            const QVEndpoints e = dataEndpoints();
-            QV_TRACE_IF(ctlLevel() > 0, kModule, "Info",
-                        "[QV DR Feature]; Data connection of %s:%d created with %s:%d.\n", e.src, e.srcPort,
-                        e.dst, e.dstPort);
-            apr_socket_opt_set(s, APR_SO_NONBLOCK, 0);
-            apr_socket_timeout_set(s, -1);
-            if (buff_list_init() != 0) {
-                QV_TRACE_IF(ctlLevel() > 0, kModule, "Error", "Error in buff_list_init");
-                clean_data_thread();
-                break;
+            bool buffersMade = false, lineSent = false;
+            {
+                // Frames sent straight from application threads (proxy mode) wait until the
+                // request line is out: the proxy takes a connection by its first line.
+                QVLockGuard firstLine(qv_load_acquire(dataSendLock));
+                setDataSocket(s);
+                const QVEndpoints e = dataEndpoints();
+                QV_TRACE_IF(ctlLevel() > 0, kModule, "Info",
+                            "[QV DR Feature]; Data connection of %s:%d created with %s:%d.\n", e.src,
+                            e.srcPort, e.dst, e.dstPort);
+                apr_socket_opt_set(s, APR_SO_NONBLOCK, 0);
+                apr_socket_timeout_set(s, -1);
+                buffersMade = buff_list_init() == 0;
+                lineSent = buffersMade && !send_data_con_req_msg_to_qvc();
             }
-            if (send_data_con_req_msg_to_qvc()) {
+            if (!buffersMade) QV_TRACE_IF(ctlLevel() > 0, kModule, "Error", "Error in buff_list_init");
+            if (!lineSent) {
                 clean_data_thread();
                 break;
             }

@@ -87,6 +87,7 @@ struct Conn {
     long long records = 0;
     bool handshaken = false;
     long long pid = -1;
+    std::string agent;  // pid and identity: a proxy's instances share its pid
     bool sawTen = false;
 };
 
@@ -476,8 +477,10 @@ class Server {
         long long pid = -1;
         parseI64(fieldOf(line, "pid"), &pid);
         c.pid = pid;
+        c.agent = std::to_string(pid) + ";" + fieldOf(line, "appName") + ";" +
+                  fieldOf(line, "qvAppServerHost") + ";" + fieldOf(line, "tierName");
         const long long now = monotonicMs();
-        const bool known = running_ && (opts_.assumeRunning || startedPids_.count(pid) > 0);
+        const bool known = running_ && (opts_.assumeRunning || startedAgents_.count(c.agent) > 0);
         std::string what;
         if (silent(now)) {
             what = "not answered (silence)";
@@ -490,7 +493,7 @@ class Server {
             if (!known && opts_.autoStart && opts_.handshakeReply.empty()) {
                 send(c, startMessage(opts_.keywords));
                 running_ = true;
-                startedPids_.insert(pid);
+                startedAgents_.insert(c.agent);
                 what += ", sent start";
             }
         }
@@ -762,7 +765,7 @@ class Server {
                 for (const auto& [k, v] : c.keywords) putKeyword(&kw, k, v);
                 msg = startMessage(kw);
                 running_ = true;
-                for (Conn* a : targets) startedPids_.insert(a->pid);
+                for (Conn* a : targets) startedAgents_.insert(a->agent);
                 break;
             }
             case ScriptCmd::Modify:
@@ -771,7 +774,7 @@ class Server {
             case ScriptCmd::Stop:
                 msg = stopMessage(c.keywords);
                 running_ = false;
-                startedPids_.clear();
+                startedAgents_.clear();
                 stopSent_ = true;
                 stopAcked_ = false;
                 break;
@@ -889,7 +892,7 @@ class Server {
 
     // Test-run view of the agents.
     bool running_ = false;
-    std::set<long long> startedPids_;
+    std::set<std::string> startedAgents_;
     bool stopSent_ = false;
     bool stopAcked_ = false;
     long long silentUntil_ = 0;
