@@ -82,14 +82,13 @@ bool lockBriefly(std::unique_lock<std::mutex>& lk) {
     return qvlb_spin_try([&] { return lk.try_lock(); }, 32);
 }
 
-// Writes one byte per page, so fresh zero pages become the process's own.
-void faultIn(void* p, size_t bytes) {
+}  // namespace
+
+void qvTlsFaultIn(void* p, size_t bytes) {
     auto* c = static_cast<volatile char*>(p);
     for (size_t at = 0; at < bytes; at += 4096) c[at] = 0;
     if (bytes > 0) c[bytes - 1] = 0;
 }
-
-}  // namespace
 
 bool qvTlsPreparedBlockBuild(QVTlsPreparedBlock* b) {
     memset(b, 0, sizeof(*b));
@@ -99,9 +98,8 @@ bool qvTlsPreparedBlockBuild(QVTlsPreparedBlock* b) {
     b->pool = static_cast<QVPerThreadData_t*>(
         qvlb_calloc(sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK, kPoolPurpose, -1));
     if (b->pool == nullptr) return false;
-    // Every page a request may write, here rather than in a request: a first write faults, and
-    // a fault sleeps while another thread maps or unmaps memory.
-    faultIn(b->pool, sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK);
+    // Every page a request may write, here rather than in a request.
+    qvTlsFaultIn(b->pool, sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK);
     for (int i = 0; i < QV_TLS_POOL_BLOCK; i++) {
         QVPerThreadData_t* slot = &b->pool[i];
         if (b->withLocks) {
