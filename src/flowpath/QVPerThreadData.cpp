@@ -93,6 +93,8 @@ void prepareHotspotSpare(HotspotSpare* spare) {
     const size_t bytes = sizeof(TLSDataStruct) * static_cast<size_t>(rows);
     spare->table = static_cast<TLSDataStruct*>(qvlb_calloc(bytes, kHotspotPurpose, -1));
     if (spare->table == nullptr) return;
+    // The copy into it happens under tlsMutex, where a fault would hold up every request.
+    qvTlsFaultIn(spare->table, bytes);
     logMemset(kHotspotPurpose, spare->table, bytes);
     spare->cap = rows;
 }

@@ -30,10 +30,11 @@ struct Reserve {
     pid_t owner = 0;                // process that started thread
     bool wanted = false;
     bool stopping = false;
-    // Up to four blocks ready (4.7 MB), one more than blocks taken so far: on a busy machine the
-    // thread may take longer to make one than requests take to use up 64 records, while a process
-    // whose records are given back never needs more than one.
-    static constexpr int kReadyMax = 4;
+    // Up to eight blocks ready (9.4 MB), one more than blocks taken so far: on a loaded machine
+    // this thread can wait for a CPU longer than requests take to use up four blocks (an SDK
+    // process uses a record per transaction), while a process whose records are given back
+    // never needs more than one.
+    static constexpr int kReadyMax = 8;
     QVTlsPreparedBlock ready[kReadyMax] = {};
     int readyCount = 0;
     int taken = 0;
@@ -83,6 +84,12 @@ bool lockBriefly(std::unique_lock<std::mutex>& lk) {
 
 }  // namespace
 
+void qvTlsFaultIn(void* p, size_t bytes) {
+    auto* c = static_cast<volatile char*>(p);
+    for (size_t at = 0; at < bytes; at += 4096) c[at] = 0;
+    if (bytes > 0) c[bytes - 1] = 0;
+}
+
 bool qvTlsPreparedBlockBuild(QVTlsPreparedBlock* b) {
     memset(b, 0, sizeof(*b));
     const int proxyMode = tlsPoolProxyMode();
@@ -91,6 +98,8 @@ bool qvTlsPreparedBlockBuild(QVTlsPreparedBlock* b) {
     b->pool = static_cast<QVPerThreadData_t*>(
         qvlb_calloc(sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK, kPoolPurpose, -1));
     if (b->pool == nullptr) return false;
+    // Every page a request may write, here rather than in a request.
+    qvTlsFaultIn(b->pool, sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK);
     for (int i = 0; i < QV_TLS_POOL_BLOCK; i++) {
         QVPerThreadData_t* slot = &b->pool[i];
         if (b->withLocks) {
@@ -98,12 +107,7 @@ bool qvTlsPreparedBlockBuild(QVTlsPreparedBlock* b) {
             qvlb_create_nested_mutex(&slot->updateBTLock, nullptr);
         }
         if (b->withModels) b->models[i] = qvFlowpathPoolHooks.createMonitorDataModel();
-        // Fault in the pages that linking and a transaction's start and end write, here rather
-        // than in a request (under tlsMutex, for the linking).
-        slot->busy_next = nullptr;
-        slot->tlsIdx = 0;
         resetAllThreadLocals(slot, nullptr);
-        slot->sequenceBlob[0] = '\0';
     }
     return true;
 }

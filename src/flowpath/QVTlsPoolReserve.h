@@ -33,6 +33,10 @@ bool qvTlsPoolReserveRequest(QVPerThreadData_t* pool = nullptr, uint64_t slots =
 // qvFlowpathPoolHooks. Thread-safe; null pool does nothing.
 void qvTlsRegisterBlockModels(QVPerThreadData_t* pool, uint64_t slots);
 
+// Writes one byte in every page of fresh zeroed memory, so that a later first write does not fault:
+// a fault sleeps while another thread maps or unmaps memory.
+void qvTlsFaultIn(void* p, size_t bytes);
+
 // Makes a block as the background thread does (on the caller's thread). False when memory is
 // short (logged by the allocation), with nothing left to free.
 bool qvTlsPreparedBlockBuild(QVTlsPreparedBlock* b);
