@@ -4,24 +4,14 @@
 #ifndef QV_PROXY_HARNESS_H
 #define QV_PROXY_HARNESS_H
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
 #include <map>
-#include <memory>
 #include <set>
-#include <string>
-#include <vector>
+#include <span>
 
+#include "codec/qvlb_encode.h"
 #include "e2e/e2e_harness.h"
 #include "support/piped_child.h"
 #include "support/temp_home.h"
@@ -30,8 +20,6 @@ namespace proxytest {
 
 namespace fs = std::filesystem;
 using e2e::kWaitMs;
-
-using Child = PipedChild;
 
 // The agent keeps process-lifetime state (pools, registries) that a leak check at a child's exit
 // would report; the children's exits are not what these tests check.
@@ -44,25 +32,54 @@ inline std::string tool(const char* name) {
     return std::string(QV_BINARY_DIR) + "/tools/" + name;
 }
 
+// A connected Unix stream socket, -1 on failure.
+inline int connectUnix(const std::string& path) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    snprintf(a.sun_path, sizeof(a.sun_path), "%s", path.c_str());
+    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0) return fd;
+    if (fd >= 0) close(fd);
+    return -1;
+}
+
+// Frames as a worker encodes them.
+inline std::string frameOf(int len, const char* b) {
+    return std::string(b, static_cast<size_t>(len));
+}
+inline std::string startFrame(long fpi, const std::string& url) {
+    char b[1024];
+    return frameOf(buildTransactionStartFrame(b, sizeof(b), 0, fpi, nullptr, url.c_str(), nullptr, nullptr,
+                                              nullptr, nullptr, 0),
+                   b);
+}
+inline std::string entryFrame(long fpi, const std::string& m) {
+    char b[1024];
+    return frameOf(buildMethodEntryFrame(b, sizeof(b), 1, fpi, 7, m.c_str(), nullptr, nullptr, 0), b);
+}
+inline std::string exitFrame(long fpi, const std::string& m) {
+    char b[1024];
+    return frameOf(buildMethodExitFrame(b, sizeof(b), 1, 200, 1, 0, 7, 3, fpi, 0, m.c_str(), nullptr), b);
+}
+inline std::string endFrame(long fpi) {
+    char b[64];
+    return frameOf(buildTransactionEndFrame(b, sizeof(b), 200, fpi), b);
+}
+inline std::string resetFrame(long fpi) {
+    char b[64];
+    return frameOf(buildTransactionResetFrame(b, sizeof(b), fpi), b);
+}
+
 // The value of "key" in a JSON object text (a number), -1 when absent.
 inline long long jsonNumber(const std::string& json, const std::string& key) {
     const size_t at = json.find("\"" + key + "\":");
     return at == std::string::npos ? -1 : atoll(json.c_str() + at + key.size() + 3);
 }
 
-// The objects of the status reply's instances_detail, by tier name.
-inline std::map<std::string, std::string> instancesByTier(const std::string& status) {
-    std::map<std::string, std::string> out;
-    size_t at = status.find("\"instances_detail\"");
-    while (at != std::string::npos && (at = status.find('{', at)) != std::string::npos) {
-        const size_t end = status.find('}', at);
-        if (end == std::string::npos) break;
-        const std::string obj = status.substr(at, end - at + 1);
-        const size_t t = obj.find("\"tier\":\"");
-        if (t != std::string::npos) out[obj.substr(t + 8, obj.find('"', t + 8) - t - 8)] = obj;
-        at = end;
-    }
-    return out;
+// The part of a status reply's instances_detail entry of tier from its tier name on.
+inline std::string instanceStatus(const std::string& status, const std::string& tier) {
+    const size_t at = status.find("\"tier\":\"" + tier + "\"");
+    return at == std::string::npos ? "" : status.substr(at, status.find('}', at) - at);
 }
 
 // qvproxy in its own agent home, reporting to the collector on collectorPort.
@@ -88,13 +105,9 @@ class Proxy {
 
     // One status query on the Unix socket: the JSON line, "" on failure.
     std::string status() const {
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un a{};
-        a.sun_family = AF_UNIX;
-        snprintf(a.sun_path, sizeof(a.sun_path), "%s", socket_.c_str());
+        const int fd = connectUnix(socket_);
         std::string reply;
-        if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 &&
-            write(fd, "status\n", 7) == 7) {
+        if (fd >= 0 && write(fd, "status\n", 7) == 7) {
             char buf[65536];
             pollfd p{fd, POLLIN, 0};
             while (reply.find('\n') == std::string::npos && poll(&p, 1, 10000) > 0) {
@@ -119,14 +132,14 @@ class Proxy {
         return n;
     }
 
-    Child& process() { return child_; }
+    PipedChild& process() { return child_; }
     int port() const { return port_; }
     const std::string& socketPath() const { return socket_; }
     std::string log() const { return home_.traceLogs() + home_.read("stderr.log"); }
 
   private:
     TempAgentHome home_;
-    Child child_;
+    PipedChild child_;
     std::string socket_;
     int port_ = 0;
 };
@@ -180,10 +193,10 @@ class Worker {
     }
     long long close() { return command("close") ? answer("closed ") : -1; }
     bool quit() { return child_.send("quit\n") && child_.waitExit() == 0; }
-    Child& process() { return child_; }
+    PipedChild& process() { return child_; }
 
   private:
-    Child child_;
+    PipedChild child_;
 };
 
 // The collector's captures of one instance, concatenated per kind of connection, which are told
@@ -245,6 +258,18 @@ class ProxyTest : public ::testing::Test {
         ASSERT_TRUE(fs::exists(tool("qvproxy"))) << "build the qvproxy target";
     }
     std::string out(const std::string& name) const { return work_.path() + name; }
+    // The collector capturing into out(dir), then the proxy reporting to it.
+    void startBoth(e2e::Collector& qvc, const std::vector<std::string>& qvcArgs = {},
+                   const std::vector<std::string>& proxyArgs = {}, const std::string& dir = "qvc") {
+        ASSERT_TRUE(qvc.start(out(dir), qvcArgs));
+        ASSERT_TRUE(proxy_.start(qvc.port(), proxyArgs)) << proxy_.log();
+    }
+    // The workers quit, then the proxy ends cleanly on SIGTERM.
+    void stopAll(std::span<Worker> workers) {
+        for (Worker& w : workers) EXPECT_TRUE(w.quit());
+        proxy_.process().kill(SIGTERM);
+        EXPECT_EQ(proxy_.process().waitExit(), 0) << proxy_.log();
+    }
 
     TempAgentHome work_;  // collector captures
     Proxy proxy_;

@@ -1,24 +1,12 @@
 // Two application instances served at once by one proxy, in this process (so that the thread
 // sanitizer sees the loop thread, both instances' control and data threads and the relay): each
 // instance's collector connection carries its own identity and only its own workers' flowpaths.
-#include <sys/socket.h>
-#include <sys/un.h>
-
-#include "codec/qvlb_encode.h"
-#include "e2e/e2e_harness.h"
+#include "proxy/proxy_harness.h"
 #include "proxy/qv_proxy_server.h"
 
 namespace {
 
-int connectUnix(const std::string& path) {
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un a{};
-    a.sun_family = AF_UNIX;
-    snprintf(a.sun_path, sizeof(a.sun_path), "%s", path.c_str());
-    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0) return fd;
-    if (fd >= 0) close(fd);
-    return -1;
-}
+using proxytest::connectUnix;
 
 bool sendAll(int fd, const std::string& s) {
     return send(fd, s.data(), s.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(s.size());
@@ -37,20 +25,12 @@ bool readUntil(int fd, const std::string& needle) {
 
 std::string frames(const std::string& tier, int n) {
     std::string out;
-    char b[1024];
     for (int i = 0; i < n; ++i) {
         const long fpi = 1000 + i;  // both instances use the same numbers
-        const std::string url = "/" + tier + "/" + std::to_string(i);
         const std::string m = tier + ".handle";
-        out.append(b,
-                   static_cast<size_t>(buildTransactionStartFrame(b, sizeof(b), 0, fpi, nullptr, url.c_str(),
-                                                                  nullptr, nullptr, nullptr, nullptr, 0)));
-        out.append(b, static_cast<size_t>(
-                          buildMethodEntryFrame(b, sizeof(b), 1, fpi, 3, m.c_str(), nullptr, nullptr, 0)));
-        out.append(b, static_cast<size_t>(buildMethodExitFrame(b, sizeof(b), 1, 200, 1, 0, 3, 2, fpi, 0,
-                                                               m.c_str(), nullptr)));
-        out.append(b, static_cast<size_t>(buildTransactionEndFrame(b, sizeof(b), 200, fpi)));
-        out.append(b, static_cast<size_t>(buildTransactionResetFrame(b, sizeof(b), fpi)));
+        out += proxytest::startFrame(fpi, "/" + tier + "/" + std::to_string(i)) +
+               proxytest::entryFrame(fpi, m) + proxytest::exitFrame(fpi, m) + proxytest::endFrame(fpi) +
+               proxytest::resetFrame(fpi);
     }
     return out;
 }

@@ -1,39 +1,11 @@
 // The proxy's per-connection decoding against a started agent: frames cut anywhere across reads,
 // two workers that use the same flowpath instance, and a worker that dies mid-transaction.
 #include "codec/codec_fixture.h"
+#include "proxy/proxy_harness.h"
 
 namespace {
 
-std::string frameOf(int len, const char* b) {
-    return std::string(b, static_cast<size_t>(len));
-}
-
-std::string start(long fpi, const char* url) {
-    char b[512];
-    return frameOf(
-        buildTransactionStartFrame(b, sizeof(b), 0, fpi, nullptr, url, nullptr, nullptr, nullptr, nullptr, 0),
-        b);
-}
-
-std::string entry(long fpi, const char* m) {
-    char b[512];
-    return frameOf(buildMethodEntryFrame(b, sizeof(b), 1, fpi, 7, m, nullptr, nullptr, 0), b);
-}
-
-std::string exitOf(long fpi, const char* m) {
-    char b[512];
-    return frameOf(buildMethodExitFrame(b, sizeof(b), 1, 200, 1, 0, 7, 3, fpi, 0, m, nullptr), b);
-}
-
-std::string end(long fpi) {
-    char b[64];
-    return frameOf(buildTransactionEndFrame(b, sizeof(b), 200, fpi), b);
-}
-
-std::string resetOf(long fpi) {
-    char b[64];
-    return frameOf(buildTransactionResetFrame(b, sizeof(b), fpi), b);
-}
+using namespace proxytest;  // the frame builders
 
 // A connection's receive buffer as the loop thread keeps it: bytes arrive in pieces, the
 // decoder gets what is buffered and the unused rest waits for the next piece.
@@ -88,10 +60,12 @@ TEST_F(ProxyConnections, SplitFramesAndSharedIdsStayWithTheirConnection) {
 
     // Both workers open the same instance number; a's frames come one byte at a time, with noise
     // between them, b's whole, interleaved with a's.
-    a.deliver(start(fpi, "/a") + "xx", 1);
-    b.deliver(start(fpi, "/b"), 4096);
-    a.deliver(entry(fpi, "A.one") + exitOf(fpi, "A.one"), 1);
-    b.deliver(entry(fpi, "B.one") + exitOf(fpi, "B.one") + entry(fpi, "B.two") + exitOf(fpi, "B.two"), 7);
+    a.deliver(startFrame(fpi, "/a") + "xx", 1);
+    b.deliver(startFrame(fpi, "/b"), 4096);
+    a.deliver(entryFrame(fpi, "A.one") + exitFrame(fpi, "A.one"), 1);
+    b.deliver(entryFrame(fpi, "B.one") + exitFrame(fpi, "B.one") + entryFrame(fpi, "B.two") +
+                  exitFrame(fpi, "B.two"),
+              7);
     QVPerThreadData_t* ta = lookup(1, fpi);
     QVPerThreadData_t* tb = lookup(2, fpi);
     ASSERT_TRUE(ta != nullptr && tb != nullptr);
@@ -108,9 +82,9 @@ TEST_F(ProxyConnections, SplitFramesAndSharedIdsStayWithTheirConnection) {
 
     // a ends and resets its own; the Reset acts on a's last End even though b's End came later.
     const int freeBefore = qv_load(gFreeTLSCnt);
-    a.deliver(end(fpi), 5);
-    b.deliver(end(fpi), 4096);
-    a.deliver(resetOf(0), 3);
+    a.deliver(endFrame(fpi), 5);
+    b.deliver(endFrame(fpi), 4096);
+    a.deliver(resetFrame(0), 3);
     EXPECT_EQ(lookup(1, fpi), nullptr);
     EXPECT_EQ(lookup(2, fpi), tb);
     EXPECT_EQ(qv_load(gFreeTLSCnt), freeBefore + 1);
@@ -130,7 +104,9 @@ TEST_F(ProxyConnections, DeadWorkersOpenTransactionsAreEndedAndGivenBack) {
     ASSERT_NE(w.conn, nullptr);
     const int freeBefore = qv_load(gFreeTLSCnt);
     // Two open transactions, one of them in a method; the process dies in the middle of a frame.
-    w.deliver(start(11, "/x") + start(12, "/y") + entry(12, "Y.m") + entry(11, "X.m").substr(0, 20), 64);
+    w.deliver(startFrame(11, "/x") + startFrame(12, "/y") + entryFrame(12, "Y.m") +
+                  entryFrame(11, "X.m").substr(0, 20),
+              64);
     QVPerThreadData_t* t12 = lookup(9, 12);
     ASSERT_NE(t12, nullptr);
     EXPECT_EQ(qvlbDecodeConnOpen(w.conn), 2);
@@ -144,7 +120,7 @@ TEST_F(ProxyConnections, DeadWorkersOpenTransactionsAreEndedAndGivenBack) {
 
     // With no test running the open ones are only given back.
     Wire v{qvlbDecodeConnCreate(app_, ids_, 10)};
-    v.deliver(start(13, "/z"), 64);
+    v.deliver(startFrame(13, "/z"), 64);
     qv_store(app_->Server.testRunRunning, 0);
     qvlbDecodeConnClose(v.conn, 502, &ended, &reset);
     EXPECT_EQ(reset, 1);

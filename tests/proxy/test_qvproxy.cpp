@@ -10,7 +10,6 @@
 #include <regex>
 #include <thread>
 
-#include "codec/qvlb_encode.h"
 #include "proxy/proxy_harness.h"
 
 namespace {
@@ -23,12 +22,6 @@ using proxytest::Instance;
 using proxytest::Worker;
 
 class QvProxy : public proxytest::ProxyTest {};
-
-long long sumOver(const std::string& status, const std::string& key) {
-    long long n = 0;
-    for (const auto& [tier, obj] : proxytest::instancesByTier(status)) n += proxytest::jsonNumber(obj, key);
-    return n;
-}
 
 // Flowpath headers (2) whose URL is url.
 int headersOf(const std::string& data, const std::string& url) {
@@ -60,19 +53,9 @@ std::string frameHeader(int totalLen, int type) {
     return "^" + std::string(reinterpret_cast<const char*>(hdr), sizeof(hdr)) + "|";
 }
 
-// A Transaction Start of url and its Transaction End, as a worker encodes them.
-std::string transactionFrames(long fpi, const std::string& url) {
-    char b[4096];
-    const int n = buildTransactionStartFrame(b, sizeof(b), 0, fpi, nullptr, url.c_str(), nullptr, nullptr,
-                                             nullptr, nullptr, 0);
-    const int m = buildTransactionEndFrame(b + n, static_cast<int>(sizeof(b)) - n, 200, fpi);
-    return std::string(b, static_cast<size_t>(n + m));
-}
-
 TEST_F(QvProxy, EightWorkersOfTwoInstancesShareOneCollectorSessionPerInstance) {
     e2e::Collector qvc;
-    ASSERT_TRUE(qvc.start(out("qvc"), {"--keyword", "qvMonitorInterval=1"}));
-    ASSERT_TRUE(proxy_.start(qvc.port())) << proxy_.log();
+    ASSERT_NO_FATAL_FAILURE(startBoth(qvc, {"--keyword", "qvMonitorInterval=1"}));
     Instance a("TierA", "ServerA"), b("TierB", "ServerB");
     a.settings(proxy_.port());
     b.settings(proxy_.port(), proxy_.socketPath());
@@ -134,22 +117,19 @@ TEST_F(QvProxy, EightWorkersOfTwoInstancesShareOneCollectorSessionPerInstance) {
         EXPECT_EQ(proxytest::btCount(c.as, me.vectorPrefix(), false, &foreign), sent[k]);
         EXPECT_FALSE(foreign) << c.as;
         EXPECT_EQ((c.data + c.as).find(other.server), std::string::npos);
-        const std::string detail = proxytest::instancesByTier(status)[me.tier];
+        const std::string detail = proxytest::instanceStatus(status, me.tier);
         EXPECT_EQ(proxytest::jsonNumber(detail, "workers"), 4) << detail;
         EXPECT_EQ(proxytest::jsonNumber(detail, "flowpaths_ended"), sent[k]) << detail;
     }
 
-    for (Worker& w : workers) EXPECT_TRUE(w.quit());
-    proxy_.process().kill(SIGTERM);
-    EXPECT_EQ(proxy_.process().waitExit(), 0) << proxy_.log();
+    stopAll(workers);
 }
 
 // Workers come and go a hundred times, each killed with transactions open in the middle of
 // methods, while four others keep the proxy busy.
 TEST_F(QvProxy, WorkersKilledMidTransactionLeaveNoOpenRecordsNorDescriptors) {
     e2e::Collector qvc;
-    ASSERT_TRUE(qvc.start(out("qvc"), {}));
-    ASSERT_TRUE(proxy_.start(qvc.port())) << proxy_.log();
+    ASSERT_NO_FATAL_FAILURE(startBoth(qvc));
     // One instance, its workers on TCP (a) and on the Unix socket (b).
     Instance a("TierA", "ServerA"), b("TierA", "ServerA");
     a.settings(proxy_.port());
@@ -157,11 +137,12 @@ TEST_F(QvProxy, WorkersKilledMidTransactionLeaveNoOpenRecordsNorDescriptors) {
     Worker load[4];
     for (int i = 0; i < 4; ++i) ASSERT_TRUE(load[i].start(i % 2 == 0 ? a : b)) << proxy_.log();
     // The level: the load workers and the instance's connections to the collector.
+    int descriptors = 0;
     ASSERT_TRUE(waitUntil([&] {
         const Capture c = proxytest::capturesByTier(out("qvc"))[a.tier];
+        descriptors = proxy_.descriptors();  // before the status query's own connection
         return proxy_.figure("workers") == 4 && c.controls == 1 && c.datas == 1 && c.ases == 1;
     })) << proxy_.status();
-    const int descriptors = proxy_.descriptors();
 
     std::atomic<bool> stop{false};
     std::atomic<long long> loadTraced{0};
@@ -196,35 +177,26 @@ TEST_F(QvProxy, WorkersKilledMidTransactionLeaveNoOpenRecordsNorDescriptors) {
     // Once the killed workers' connections are closed: nothing open, every interrupted flowpath
     // accounted for, descriptors as before.
     const auto settled = [&] {
+        const int fds = proxy_.descriptors();  // as above
         const std::string s = proxy_.status();
-        return proxytest::jsonNumber(s, "workers") == 4 && sumOver(s, "open_flowpaths") == 0 &&
+        return proxytest::jsonNumber(s, "workers") == 4 && proxytest::jsonNumber(s, "open_flowpaths") == 0 &&
                proxytest::jsonNumber(s, "interrupted_ended") +
                        proxytest::jsonNumber(s, "interrupted_reset") ==
                    interrupted &&
-               proxy_.descriptors() == descriptors;
+               fds == descriptors;
     };
-    waitUntil(settled);
-    const std::string status = proxy_.status();
-    EXPECT_EQ(proxytest::jsonNumber(status, "workers"), 4) << status;
-    EXPECT_EQ(sumOver(status, "open_flowpaths"), 0) << status;
-    EXPECT_EQ(proxytest::jsonNumber(status, "interrupted_ended") +
-                  proxytest::jsonNumber(status, "interrupted_reset"),
-              interrupted)
-        << status;
-    EXPECT_EQ(proxy_.descriptors(), descriptors);
+    EXPECT_TRUE(waitUntil(settled)) << "interrupted " << interrupted << ", descriptors " << descriptors
+                                    << " now " << proxy_.descriptors() << ", " << proxy_.status();
 
-    for (Worker& w : load) EXPECT_TRUE(w.quit());
-    proxy_.process().kill(SIGTERM);
-    EXPECT_EQ(proxy_.process().waitExit(), 0) << proxy_.log();
+    stopAll(load);
 }
 
 // The collector is killed while transactions are open and workers go on, then comes back on the
 // same port: every record is delivered once or counted as discarded.
 TEST_F(QvProxy, KilledCollectorLosesNothingUncounted) {
     e2e::Collector first, second;
-    ASSERT_TRUE(first.start(out("qvc1"), {}));
+    ASSERT_NO_FATAL_FAILURE(startBoth(first, {}, {}, "qvc1"));
     const int port = first.port();
-    ASSERT_TRUE(proxy_.start(port)) << proxy_.log();
     Instance a("TierA", "ServerA"), b("TierA", "ServerA");
     a.settings(proxy_.port());
     b.settings(proxy_.port(), proxy_.socketPath());
@@ -272,18 +244,14 @@ TEST_F(QvProxy, KilledCollectorLosesNothingUncounted) {
     const auto heads = proxytest::flowpathIds(data, 2), ends = proxytest::flowpathIds(data, 4);
     EXPECT_TRUE(std::includes(ends.begin(), ends.end(), heads.begin(), heads.end()));
 
-    for (Worker& w : workers) EXPECT_TRUE(w.quit());
-    proxy_.process().kill(SIGTERM);
-    EXPECT_EQ(proxy_.process().waitExit(), 0) << proxy_.log();
+    stopAll(workers);
 }
 
 // Garbage, impossible frame lengths, a silent connection and more connections than allowed each
 // cost only their own connection: the proxy serves a good worker throughout and afterwards.
 TEST_F(QvProxy, HostileConnectionsAffectOnlyThemselves) {
     e2e::Collector qvc;
-    ASSERT_TRUE(qvc.start(out("qvc"), {}));
-    ASSERT_TRUE(proxy_.start(qvc.port(), {"--max-connections", "16", "--max-buffer", "131072"}))
-        << proxy_.log();
+    ASSERT_NO_FATAL_FAILURE(startBoth(qvc, {}, {"--max-connections", "16", "--max-buffer", "131072"}));
     Instance a("TierA", "ServerA");
     a.settings(proxy_.port());
     Worker good;
@@ -311,7 +279,7 @@ TEST_F(QvProxy, HostileConnectionsAffectOnlyThemselves) {
         "qv_data_msg_req:appName=qvsdk;qvAppServerHost=ServerA;tierName=TierA;pid=424242\n\n";
     std::string frames = req + frameHeader(3, 0) + std::string(48, 'x') + frameHeader(-40, 2) +
                          std::string(48, 'y') + frameHeader(0x7fffffff, 1) + std::string(70000, 'z') +
-                         transactionFrames(77, "/hostile/resync");
+                         proxytest::startFrame(77, "/hostile/resync") + proxytest::endFrame(77);
     (void)!write(data, frames.data(), frames.size());
 
     // More connections than allowed: the surplus is closed, the good worker goes on.
@@ -337,10 +305,8 @@ TEST_F(QvProxy, HostileConnectionsAffectOnlyThemselves) {
     EXPECT_TRUE(proxy_.process().alive());
     close(silent);
 
-    EXPECT_TRUE(good.quit());
     EXPECT_TRUE(late.quit());
-    proxy_.process().kill(SIGTERM);
-    EXPECT_EQ(proxy_.process().waitExit(), 0) << proxy_.log();
+    stopAll({&good, 1});
 }
 
 }  // namespace

@@ -102,23 +102,15 @@ class PipedChild {
         return at == std::string::npos ? -1 : atoll(line.c_str() + at + key.size());
     }
 
-    bool alive() {
-        int st = 0;
-        return pid_ > 0 && waitpid(pid_, &st, WNOHANG) == 0;
-    }
+    bool alive() { return !reaped(); }
 
     // Exit code once it ended (128 + signal when killed), -1 if it still runs after ms.
     int waitExit(int ms = kPipedChildWaitMs) {
-        if (pid_ <= 0) return exitCode_;
-        int st = 0;
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-        while (waitpid(pid_, &st, WNOHANG) != pid_) {
+        while (!reaped()) {
             if (std::chrono::steady_clock::now() >= deadline) return -1;
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
-        exitCode_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-        pid_ = -1;
-        closePipes();
         return exitCode_;
     }
 
@@ -127,10 +119,17 @@ class PipedChild {
     }
 
   private:
-    void closePipes() {
-        if (stdin_ >= 0) close(stdin_);
-        if (stdout_ >= 0) close(stdout_);
-        stdin_ = stdout_ = -1;
+    // True once the child ended (or never started): its exit code is kept, its pipes closed.
+    bool reaped() {
+        int st = 0;
+        if (pid_ > 0 && waitpid(pid_, &st, WNOHANG) == pid_) {
+            exitCode_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+            pid_ = -1;
+            if (stdin_ >= 0) close(stdin_);
+            if (stdout_ >= 0) close(stdout_);
+            stdin_ = stdout_ = -1;
+        }
+        return pid_ <= 0;
     }
 
     pid_t pid_ = -1;
