@@ -82,16 +82,5 @@ BENCHMARK(BM_ExtRequest);
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    if (g_sdkReady) {
-        qv_store(qvApplication->Server.testRunRunning, 0);
-        qv_agent_shutdown();
-        g_sdkReader.stop();
-        qvc_server_arr = nullptr;
-        server_arr_size = 0;
-    }
-    return 0;
+    return runBenchmarksThenStopAgent(argc, argv);
 }

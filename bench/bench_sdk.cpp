@@ -165,23 +165,8 @@ void BM_SdkAllocations(benchmark::State& state) {
 }
 BENCHMARK(BM_SdkAllocations)->Iterations(5)->Unit(benchmark::kMillisecond);
 
-// Stops the data thread (closing its connection ends the reader's read) and the reader.
-void tearDownAgent() {
-    if (!g_sdkReady) return;
-    qv_store(qvApplication->Server.testRunRunning, 0);
-    qv_agent_shutdown();
-    g_sdkReader.stop();
-    qvc_server_arr = nullptr;
-    server_arr_size = 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    tearDownAgent();
-    return 0;
+    return runBenchmarksThenStopAgent(argc, argv);
 }

@@ -10,6 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <benchmark/benchmark.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -126,6 +128,26 @@ class Reader {
     while (g_sdkReader.bytes() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     g_sdkReady = true;
     return true;
+}
+
+// Stops the data thread (closing its connection ends the reader's read) and the reader.
+[[maybe_unused]] void tearDownSdkAgent() {
+    if (!g_sdkReady) return;
+    qv_store(qvApplication->Server.testRunRunning, 0);
+    qv_agent_shutdown();
+    g_sdkReader.stop();
+    qvc_server_arr = nullptr;
+    server_arr_size = 0;
+}
+
+// main of a benchmark program that may have started the agent.
+[[maybe_unused]] int runBenchmarksThenStopAgent(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    tearDownSdkAgent();
+    return 0;
 }
 
 }  // namespace
