@@ -53,4 +53,27 @@ inline void startDataThread(QVProxyInstance_t* app) {
     ASSERT_EQ(check_data_thread(), 0);
 }
 
+// A started agent (no collector: its control thread is stopped) whose flowpath engine the
+// decoder drives: every flowpath captured, a test run on, a fresh fpi_tls_map.
+class DecodingAgentTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        home_ = makeHome();
+        app_ = startAgent();
+        ASSERT_NE(app_, nullptr);
+        qv_store(app_->QVSys.bciInstrSessionPct, 100);
+        qv_store(app_->Server.testRunRunning, 1);
+        app_->fpi_tls_map = create_hashmap(nullptr);
+    }
+    void TearDown() override {
+        qvlb_decode_reset_for_test();  // nothing decodes into the map any more
+        if (app_ != nullptr) destroy_hashmap(app_->fpi_tls_map);
+        resetWholeAgent();
+        home_.reset();
+    }
+
+    std::unique_ptr<TempAgentHome> home_;
+    QVProxyInstance_t* app_ = nullptr;
+};
+
 #endif

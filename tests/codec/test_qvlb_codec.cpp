@@ -280,33 +280,18 @@ TEST_F(Codec, RoundTripOfRandomFrames) {
 
 namespace {
 
-// A started agent (no collector: its control thread is stopped) whose flowpath engine the
-// decoder drives, with instance 0 bound to it and a fresh fpi_tls_map.
-class DecodeIntoAgent : public ::testing::Test {
+// The decoding agent with instance 0 bound to it.
+class DecodeIntoAgent : public DecodingAgentTest {
   protected:
     void SetUp() override {
-        home_ = makeHome();
-        app_ = startAgent();
-        ASSERT_NE(app_, nullptr);
-        qv_store(app_->QVSys.bciInstrSessionPct, 100);
-        qv_store(app_->Server.testRunRunning, 1);
-        app_->fpi_tls_map = create_hashmap(nullptr);
-        qvlbSetDecodeInstance(0, app_);
-    }
-    void TearDown() override {
-        qvlb_decode_reset_for_test();  // nothing decodes into the map any more
-        if (app_ != nullptr) destroy_hashmap(app_->fpi_tls_map);
-        resetWholeAgent();
-        home_.reset();
+        DecodingAgentTest::SetUp();
+        if (app_ != nullptr) qvlbSetDecodeInstance(0, app_);
     }
     QVPerThreadData_t* lookup(long fpi) {
         char key[9];
         fpiTlsMapKey(fpi, key);
         return static_cast<QVPerThreadData_t*>(search_hashmap(app_->fpi_tls_map, key));
     }
-
-    std::unique_ptr<TempAgentHome> home_;
-    QVProxyInstance_t* app_ = nullptr;
 };
 
 }  // namespace

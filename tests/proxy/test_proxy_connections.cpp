@@ -22,22 +22,15 @@ struct Wire {
     }
 };
 
-class ProxyConnections : public ::testing::Test {
+class ProxyConnections : public DecodingAgentTest {
   protected:
     void SetUp() override {
-        home_ = makeHome();
-        app_ = startAgent();
-        ASSERT_NE(app_, nullptr);
-        qv_store(app_->QVSys.bciInstrSessionPct, 100);
-        qv_store(app_->Server.testRunRunning, 1);
-        app_->fpi_tls_map = create_hashmap(nullptr);
+        DecodingAgentTest::SetUp();
         ids_ = qvlbDecodeIdSetCreate();
     }
     void TearDown() override {
         qvlbDecodeIdSetDestroy(ids_);
-        if (app_ != nullptr) destroy_hashmap(app_->fpi_tls_map);
-        resetWholeAgent();
-        home_.reset();
+        DecodingAgentTest::TearDown();
     }
     QVPerThreadData_t* lookup(unsigned long long conn, long fpi) {
         char key[64];
@@ -45,8 +38,6 @@ class ProxyConnections : public ::testing::Test {
         return static_cast<QVPerThreadData_t*>(search_hashmap(app_->fpi_tls_map, key));
     }
 
-    std::unique_ptr<TempAgentHome> home_;
-    QVProxyInstance_t* app_ = nullptr;
     QVDecodeIdSet* ids_ = nullptr;
 };
 
