@@ -98,8 +98,6 @@ bool qvTlsPreparedBlockBuild(QVTlsPreparedBlock* b) {
     b->pool = static_cast<QVPerThreadData_t*>(
         qvlb_calloc(sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK, kPoolPurpose, -1));
     if (b->pool == nullptr) return false;
-    // Every page a request may write, here rather than in a request.
-    qvTlsFaultIn(b->pool, sizeof(QVPerThreadData_t) * QV_TLS_POOL_BLOCK);
     for (int i = 0; i < QV_TLS_POOL_BLOCK; i++) {
         QVPerThreadData_t* slot = &b->pool[i];
         if (b->withLocks) {
@@ -107,7 +105,13 @@ bool qvTlsPreparedBlockBuild(QVTlsPreparedBlock* b) {
             qvlb_create_nested_mutex(&slot->updateBTLock, nullptr);
         }
         if (b->withModels) b->models[i] = qvFlowpathPoolHooks.createMonitorDataModel();
+        // Fault in the pages that linking and a transaction's start and end write, here rather
+        // than in a request (under tlsMutex, for the linking). Not the whole record: most of a
+        // blob's pages are never written, and the SDK keeps every record.
+        slot->busy_next = nullptr;
+        slot->tlsIdx = 0;
         resetAllThreadLocals(slot, nullptr);
+        slot->sequenceBlob[0] = '\0';
     }
     return true;
 }
