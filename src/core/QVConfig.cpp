@@ -412,8 +412,6 @@ int readQVProxyConfig() {
         char* v;
         if ((v = search_keyword(line, "proxyConType")) != nullptr) {
             QVProxy.proxyConType = qvParseInt(v);
-        } else if ((v = search_keyword(line, "proxySocketPath")) != nullptr) {
-            qvlb_replace_str(&QVProxy.socketPath, v, "QVProxy.socketPath");
         } else if ((v = search_keyword(line, "proxyPort")) != nullptr) {
             QVProxy.proxyPort = qvParseInt(v);
             snprintf(QVProxy.proxyHost, sizeof(QVProxy.proxyHost), "%s", "0.0.0.0");

@@ -41,6 +41,25 @@
 
 namespace {
 
+// The Unix socket path from proxysetting.conf. readQVProxyConfig keeps to its own keys (and logs
+// this one as unknown); the proxy server reads the workers' key name itself, same grammar.
+void readProxySocketPath() {
+    const char* home = QVProxy.qvHomePath != nullptr ? QVProxy.qvHomePath : "";
+    char path[2048];
+    snprintf(path, sizeof(path), "%s/config/proxysetting.conf", home);
+    FILE* fp = fopen(path, "r");
+    if (fp == nullptr) return;
+    char line[1024];
+    int tooLong = 0;
+    while (qv_read_conf_line(fp, line, sizeof(line), &tooLong) >= 0) {
+        if (tooLong || strchr("# \t\r\n", line[0]) != nullptr) continue;
+        line[strcspn(line, "\r\n")] = '\0';
+        if (char* v = search_keyword(line, "proxySocketPath"); v != nullptr)
+            qvlb_replace_str(&QVProxy.socketPath, v, "QVProxy.socketPath");
+    }
+    fclose(fp);
+}
+
 const char kModule[] = "PROXY";
 const char kStatusQuery[] = "status";
 // A dead worker's open flowpath ends with what the web server in front answers for it.
@@ -707,6 +726,7 @@ int qvProxyInit(const QVProxyOptions& opts) {
     QVProxy.proxyServerFlag = 1;
     setProxyQVHome();
     readQVProxyConfig();
+    readProxySocketPath();
     readProcessConfFile();
     agent_init(nullptr, 1, "qvproxy", nullptr);
     qvAgentHooks.controlThreadEntry = controlEntry;
